@@ -1,0 +1,27 @@
+# The two commands a user needs. Both install what is missing first.
+#   make demo   build kSieve and run it on the bundled sample data
+#   make test   build with warnings as errors, run every test, then again under
+#               AddressSanitizer and UndefinedBehaviorSanitizer
+JOBS ?= $(shell nproc)
+
+.PHONY: demo test deps build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake --build build/release -j $(JOBS)
+
+demo: build
+	@bash scripts/demo.sh build/release
+
+test: deps
+	bash scripts/check-format.sh
+	cmake -S . -B build/ci -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSIEVE_WERROR=ON
+	cmake --build build/ci -j $(JOBS)
+	ctest --test-dir build/ci --output-on-failure -j $(JOBS)
+	cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKSIEVE_WERROR=ON \
+	  -DKSIEVE_SANITIZE=ON -DKSIEVE_BUILD_COMPANION=OFF -DKSIEVE_BUILD_BENCH=OFF
+	cmake --build build/sanitize -j $(JOBS)
+	ctest --test-dir build/sanitize --output-on-failure -j $(JOBS)

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that kSieve needs to build, test and benchmark.
+# Idempotent: packages already present are left alone and apt is not touched.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build make          # toolchain
+  googletest libgtest-dev libgmock-dev # unit and golden tests
+  libbenchmark-dev                    # bench/
+  clang-format                        # formatting check in CI
+  libopenms-dev zlib1g-dev            # the mzML/mzXML companion extractor
+  openms                              # reference converter for the companion benchmark
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  sudo="sudo"
+fi
+echo "Installing: ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,62 @@
+// Run control: the batch over the configured data paths, the per-file flows and
+// the run of the companion extractor.
+//
+// Everything here works on the per-file fields of the UserParameters it is given
+// and fails only by throwing (a std::string or std::runtime_error, reported by
+// the entry point); one failing file ends the batch and what it wrote stays
+// behind unfinished, so the next run redoes it. Finished inputs are recognised by
+// their markers and skipped unless m_rewrite_files is set:
+//   <stem>.csv    in the output directory  - the file was fully processed
+//   <stem>.spexor in the output directory  - the companion has extracted it
+//   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "userparameters.h"
+
+namespace ksieve {
+
+// The scan gate of the per-file pipeline: MS2 scans of other activation or
+// instrument types reach no output at all.
+extern const std::set<std::string> g_activation_types;  // CID HCD ETD ETCID ETHCD
+extern const std::set<std::string> g_instrument_types;  // IT FT
+
+// Installs the peak format, loads the isotope table once, then walks
+// m_datapaths in order, sending each file down the flow of its format word.
+void run_batch(UserParameters& params);
+
+// The lower-cased extension of an existing file (the whole path when it has no
+// dot); for a directory or a missing path, m_input_format as it stands.
+std::string input_format_of(const std::string& path, const UserParameters& params);
+
+// Sets m_current_path/_dir/_name/_stem/_ext for `path` and, with the output
+// beside the input, m_outputpath. Asserts "i_dot != string::npos".
+void set_current_file(UserParameters& params, const std::string& path);
+
+// <m_outputpath>/<stem><suffix> and <m_current_dir>/<stem><suffix>.
+std::string output_path(const UserParameters& params, const std::string& suffix);
+std::string sibling_path(const UserParameters& params, const std::string& suffix);
+
+// Loads m_ipv_file into the process-wide isotope table unless it is loaded.
+void LoadIpvMatrix(const std::string& path);
+
+// A raw, mzXML or mzML file: resume check, companion run, then the pipeline on
+// the extracted pair; with m_delete_msn the pair and its marker are removed.
+void process_instrument_file(UserParameters& params);
+
+// Runs the companion ("ms" kind) unless its marker exists, passing its output to
+// the log under "SUBPROCESS". Throws std::runtime_error when the pipe fails and
+// "Cannot use spexor to extract signals from: <path>" when the extraction does.
+void run_extractor(UserParameters& params, const std::string& kind);
+
+// One `.ms1` file and its `.ms2` partner beside it: detection for every MS2 scan
+// that passes the gate, then .ks1/.ks2/.mgf output and the precursor table, which
+// takes its final name <stem>.csv last of all.
+void process_ms_files(UserParameters& params);
+
+// An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
+void process_mgf_file(UserParameters& params);
+
+}  // namespace ksieve

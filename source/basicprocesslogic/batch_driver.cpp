@@ -1,0 +1,112 @@
+
+#include "basicprocesslogic.h"
+#include "featuresextractor.h"
+#include "logger.h"
+#include "spectrumfiles.h"
+#include "utils.h"
+
+namespace ksieve {
+
+const std::set<std::string> g_activation_types = {"CID", "HCD", "ETD", "ETCID", "ETHCD"};
+const std::set<std::string> g_instrument_types = {"IT", "FT"};
+
+namespace {
+
+bool is_format_word(const std::string& word) {
+    return word == "ms1" || word == "mgf" || word == "raw" || word == "mzxml" || word == "mzml";
+}
+
+}  // namespace
+
+void run_batch(UserParameters& params) {
+    set_peak_format(params.m_peak_format);
+    LoadIpvMatrix(params.m_ipv_file);
+    for (const std::string& entry : params.m_datapaths) {
+        const std::string word = input_format_of(entry, params);
+        // The word stays in force for the paths that follow: a directory after a
+        // single .mgf file is listed as MGF whatever the configuration says.
+        if (is_format_word(word)) {
+            params.m_input_format = word;
+        }
+        if (word == "ms1") {
+            for (const std::string& file : list_files(entry, ".ms1")) {
+                set_current_file(params, file);
+                process_ms_files(params);
+            }
+        } else if (word == "mgf") {
+            for (const std::string& file : list_files(entry, ".mgf")) {
+                set_current_file(params, file);
+                process_mgf_file(params);
+            }
+        } else {
+            KS_ASSERT(params.m_input_format == "raw" || params.m_input_format == "mzxml" ||
+                          params.m_input_format == "mzml",
+                      "params.m_input_format == \"raw\" || params.m_input_format == \"mzxml\" "
+                      "|| params.m_input_format == \"mzml\"");
+            for (const std::string& file : list_files(entry, "." + params.m_input_format)) {
+                set_current_file(params, file);
+                process_instrument_file(params);
+            }
+        }
+    }
+}
+
+std::string input_format_of(const std::string& path, const UserParameters& params) {
+    if (!file_exists(path)) {
+        return params.m_input_format;
+    }
+    const size_t dot = path.rfind('.');
+    return to_lower(dot == std::string::npos ? path : path.substr(dot + 1));
+}
+
+void set_current_file(UserParameters& params, const std::string& path) {
+    params.m_current_path = path;
+    const size_t separator = path.find_last_of(kPathSeparators);
+    if (separator != std::string::npos) {
+        params.m_current_dir = path.substr(0, separator);
+        params.m_current_name = path.substr(separator + 1);
+    } else {
+        params.m_current_dir = ".";
+        params.m_current_name = path;
+    }
+    const size_t i_dot = params.m_current_name.rfind('.');
+    KS_ASSERT(i_dot != std::string::npos, "i_dot != string::npos");
+    params.m_current_stem = params.m_current_name.substr(0, i_dot);
+    params.m_current_ext = params.m_current_name.substr(i_dot + 1);
+    if (params.m_output_beside_input) {
+        params.m_outputpath = params.m_current_dir;
+    }
+}
+
+std::string output_path(const UserParameters& params, const std::string& suffix) {
+    return join_path({params.m_outputpath, params.m_current_stem + suffix});
+}
+
+std::string sibling_path(const UserParameters& params, const std::string& suffix) {
+    return join_path({params.m_current_dir, params.m_current_stem + suffix});
+}
+
+void LoadIpvMatrix(const std::string& path) {
+    if (FeaturesExtractor::m_h_is_IPV_inited) {
+        return;
+    }
+    FeaturesExtractor::InstallIpvMatrix(read_ipv_file(path));
+}
+
+void process_instrument_file(UserParameters& params) {
+    if (!params.m_rewrite_files && file_exists(output_path(params, ".csv"))) {
+        log_info(params.m_current_path + " has existed results, skipping...");
+        return;
+    }
+    run_extractor(params, "ms");
+    set_current_file(params, output_path(params, ".ms1"));
+    process_ms_files(params);
+    if (!params.m_delete_msn) {
+        return;
+    }
+    delete_file(output_path(params, ".ms1"));
+    delete_file(output_path(params, ".ms2"));
+    delete_file(output_path(params, ".spexor"));
+}
+
+}  // namespace ksieve

@@ -1,0 +1,71 @@
+// The plain records that carry spectra from the readers through precursor
+// detection to the writers, and the MS1 window of the per-file pipeline.
+//
+// These hold data only and do no I/O, so detection and scoring depend on this
+// header alone and never on the file code beside it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace ksieve {
+
+// One centroid. Peak lists are kept in peak order (see peak_less) once a reader
+// has finished a scan, and every merge keeps that order.
+struct Peak {
+    double m_mz = 0.0;
+    double m_intensity = 0.0;
+};
+
+// Peak order: smaller m/z first; at exactly equal m/z, smaller intensity first.
+inline bool peak_less(const Peak& a, const Peak& b) {
+    return a.m_mz < b.m_mz || (a.m_mz == b.m_mz && a.m_intensity < b.m_intensity);
+}
+
+// A precursor ion: mono-isotopic m/z and charge, negative for negative ions.
+struct Precursor {
+    double m_mz = 0.0;
+    int32_t m_charge = 0;
+};
+
+// Valid when the m/z is at least 1e-6 and the charge is not 0.
+inline bool is_valid(const Precursor& precursor) {
+    return precursor.m_mz >= 1e-6 && precursor.m_charge != 0;
+}
+
+struct MS1Spectrum {
+    int32_t m_scan = 0;
+    double m_retention_time = 0.0;  // as it stands in the input
+    double m_ion_injection_time = 0.0;
+    std::string m_instrument_type;  // "FT", "IT" or "Unknown"
+    std::vector<Peak> m_peaks;      // peak order
+};
+
+struct MS2Spectrum {
+    int32_t m_scan = 0;
+    int32_t m_precursor_scan = 0;      // parent MS1 scan number; 0 when not given
+    double m_activation_center = 0.0;  // isolation target m/z
+    double m_retention_time = 0.0;     // as it stands in the input
+    double m_ion_injection_time = 0.0;
+    std::string m_activation_type;                   // trimmed of blanks, tabs and line ends
+    std::string m_instrument_type;                   // "FT", "IT" or "Unknown"
+    std::vector<Precursor> m_instrument_precursors;  // valid declared ones, never changed
+    std::vector<Precursor> m_precursors;             // working list: detection, writers
+    std::vector<Peak> m_peaks;                       // peak order
+};
+
+// The window over the last kMs1StoreSize FT scans. It starts full of default
+// records (scan 0), each FT scan pulled drops the front and appends at the back,
+// and after the end of the MS1 file every failed pull drops one more. Scan
+// numbers never fall from front to back, which the parent search relies on.
+using Ms1Store = std::deque<MS1Spectrum>;
+inline constexpr std::size_t kMs1StoreSize = 5000;
+
+inline Ms1Store make_ms1_store() {
+    return Ms1Store(kMs1StoreSize);
+}
+
+}  // namespace ksieve

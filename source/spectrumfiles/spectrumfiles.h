@@ -1,0 +1,151 @@
+// Every file that kSieve reads or writes: the stream records, the `.ms1`/`.ms2`
+// and MGF readers, the KS binary writers, the MGF and CSV writers, and the reader
+// of the isotope table.
+//
+// Opening failures throw the open_file message of utils ("Cannot open  File,
+// Path: <path>", two blanks: the label is empty); output writes are not checked.
+// Each opening of a spectrum file logs "Start to process <path>" first; finishing
+// logs "Closed <path>", "Finished Operations on <path>" and
+// "Scan Number in <path>: <count>". Owners call finish_spectrum_file, then
+// release_spectrum_file.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "records.h"
+
+namespace ksieve {
+
+// Bytes of one line buffer: at most 1023 characters and a terminator arrive at a
+// time; a longer line arrives in pieces, each handled by its first character.
+inline constexpr int kLineBufferSize = 1024;
+
+// The head shared by every spectrum file.
+struct SpectrumFile {
+    int32_t m_scan_count = 0;  // scans read or written so far (never precursors)
+    std::string m_path;
+    std::string m_mode;
+    std::FILE* m_stream = nullptr;
+};
+
+// A `.ms1` or `.ms2` input. m_line is also the reader's one-line look-ahead: a
+// line whose first byte is not 0 has not been consumed yet.
+struct LineFile {
+    SpectrumFile m_head;
+    char m_line[kLineBufferSize] = {};
+};
+
+// An MGF input, or one MGF output file (m_title is the stem printed in titles).
+struct MgfFile {
+    SpectrumFile m_head;
+    std::string m_title;
+    char m_line[kLineBufferSize] = {};
+};
+
+// One KS data file with its index beside it (path + "idx").
+struct KsFile {
+    SpectrumFile m_head;
+    std::FILE* m_index_stream = nullptr;
+};
+
+// The precursor table, written as <path>_unfinished until finish_csv_file.
+struct CsvFile {
+    SpectrumFile m_head;
+    std::string m_unfinished_path;
+};
+
+// ---- streams -------------------------------------------------------------
+
+// Count 0, path and mode stored, "Start to process <path>" logged, then opened.
+void open_spectrum_file(SpectrumFile& file, std::string path, std::string mode);
+void finish_spectrum_file(SpectrumFile& file);
+void release_spectrum_file(SpectrumFile& file);
+
+// Reads the next line (newline and any carriage return kept) into `line`.
+// False at the end of the stream.
+bool GetLine(SpectrumFile& file, char* line);
+
+// ---- readers -------------------------------------------------------------
+// `scan` must be a default record. True: one scan filled in and m_scan_count
+// raised by 1, peaks in peak order. False: the file is finished. Invalid declared
+// precursors are dropped with the "WARN" line
+// "Scan <n> has incorrect precursor infomation, skipping this precursor...".
+
+bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan);
+bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan);
+// Throws the fixed title message (a const char*) for a title it cannot parse.
+bool ReadMgfScan(MgfFile& file, MS2Spectrum& scan);
+
+// ---- KS binary output (little-endian, no padding) -------------------------
+
+// Opens data and index files (mode "wb+") and writes the header: count 0, title
+// length, title bytes.
+void open_ks_file(KsFile& file, std::string path, std::string mode, std::string title);
+// Appends one record and its index entry (scan, position); raises the count.
+void write_ks1_record(KsFile& file, const MS1Spectrum& scan);
+void write_ks2_record(KsFile& file, const MS2Spectrum& scan);
+// Rewrites the scan count at offset 0. The owner then finishes and releases.
+void finalize_ks_file(KsFile& file);
+
+// One output file per activation-and-instrument key, opened on first use: the
+// member's path is the template path with the key put before its 4-byte
+// extension, so "<stem>_.ks2" and "HCD" + "FT" give "<stem>_HCDFT.ks2".
+template <typename File>
+struct OutputFileSet {
+    int32_t m_extension_length = 4;
+    std::string m_template_path;
+    std::string m_mode;
+    std::string m_title;
+    std::map<std::string, std::unique_ptr<File>> m_files;  // by key, byte order
+};
+using KsFileSet = OutputFileSet<KsFile>;
+using MgfFileSet = OutputFileSet<MgfFile>;
+
+KsFile& file_for(KsFileSet& set, const MS2Spectrum& spectrum);
+MgfFile& file_for(MgfFileSet& set, const MS2Spectrum& spectrum);
+// Finalises (KS only), finishes and releases every member in key order, then
+// empties the set. A set with no member leaves no file behind.
+void close_file_set(KsFileSet& set);
+void close_file_set(MgfFileSet& set);
+
+// ---- MGF and CSV output -----------------------------------------------------
+
+// The printf format of one MGF peak line, "%.5f %.1f\n" until run_batch installs
+// the one built from the m/z and intensity digits.
+extern char g_peak_format[32];
+void set_peak_format(const std::string& format);
+
+// Opens an MGF output file (mode "w+"), logging as any spectrum file.
+void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title);
+// One block per entry of m_precursors, every peak repeated in each. The caller
+// raises the file's m_scan_count once per scan.
+void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan);
+
+// Opens <path>_unfinished and writes the header line; logs nothing.
+void open_csv_file(CsvFile& file, std::string path, std::string mode);
+// Raises the count and writes one row: declared m/z and charge, then one
+// "n, mz, charge, " triple per precursor.
+void write_csv_row(CsvFile& file, const MS2Spectrum& scan);
+// Finishes the stream, deletes any old <path>, renames <path>_unfinished to it.
+// Throws "Cannot rename file: <unfinished path>".
+void finish_csv_file(CsvFile& file);
+
+// ---- isotope table ------------------------------------------------------------
+
+inline constexpr int kIpvRows = 15000;
+inline constexpr int kIpvColumns = 5;
+using IpvRow = std::array<double, kIpvColumns>;
+
+// Reads whitespace-separated numbers, five per integer mass from 0 upwards, into
+// kIpvRows rows; rows the file does not reach stay 0. Reading stops at the end
+// of the file, at the end of the table, or at a token that is not a number.
+// Throws "Cannot open IPV Store File, Path: <path>".
+std::vector<IpvRow> read_ipv_file(std::string path);
+
+}  // namespace ksieve

@@ -1,0 +1,94 @@
+// Every run parameter, the three option tables, and the two ways of filling them:
+// a parameter file or the command line.
+//
+// A run is configured from exactly one source. Both readers gather text pairs
+// into a ParameterMap, then run one tail: apply_parameters, print_parameters (the
+// echo in the log), finalize_parameters (validation, output and log directories,
+// peak format, windows). Failures throw: a `const char*` for a fixed message, a
+// std::string for a composed one; the entry point reports both. A data path that
+// names nothing is the one soft failure: it is dropped with a "WARN" line.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace ksieve {
+
+// Key to value, ordered by plain byte comparison; operator[] creates an empty
+// value for a missing key, which the usage text and the template rely on.
+using ParameterMap = std::map<std::string, std::string>;
+
+struct UserParameters {
+    bool m_rewrite_files = false;          // rewrite_files
+    bool m_co_elute = true;                // co-elute
+    bool m_cut_similiar_mono = true;       // cut_similiar_mono
+    bool m_delete_msn = false;             // delete_msn
+    bool m_check_activationcenter = true;  // check_activationcenter
+    bool m_output_ks = true;               // output_ks
+    bool m_output_mgf = true;              // output_mgf
+    bool m_mstolppm = true;                // mstolppm: m_mstol in ppm, else in m/z
+    int32_t m_intensity_digits = 1;        // intensity: decimals of MGF intensities
+    int32_t m_mz_digits = 5;               // m/z: decimals of MGF peak m/z
+    int32_t m_mars_model = 4;              // mars_model
+    double m_mars_threshold = -0.34;       // mars_threshold
+    double m_isolation_width = 2.0;        // isolation_width, m/z
+    double m_recalibrate_window = 7.0;     // recalibrate_window, ppm half-width
+    double m_mstol = 20.0;                 // mstol
+    std::string m_logfilepath;             // logfilepath
+    std::string m_ipv_file = "IPV.txt";    // ipv_file
+    std::string m_input_format = "raw";    // input_format, stored as given
+    std::string m_outputpath;              // outputpath; empty: beside each input
+    std::vector<std::string> m_datapaths;  // datapath / datanum + datapathN
+    // Set by finalising or per input file; no key.
+    bool m_output_beside_input = false;
+    std::string m_peak_format;  // printf format of one MGF peak line
+    std::string m_current_path;
+    std::string m_current_dir;     // "." when the path has no directory part
+    std::string m_current_name;    // file name with extension
+    std::string m_current_stem;    // file name without extension
+    std::string m_current_ext;     // extension without the dot
+    double m_peak_window = 3.0;    // isolation_width + 1, after finalising
+    double m_search_window = 3.5;  // peak window + tolerance margin, after finalising
+};
+
+// Option letter (without the dash) to long key; 18 rows, case-sensitive.
+extern ParameterMap g_short_options;
+// Long key to help text (with its own leading tabs and line feeds).
+extern ParameterMap g_option_help;
+// Long key to the text of its default: parameters_to_map of a default record.
+extern ParameterMap g_default_values;
+
+// Reads `key = value` lines ('#' comments, ';' and '[' lines skipped, keys
+// lowered) and returns the finalised record. The file stays open until exit.
+UserParameters read_parameter_file(std::string path);
+// `-x value` pairs, or a single data path; returns the finalised record.
+UserParameters read_command_line(int argc, char** argv);
+
+// Copies the keys present in `map` into `record`, in the fixed order booleans,
+// integers, doubles, mstolppm, strings, data paths.
+void apply_parameters(UserParameters& record, ParameterMap map);
+// Validates the digits, settles output and log directories (opening the log),
+// builds m_peak_format and computes m_peak_window and m_search_window.
+void finalize_parameters(UserParameters& record);
+
+// strtol / strtod semantics (leading blanks skipped, trailing text ignored); no
+// digits or out of range throws "cannot turn param: <name:..> <value:..> into an
+// int." / "... into an double.".
+int32_t to_int(std::string value, std::string name);
+double to_double(std::string value, std::string name);
+
+// The text form of every parameter: 20 rows plus one datapathN row per path.
+void parameters_to_map(const UserParameters& record, ParameterMap& map);
+// "%f" of a value.
+std::string format_double(double value);
+// The numbered parameter echo, through the log at INFO.
+void print_parameters(const UserParameters& record);
+// Writes "kSieve<Y><M><D><h><m><s>.params" in the working directory unless a file
+// of that name exists.
+void write_parameter_template();
+// The usage text, on standard output.
+void print_usage();
+
+}  // namespace ksieve

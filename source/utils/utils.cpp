@@ -1,0 +1,299 @@
+#include "utils.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <iostream>
+
+namespace ksieve {
+
+const std::string g_path_separator = "/";
+
+namespace {
+
+// One flag per byte value, so that bytes above 127 are ordinary members.
+using ByteSet = std::array<bool, 256>;
+
+ByteSet make_byte_set(const std::string& set) {
+    ByteSet flags{};
+    for (unsigned char c : set) {
+        flags[c] = true;
+    }
+    return flags;
+}
+
+bool is_c_space(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// The directory reader: open by name, read entry names, close.
+struct DirectoryReader {
+    DIR* handle = nullptr;
+    explicit DirectoryReader(const std::string& path) : handle(opendir(path.c_str())) {}
+    ~DirectoryReader() {
+        if (handle != nullptr) {
+            closedir(handle);
+        }
+    }
+    DirectoryReader(const DirectoryReader&) = delete;
+    DirectoryReader& operator=(const DirectoryReader&) = delete;
+    bool is_open() const { return handle != nullptr; }
+    bool next(std::string& name) {
+        dirent* entry = readdir(handle);
+        if (entry == nullptr) {
+            return false;
+        }
+        name = entry->d_name;
+        return true;
+    }
+};
+
+}  // namespace
+
+std::string ltrim(std::string text, std::string set) {
+    const ByteSet flags = make_byte_set(set);
+    size_t first = 0;
+    while (first < text.size() && flags[static_cast<unsigned char>(text[first])]) {
+        ++first;
+    }
+    return text.substr(first);
+}
+
+std::string rtrim(std::string text, std::string set) {
+    const ByteSet flags = make_byte_set(set);
+    size_t end = text.size();
+    while (end > 0 && flags[static_cast<unsigned char>(text[end - 1])]) {
+        --end;
+    }
+    text.resize(end);
+    return text;
+}
+
+std::string trim(std::string text, std::string set) {
+    return rtrim(ltrim(std::move(text), set), set);
+}
+
+std::string to_lower(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+bool ends_with(std::string text, std::string suffix) {
+    text = trim(std::move(text), kWhiteSpace);
+    if (text.size() < suffix.size()) {
+        return false;
+    }
+    size_t t = text.size();
+    for (size_t s = suffix.size(); s > 0; --s, --t) {
+        if (std::tolower(static_cast<unsigned char>(text[t - 1])) !=
+            std::tolower(static_cast<unsigned char>(suffix[s - 1]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::vector<std::string> split(std::string text, std::string set) {
+    const ByteSet flags = make_byte_set(set);
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (flags[static_cast<unsigned char>(text[i])]) {
+            pieces.push_back(text.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    return pieces;
+}
+
+std::string join_path(std::vector<std::string> parts) {
+    std::string result;
+    for (std::string& part : parts) {
+        if (!result.empty()) {
+            result += g_path_separator;
+        }
+        result += rtrim(std::move(part), g_path_separator);
+    }
+    return result;
+}
+
+bool file_exists(std::string path) {
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file == nullptr) {
+        return false;
+    }
+    struct stat info {};
+    const bool is_directory = fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode);
+    std::fclose(file);
+    return !is_directory;
+}
+
+bool directory_exists(std::string path) {
+    return DirectoryReader(path).is_open();
+}
+
+bool path_exists(std::string path) {
+    return file_exists(path) || directory_exists(path);
+}
+
+std::FILE* open_file(std::string path, std::string mode, std::string label) {
+    std::FILE* file = std::fopen(path.c_str(), mode.c_str());
+    if (file == nullptr) {
+        throw "Cannot open " + label + " File, Path: " + path;
+    }
+    return file;
+}
+
+void make_directory(std::string path) {
+    path = rtrim(trim(std::move(path), kWhiteSpace), kPathSeparators);
+    if (directory_exists(path)) {
+        return;
+    }
+    const std::string command = "mkdir -p \"" + path + "\"";
+    std::cout.flush();
+    std::cerr.flush();
+    if (std::system(command.c_str()) != 0) {
+        throw "Can not make the directory: " + path;
+    }
+}
+
+void delete_file(std::string path) {
+    if (file_exists(path) && std::remove(path.c_str()) != 0) {
+        throw "Cannot delete file: " + path;
+    }
+}
+
+std::string parent_directory(std::string path) {
+    if (directory_exists(path)) {
+        return path;
+    }
+    const size_t last = path.find_last_of(kPathSeparators);
+    if (last != std::string::npos) {
+        return path.substr(0, last);
+    }
+    return path.empty() ? "." : path;
+}
+
+std::vector<std::string> list_files(std::string path, std::string extension) {
+    if (ends_with(to_lower(path), extension) && file_exists(path)) {
+        return {path};
+    }
+    DirectoryReader reader(path);
+    if (!reader.is_open()) {
+        throw "Cannot open File: " + path;
+    }
+    std::vector<std::string> names;
+    std::string name;
+    while (reader.next(name)) {
+        if (!name.empty() && name[0] != '.' && ends_with(to_lower(name), extension)) {
+            names.push_back(name);
+        }
+    }
+    // The file system's order differs between machines; byte order keeps a batch
+    // reproducible.
+    std::sort(names.begin(), names.end());
+    std::vector<std::string> paths;
+    paths.reserve(names.size());
+    for (const std::string& entry : names) {
+        paths.push_back(join_path({path, entry}));
+    }
+    return paths;
+}
+
+void rewind_file(std::string path, std::FILE* file) {
+    if (fseeko(file, 0, SEEK_SET) != 0) {
+        throw "Cannot relocate to " + std::to_string(0) + " in " + path;
+    }
+}
+
+double WeightedStdDev(const std::vector<double>& values, std::vector<double> weights) {
+    KS_ASSERT(values.size() == weights.size(), "values.size() == weights.size()");
+    if (values.empty()) {
+        return 0.0;
+    }
+    double w = 0.0;
+    double a = 0.0;
+    double b = 0.0;
+    for (size_t i = 0; i < values.size(); ++i) {
+        w += weights[i];
+        a += weights[i] * values[i];
+        b += weights[i] * values[i] * values[i];
+    }
+    if (w <= 1e-6) {
+        return 0.0;
+    }
+    return std::sqrt(std::fabs(b - a * a / w) / w);
+}
+
+double text_to_double(const char* text) {
+    const char* p = text;
+    while (is_c_space(*p)) {
+        ++p;
+    }
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+') {
+        ++p;
+    }
+    // Hexadecimal floats and overflow are rare enough to leave to strtod itself.
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+        return std::strtod(text, nullptr);
+    }
+    if (*p == '-' || *p == '+') {
+        return 0.0;
+    }
+    double value = 0.0;
+    const char* end = p;
+    while (*end != '\0' && *end != '\n') {
+        ++end;
+    }
+    const auto [ptr, ec] = std::from_chars(p, end, value, std::chars_format::general);
+    if (ec == std::errc::invalid_argument) {
+        return 0.0;
+    }
+    if (ec == std::errc::result_out_of_range) {
+        return std::strtod(text, nullptr);
+    }
+    return negative ? -value : value;
+}
+
+int text_to_int(const char* text) {
+    const char* p = text;
+    while (is_c_space(*p)) {
+        ++p;
+    }
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+') {
+        ++p;
+    }
+    unsigned long long magnitude = 0;
+    const char* end = p;
+    while (*end >= '0' && *end <= '9') {
+        ++end;
+    }
+    if (end == p) {
+        return 0;
+    }
+    const auto [ptr, ec] = std::from_chars(p, end, magnitude);
+    if (ec != std::errc() || magnitude > 0x7fffffffffffffffULL) {
+        return static_cast<int>(std::strtol(text, nullptr, 10));
+    }
+    const long long value =
+        negative ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
+    return static_cast<int>(value);
+}
+
+void assertion_failed(const char* text) {
+    std::cout.flush();
+    std::cerr << "Assertion failed: " << text << std::endl;
+    std::abort();
+}
+
+}  // namespace ksieve
