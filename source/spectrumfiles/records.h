@@ -25,6 +25,8 @@ inline bool peak_less(const Peak& a, const Peak& b) {
     return a.m_mz < b.m_mz || (a.m_mz == b.m_mz && a.m_intensity < b.m_intensity);
 }
 
+using PeakList = std::vector<Peak>;
+
 // A precursor ion: mono-isotopic m/z and charge, negative for negative ions.
 struct Precursor {
     double m_mz = 0.0;
@@ -56,6 +58,10 @@ struct MS2Spectrum {
     std::vector<Precursor> m_precursors;             // working list: detection, writers
     std::vector<Peak> m_peaks;                       // peak order
 };
+
+// The MS1 signal around one MS2 scan's isolation target: exactly ten peak lists
+// (four scans before the parent, the parent, five after), or none at all.
+using Ms1Slices = std::vector<PeakList>;
 
 // The window over the last kMs1StoreSize FT scans. It starts full of default
 // records (scan 0), each FT scan pulled drops the front and appends at the back,
