@@ -11,9 +11,12 @@
 //   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "records.h"
 #include "userparameters.h"
 
 namespace ksieve {
@@ -55,6 +58,14 @@ void run_extractor(UserParameters& params, const std::string& kind);
 // that passes the gate, then .ks1/.ks2/.mgf output and the precursor table, which
 // takes its final name <stem>.csv last of all.
 void process_ms_files(UserParameters& params);
+
+// The same pipeline with the detection step supplied by the caller (the plain
+// overload passes DetectPrecursors). Benchmarks use it to time reading and
+// writing alone, tests to drive the handling of detection results; a detector
+// must behave as DetectPrecursors does: no I/O, empty when it finds nothing.
+using PrecursorDetector = std::function<std::vector<Precursor>(
+    const UserParameters&, const Ms1Store&, const MS2Spectrum&)>;
+void process_ms_files(UserParameters& params, const PrecursorDetector& detect);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
 void process_mgf_file(UserParameters& params);

@@ -1,0 +1,227 @@
+// The per-file pipeline: one `.ms1`/`.ms2` pair read in step, the precursors of
+// every MS2 scan determined from the MS1 window around it, and the results
+// written as KS, MGF and the precursor table.
+//
+// Memory stays bounded whatever the length of the run: the MS1 side is a window
+// of kMs1StoreSize FT scans, the MS2 side one scan at a time.
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "basicprocesslogic.h"
+#include "detection.h"
+#include "logger.h"
+#include "spectrumfiles.h"
+#include "utils.h"
+
+namespace ksieve {
+
+namespace {
+
+// Read-ahead stops once this many FT scans stand behind the parent scan, and
+// never runs on a window of kMinWindow records or fewer; detection needs at
+// least kMinWindow records to cut its ten slices from.
+constexpr std::size_t kScansBehindParent = 5;
+constexpr std::size_t kMinWindow = 10;
+constexpr int32_t kProgressStep = 1000;
+
+// Everything one pipeline call owns. The members are opened in the order of
+// declaration; close_pipeline releases them in its own fixed order.
+struct MsPipeline {
+    LineFile ms1;
+    LineFile ms2;
+    CsvFile table;
+    std::optional<KsFile> ks1;
+    std::optional<KsFileSet> ks2;
+    std::optional<MgfFileSet> mgf;
+    Ms1Store store;
+};
+
+// Back to a default record, keeping the peak buffer's capacity for the next
+// scan: the readers only append, so nothing of the old content can show.
+void reset_keeping_buffer(MS1Spectrum& scan) {
+    std::vector<Peak> peaks = std::move(scan.m_peaks);
+    peaks.clear();
+    scan = MS1Spectrum{};
+    scan.m_peaks = std::move(peaks);
+}
+
+void reset_keeping_buffer(MS2Spectrum& scan) {
+    std::vector<Peak> peaks = std::move(scan.m_peaks);
+    peaks.clear();
+    scan = MS2Spectrum{};
+    scan.m_peaks = std::move(peaks);
+}
+
+// Advances the MS1 stream by one scan. Every scan goes to the KS1 file; an FT
+// scan also enters the window, pushing out the oldest record, whose buffers come
+// back in `scan` for reuse (the caller resets it before the next pull). At the
+// end of the stream the window loses its front record and false is returned.
+bool pull_ms1_scan(MS1Spectrum& scan, Ms1Store& store, LineFile& reader, KsFile* ks1) {
+    if (!ReadMs1Scan(reader, scan)) {
+        if (!store.empty()) {
+            store.pop_front();
+        }
+        return false;
+    }
+    if (ks1 != nullptr) {
+        write_ks1_record(*ks1, scan);
+    }
+    if (scan.m_instrument_type == "FT") {
+        KS_ASSERT(store.size() > 0, "ms1Store.size() > 0");
+        MS1Spectrum leaving = std::move(store.front());
+        store.pop_front();
+        store.push_back(std::move(scan));
+        scan = std::move(leaving);
+    }
+    const int32_t count = reader.m_head.m_scan_count;
+    if (count % kProgressStep == 0) {
+        log_info("Extracting MS1, Scan Num = " + std::to_string(count));
+    }
+    return true;
+}
+
+// Pulls MS1 scans until five FT scans stand behind the parent of `ms2` (or the
+// MS1 file ends). A scan with no parent (0) pulls nothing.
+void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2) {
+    KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
+    reset_keeping_buffer(ms1);
+    while (p.store.size() > kMinWindow &&
+           p.store[p.store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
+        if (!pull_ms1_scan(ms1, p.store, p.ms1, ks1)) {
+            return;
+        }
+        reset_keeping_buffer(ms1);
+    }
+}
+
+bool passes_gate(const MS2Spectrum& scan) {
+    return g_activation_types.count(scan.m_activation_type) != 0 &&
+           g_instrument_types.count(scan.m_instrument_type) != 0;
+}
+
+// Detection runs only for a scan with a positive declared charge and a window
+// large enough to slice; when it finds nothing the declared precursors stand.
+void determine_precursors(const UserParameters& params, const PrecursorDetector& detect,
+                          const Ms1Store& store, MS2Spectrum& scan) {
+    if (scan.m_precursors.empty() || scan.m_precursors.front().m_charge < 1 ||
+        store.size() < kMinWindow) {
+        return;
+    }
+    scan.m_precursors = detect(params, store, scan);
+    if (scan.m_precursors.empty()) {
+        scan.m_precursors = scan.m_instrument_precursors;
+    }
+}
+
+// Drops what no writer may print: an m/z below 1e-6 or a charge of 0. Walked
+// from the back, so one scan's messages come last entry first.
+void remove_invalid_precursors(MS2Spectrum& scan) {
+    for (size_t i = scan.m_precursors.size(); i-- > 0;) {
+        if (!is_valid(scan.m_precursors[i])) {
+            scan.m_precursors.erase(scan.m_precursors.begin() + static_cast<std::ptrdiff_t>(i));
+            log("WARN", "Scan " + std::to_string(scan.m_scan) +
+                            " has incorrect precursor infomation, skipping...");
+        }
+    }
+}
+
+void write_scan(MsPipeline& p, const MS2Spectrum& scan) {
+    if (p.ks2) {
+        write_ks2_record(file_for(*p.ks2, scan), scan);
+    }
+    if (p.mgf) {
+        MgfFile& mgf = file_for(*p.mgf, scan);
+        ++mgf.m_head.m_scan_count;  // scans, not blocks
+        write_mgf_blocks(mgf, scan);
+    }
+    write_csv_row(p.table, scan);
+}
+
+void handle_ms2_scan(MsPipeline& p, const UserParameters& params, const PrecursorDetector& detect,
+                     MS2Spectrum& scan) {
+    // Scans outside the known activation and instrument types leave no trace.
+    if (!passes_gate(scan)) {
+        return;
+    }
+    const int32_t count = p.ms2.m_head.m_scan_count;
+    if (count % kProgressStep == 0) {
+        log_info("Extracting MS2, Scan Num = " + std::to_string(count));
+    }
+    determine_precursors(params, detect, p.store, scan);
+    remove_invalid_precursors(scan);
+    if (!scan.m_precursors.empty()) {
+        write_scan(p, scan);
+    }
+}
+
+void open_pipeline(MsPipeline& p, const UserParameters& params) {
+    open_spectrum_file(p.ms1.m_head, params.m_current_path, "r");
+    open_spectrum_file(p.ms2.m_head, sibling_path(params, ".ms2"), "r");
+    open_csv_file(p.table, output_path(params, ".csv"), "w+");
+    const std::string& title = params.m_current_stem;
+    if (params.m_output_ks) {
+        p.ks1.emplace();
+        open_ks_file(*p.ks1, output_path(params, ".ks1"), "wb+", title);
+        p.ks2.emplace(KsFileSet{4, output_path(params, "_.ks2"), "wb+", title, {}});
+    }
+    if (params.m_output_mgf) {
+        p.mgf.emplace(MgfFileSet{4, output_path(params, "_.mgf"), "w+", title, {}});
+    }
+    p.store = make_ms1_store();
+}
+
+// The precursor table is renamed last: a <stem>.csv on disk means that every
+// other output of the file is complete, which the resume check relies on.
+void close_pipeline(MsPipeline& p) {
+    finish_spectrum_file(p.ms1.m_head);
+    release_spectrum_file(p.ms1.m_head);
+    if (p.ks1) {
+        finalize_ks_file(*p.ks1);
+        finish_spectrum_file(p.ks1->m_head);
+        release_spectrum_file(p.ks1->m_head);
+    }
+    finish_spectrum_file(p.ms2.m_head);
+    release_spectrum_file(p.ms2.m_head);
+    if (p.ks2) {
+        close_file_set(*p.ks2);
+        p.ks2.reset();
+    }
+    if (p.mgf) {
+        close_file_set(*p.mgf);
+        p.mgf.reset();
+    }
+    finish_csv_file(p.table);
+    release_spectrum_file(p.table.m_head);
+    p.store = Ms1Store{};
+}
+
+}  // namespace
+
+void process_ms_files(UserParameters& params) {
+    process_ms_files(params, DetectPrecursors);
+}
+
+void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
+    if (!params.m_rewrite_files && file_exists(output_path(params, ".csv"))) {
+        log_info(params.m_current_path + " has existed results, skipping...");
+        return;
+    }
+    MsPipeline p;
+    open_pipeline(p, params);
+    MS1Spectrum ms1;
+    MS2Spectrum ms2;
+    while (ReadMs2Scan(p.ms2, ms2)) {
+        read_ahead(p, ms1, ms2);
+        handle_ms2_scan(p, params, detect, ms2);
+        reset_keeping_buffer(ms2);
+    }
+    // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
+    reset_keeping_buffer(ms1);
+    while (pull_ms1_scan(ms1, p.store, p.ms1, p.ks1 ? &*p.ks1 : nullptr)) {
+        reset_keeping_buffer(ms1);
+    }
+    close_pipeline(p);
+}
+
+}  // namespace ksieve
