@@ -1,13 +1,33 @@
 #include "featuresextractor.h"
+#include "utils.h"
 
 namespace ksieve {
 
 bool FeaturesExtractor::m_h_is_IPV_inited = false;
 std::vector<std::array<double, 5>> FeaturesExtractor::m_h_IPV_Matrix;
 
+namespace {
+
+// The proton mass with which the table's rows are keyed.
+constexpr double kProtonMass = 1.007276;
+
+}  // namespace
+
 void FeaturesExtractor::InstallIpvMatrix(std::vector<std::array<double, 5>> rows) {
     m_h_IPV_Matrix = std::move(rows);
     m_h_is_IPV_inited = true;
+}
+
+const std::array<double, 5>& FeaturesExtractor::GetIpvRow() const {
+    const double z = m_precursor.m_charge;
+    const double mz = z * m_precursor.m_mz - z * kProtonMass + kProtonMass;
+    // The row is the mass truncated toward zero, and an index below 0 is as far
+    // out of the table as one past its end. Tested on the mass itself so that no
+    // out-of-range value is ever converted.
+    const bool in_table = mz > -1.0 && mz < static_cast<double>(m_h_IPV_Matrix.size());
+    KS_ASSERT(m_h_is_IPV_inited && in_table,
+              "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()");
+    return m_h_IPV_Matrix[static_cast<std::size_t>(static_cast<int32_t>(mz))];
 }
 
 }  // namespace ksieve
