@@ -1,6 +1,12 @@
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string>
 
 #include "spectrumfiles.h"
+#include "utils.h"
 
 namespace ksieve {
 
@@ -8,6 +14,106 @@ char g_peak_format[32] = "%.5f %.1f\n";
 
 void set_peak_format(const std::string& format) {
     std::strncpy(g_peak_format, format.c_str(), sizeof(g_peak_format) - 1);
+}
+
+namespace {
+
+// Decimals of the m/z and the intensity of one peak line.
+struct PeakDigits {
+    int m_mz = 0;
+    int m_intensity = 0;
+};
+
+// Two digits at most: a wider precision would overflow the line buffer below.
+const char* read_precision(const char* format, int& digits) {
+    if (format[0] != '%' || format[1] != '.' || format[2] < '0' || format[2] > '9') {
+        return nullptr;
+    }
+    digits = format[2] - '0';
+    const char* rest = format + 3;
+    if (*rest >= '0' && *rest <= '9') {
+        digits = digits * 10 + (*rest++ - '0');
+    }
+    return *rest == 'f' ? rest + 1 : nullptr;
+}
+
+// The digits of a format "%.<m>f %.<i>f\n", the form that finalising builds;
+// nothing for any other format, which then goes to fprintf as it stands.
+std::optional<PeakDigits> fixed_digits(const char* format) {
+    PeakDigits digits;
+    const char* rest = read_precision(format, digits.m_mz);
+    if (rest == nullptr || *rest != ' ') {
+        return std::nullopt;
+    }
+    rest = read_precision(rest + 1, digits.m_intensity);
+    if (rest == nullptr || std::strcmp(rest, "\n") != 0) {
+        return std::nullopt;
+    }
+    return digits;
+}
+
+// Room for two fixed-point doubles (at most 309 integer digits, a sign, a point
+// and 99 decimals each), the blank and the line feed.
+constexpr std::size_t kPeakLineSize = 1024;
+
+char* put_fixed(char* out, char* end, double value, int digits) {
+    const auto [next, error] = std::to_chars(out, end, value, std::chars_format::fixed, digits);
+    KS_ASSERT(error == std::errc(), "error == std::errc()");
+    return next;
+}
+
+// The hot path of MGF output: to_chars prints exactly what printf "%.Nf"
+// prints, without parsing the format for every peak.
+void write_peaks(std::FILE* stream, const std::vector<Peak>& peaks) {
+    const std::optional<PeakDigits> digits = fixed_digits(g_peak_format);
+    if (!digits) {
+        for (const Peak& peak : peaks) {
+            std::fprintf(stream, g_peak_format, peak.m_mz, peak.m_intensity);
+        }
+        return;
+    }
+    char line[kPeakLineSize];
+    char* const end = line + kPeakLineSize;
+    for (const Peak& peak : peaks) {
+        char* out = put_fixed(line, end, peak.m_mz, digits->m_mz);
+        *out++ = ' ';
+        out = put_fixed(out, end, peak.m_intensity, digits->m_intensity);
+        *out++ = '\n';
+        std::fwrite(line, 1, static_cast<std::size_t>(out - line), stream);
+    }
+}
+
+// Negative ions carry their sign behind the number, as in "CHARGE=3-".
+void write_charge(std::FILE* stream, int32_t charge) {
+    if (charge >= 0) {
+        std::fprintf(stream, "CHARGE=%d+\n", charge);
+    } else {
+        std::fprintf(stream, "CHARGE=%lld-\n", -static_cast<long long>(charge));
+    }
+}
+
+}  // namespace
+
+void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title) {
+    open_spectrum_file(file.m_head, std::move(path), std::move(mode));
+    file.m_title = std::move(title);
+}
+
+// The title counts the precursors of a scan from 0; the precursor table counts
+// them from 1.
+void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
+    std::FILE* stream = file.m_head.m_stream;
+    for (std::size_t i = 0; i < scan.m_precursors.size(); ++i) {
+        const Precursor& precursor = scan.m_precursors[i];
+        std::fputs("BEGIN IONS\n", stream);
+        std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
+                     scan.m_scan, precursor.m_charge, static_cast<int>(i));
+        write_charge(stream, precursor.m_charge);
+        std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time);
+        std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz);
+        write_peaks(stream, scan.m_peaks);
+        std::fputs("END IONS\n", stream);
+    }
 }
 
 }  // namespace ksieve

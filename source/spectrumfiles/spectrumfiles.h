@@ -11,6 +11,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -26,12 +27,22 @@ namespace ksieve {
 // time; a longer line arrives in pieces, each handled by its first character.
 inline constexpr int kLineBufferSize = 1024;
 
+// Bytes of the stdio buffer given to every stream opened for reading: spectrum
+// text runs to gigabytes, and large reads keep the line getter off the kernel.
+inline constexpr std::size_t kReadBufferSize = std::size_t{1} << 20;
+
 // The head shared by every spectrum file.
 struct SpectrumFile {
     int32_t m_scan_count = 0;  // scans read or written so far (never precursors)
     std::string m_path;
     std::string m_mode;
     std::FILE* m_stream = nullptr;
+    std::unique_ptr<char[]> m_read_buffer;  // the stream's buffer, when opened for reading
+
+    // A record that goes out of scope with its stream still open (a failure
+    // unwinding past its owner) closes the stream quietly, so the stream never
+    // outlives its buffer; what was written stays as it was.
+    ~SpectrumFile();
 };
 
 // A `.ms1` or `.ms2` input. m_line is also the reader's one-line look-ahead: a
@@ -67,8 +78,9 @@ void open_spectrum_file(SpectrumFile& file, std::string path, std::string mode);
 void finish_spectrum_file(SpectrumFile& file);
 void release_spectrum_file(SpectrumFile& file);
 
-// Reads the next line (newline and any carriage return kept) into `line`.
-// False at the end of the stream.
+// Reads the next line (newline and any carriage return kept) into `line`, a
+// buffer of kLineBufferSize bytes; a longer line arrives in pieces. False at the
+// end of the stream, with `line` untouched. The stream must be open.
 bool GetLine(SpectrumFile& file, char* line);
 
 // ---- readers -------------------------------------------------------------
@@ -79,8 +91,28 @@ bool GetLine(SpectrumFile& file, char* line);
 
 bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan);
 bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan);
-// Throws the fixed title message (a const char*) for a title it cannot parse.
+// Throws kMgfTitleFailure (a const char*) for a title it cannot parse.
 bool ReadMgfScan(MgfFile& file, MS2Spectrum& scan);
+
+inline constexpr char kMgfTitleFailure[] =
+    "Sorry, kSieve fail to parse the title of the MGF.\n[Error] Incorrect title format! correct "
+    "format should be: \tRAWName.scan.scan.charge.dta\ne.g:\t\thuman_SILAC.2345.2345.2.dta";
+
+// Pieces shared by the readers.
+
+// The pending line in `line` (first byte not 0), or else the next one from the
+// stream. False at the end of the stream, with line[0] set to 0.
+bool pending_or_next_line(SpectrumFile& file, char* line);
+// A peak line "<m/z> <intensity>": the line is cut at blanks in place and the
+// two first tokens are read as atof reads them; a missing intensity reads as 0.
+Peak parse_peak_line(char* line);
+// Sorts into peak order. A NaN, which only junk text produces, goes behind every
+// number so that the order stays a strict one and the sort stays defined.
+void sort_peaks(PeakList& peaks);
+// The end of an MS2 scan: peaks sorted, invalid precursors dropped from the
+// last to the first with their "WARN" line, the valid ones kept as the
+// instrument's, and the file's count raised.
+void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan);
 
 // ---- KS binary output (little-endian, no padding) -------------------------
 
@@ -90,12 +122,15 @@ void open_ks_file(KsFile& file, std::string path, std::string mode, std::string 
 // Appends one record and its index entry (scan, position); raises the count.
 void write_ks1_record(KsFile& file, const MS1Spectrum& scan);
 void write_ks2_record(KsFile& file, const MS2Spectrum& scan);
-// Rewrites the scan count at offset 0. The owner then finishes and releases.
+// Rewrites the scan count at offset 0 and closes the index stream, so that the
+// index is complete on disk as soon as the data file is. The owner then
+// finishes and releases the data file.
 void finalize_ks_file(KsFile& file);
 
 // One output file per activation-and-instrument key, opened on first use: the
 // member's path is the template path with the key put before its 4-byte
 // extension, so "<stem>_.ks2" and "HCD" + "FT" give "<stem>_HCDFT.ks2".
+// The template path must be at least m_extension_length bytes long.
 template <typename File>
 struct OutputFileSet {
     int32_t m_extension_length = 4;

@@ -1,0 +1,231 @@
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "logger.h"
+#include "spectrumfiles.h"
+#include "utils.h"
+
+namespace ksieve {
+
+namespace {
+
+// A singly protonated mass MH at charge z stands at m/z (MH + (z - 1) * proton) / z.
+constexpr double kProtonMass = 1.007276;
+constexpr double kZeroGuard = 1e-6;
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// The fixed character positions of S, I and Z lines, read only up to the line's
+// terminator: bytes behind it are left over from longer lines before.
+class LineView {
+  public:
+    explicit LineView(char* line) : m_text(line), m_length(std::strlen(line)) {}
+
+    char at(std::size_t position) const { return position < m_length ? m_text[position] : '\0'; }
+    // The text from `position` on; empty when the line is shorter.
+    char* from(std::size_t position) const { return m_text + std::min(position, m_length); }
+
+  private:
+    char* m_text;
+    std::size_t m_length;
+};
+
+// The next token of `cursor` cut at `delimiter`, as strtok cuts: runs of
+// delimiters are skipped and the one that ends the token becomes a terminator.
+// Null when no token is left.
+char* next_token(char*& cursor, char delimiter) {
+    while (*cursor == delimiter) {
+        ++cursor;
+    }
+    if (*cursor == '\0') {
+        return nullptr;
+    }
+    char* token = cursor;
+    while (*cursor != '\0' && *cursor != delimiter) {
+        ++cursor;
+    }
+    if (*cursor != '\0') {
+        *cursor++ = '\0';
+    }
+    return token;
+}
+
+// An S line: the first scan number, from position 1 up to the first tab after it.
+int32_t read_scan_number(char* line) {
+    const LineView view(line);
+    if (char* tab = std::strchr(view.from(2), '\t')) {
+        *tab = '\0';
+    }
+    return text_to_int(view.from(1));
+}
+
+// Only the first letter of the instrument type is looked at.
+std::string instrument_type_of(char first) {
+    if (first == 'F' || first == 'Q') {
+        return "FT";
+    }
+    return first == 'I' ? "IT" : "Unknown";
+}
+
+// The I lines that both readers take: retention time, ion injection time and
+// instrument type, told apart by the letters at positions 2 and 3. False for
+// any other line.
+template <typename Spectrum>
+bool read_shared_info(const LineView& line, Spectrum& scan) {
+    if (line.at(2) == 'R') {
+        scan.m_retention_time = text_to_double(line.from(10));
+    } else if (line.at(2) == 'I' && line.at(3) == 'o') {
+        scan.m_ion_injection_time = text_to_double(line.from(19));
+    } else if (line.at(2) == 'I' && line.at(3) == 'n') {
+        scan.m_instrument_type = instrument_type_of(line.at(17));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+// A repeated block of a scan keeps the activation and parent of its first block.
+void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
+    if (read_shared_info(line, scan) || same_scan) {
+        return;
+    }
+    if (line.at(2) == 'A' && line.at(12) == 'T') {
+        scan.m_activation_type = trim(line.from(17), kWhiteSpace);
+    } else if (line.at(2) == 'A' && line.at(12) == 'C') {
+        scan.m_activation_center = text_to_double(line.from(19));
+    } else if (line.at(2) == 'P') {
+        scan.m_precursor_scan = text_to_int(line.from(16));
+    }
+}
+
+// A Z line: charge and singly protonated mass. A mass of 0 stands for the
+// isolation target read so far; a real mass with charge 0 cannot be converted
+// and gets an m/z of -1, which the end of the scan drops.
+Precursor read_charge_line(char* line, double activation_center) {
+    char* cursor = LineView(line).from(2);
+    const char* charge_field = next_token(cursor, '\t');
+    const char* mass_field = next_token(cursor, '\t');
+    const int32_t charge = charge_field != nullptr ? text_to_int(charge_field) : 0;
+    const double mass = mass_field != nullptr ? text_to_double(mass_field) : 0.0;
+    if (std::fabs(mass) < kZeroGuard) {
+        return {activation_center, charge};
+    }
+    if (charge == 0) {
+        return {-1.0, charge};
+    }
+    return {(mass + (charge - 1.0) * kProtonMass) / charge, charge};
+}
+
+bool finish_ms1_scan(LineFile& file, MS1Spectrum& scan) {
+    sort_peaks(scan.m_peaks);
+    ++file.m_head.m_scan_count;
+    return true;
+}
+
+// Peak order over doubles, with NaN above every number and equal to itself.
+bool key_less(double a, double b) {
+    return a < b || (std::isnan(b) && !std::isnan(a));
+}
+
+bool key_equal(double a, double b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
+
+bool sort_less(const Peak& a, const Peak& b) {
+    if (!key_equal(a.m_mz, b.m_mz)) {
+        return key_less(a.m_mz, b.m_mz);
+    }
+    return key_less(a.m_intensity, b.m_intensity);
+}
+
+}  // namespace
+
+bool pending_or_next_line(SpectrumFile& file, char* line) {
+    if (line[0] != '\0') {
+        return true;
+    }
+    if (GetLine(file, line)) {
+        return true;
+    }
+    line[0] = '\0';
+    return false;
+}
+
+Peak parse_peak_line(char* line) {
+    char* cursor = line;
+    const char* mz = next_token(cursor, ' ');
+    const char* intensity = next_token(cursor, ' ');
+    return {text_to_double(mz), intensity != nullptr ? text_to_double(intensity) : 0.0};
+}
+
+void sort_peaks(PeakList& peaks) {
+    std::sort(peaks.begin(), peaks.end(), sort_less);
+}
+
+void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan) {
+    sort_peaks(scan.m_peaks);
+    std::vector<Precursor>& precursors = scan.m_precursors;
+    for (std::size_t i = precursors.size(); i-- > 0;) {
+        if (!is_valid(precursors[i])) {
+            precursors.erase(precursors.begin() + static_cast<std::ptrdiff_t>(i));
+            log("WARN", "Scan " + std::to_string(scan.m_scan) +
+                            " has incorrect precursor infomation, skipping this precursor...");
+        }
+    }
+    scan.m_instrument_precursors = precursors;
+    ++file.m_scan_count;
+}
+
+bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan) {
+    char* line = file.m_line;
+    while (pending_or_next_line(file.m_head, line)) {
+        if (is_digit(line[0])) {
+            scan.m_peaks.push_back(parse_peak_line(line));
+        } else if (line[0] == 'S') {
+            if (!scan.m_peaks.empty()) {
+                return finish_ms1_scan(file, scan);  // the S line opens the next scan
+            }
+            scan.m_scan = read_scan_number(line);
+        } else if (line[0] == 'I') {
+            read_shared_info(LineView(line), scan);
+        }
+        line[0] = '\0';
+    }
+    return !scan.m_peaks.empty() && finish_ms1_scan(file, scan);
+}
+
+bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan) {
+    char* line = file.m_line;
+    bool same_scan = false;
+    while (pending_or_next_line(file.m_head, line)) {
+        if (is_digit(line[0])) {
+            scan.m_peaks.push_back(parse_peak_line(line));
+        } else if (line[0] == 'S') {
+            const int32_t number = read_scan_number(line);
+            if (number == scan.m_scan) {
+                same_scan = true;
+            } else if (!scan.m_peaks.empty()) {
+                finish_ms2_scan(file.m_head, scan);
+                return true;  // the S line opens the next scan
+            } else {
+                scan.m_scan = number;
+            }
+        } else if (line[0] == 'I') {
+            read_ms2_info(LineView(line), scan, same_scan);
+        } else if (line[0] == 'Z') {
+            scan.m_precursors.push_back(read_charge_line(line, scan.m_activation_center));
+        }
+        line[0] = '\0';
+    }
+    if (scan.m_peaks.empty()) {
+        return false;
+    }
+    finish_ms2_scan(file.m_head, scan);
+    return true;
+}
+
+}  // namespace ksieve
