@@ -1,13 +1,27 @@
 // Precursor detection: from one MS2 scan and the MS1 window around it to the
 // precursors that the MS1 signal supports, co-eluted ones included.
 //
+// The work runs in two halves. Candidate generation takes ten MS1 slices around
+// the isolation target, removes their noise, merges the peaks of the central scans
+// into one candidate list and pairs every candidate peak with the charges 2 to 6.
+// Candidate selection throws out the implausible pairs with cheap features, limits
+// how many go on by a rank product, scores the rest with the chosen model, keeps
+// those above the threshold and recalibrates their m/z over the ten slices.
+//
 // No file I/O and no options beyond the UserParameters given. Detection raises
 // nothing: a scan it cannot explain gives the empty vector, on which the pipeline
-// keeps the instrument's declared precursors.
+// keeps the instrument's declared precursors. Its one message is the "INFO" line
+// for a parent scan that is not in the store.
+//
+// All peak searches here use absolute m/z widths, except the recalibration, whose
+// window is in ppm of the candidate. Every tolerance test is strict: a peak at
+// exactly the tolerance is out.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
+#include "featuresextractor.h"
 #include "records.h"
 #include "userparameters.h"
 
@@ -15,8 +29,72 @@ namespace ksieve {
 
 // The detected precursors of `ms2`, best model score first; each has the m/z
 // recalibrated over the ten MS1 slices and a charge from 2 to 6. Empty when
-// nothing passes. Requires the isotope table to be loaded.
+// nothing passes. Requires the isotope table to be loaded (a candidate whose
+// singly protonated mass lies outside the table fails the table's assertion).
 std::vector<Precursor> DetectPrecursors(const UserParameters& params, const Ms1Store& store,
                                         const MS2Spectrum& ms2);
+
+// ---- Candidate generation ----
+
+// The mass tolerance of the scan: m_mstol in m/z, or with m_mstolppm set
+// m_mstol * m_activation_center / 1e6.
+double ActivationTolerance(const UserParameters& params, const MS2Spectrum& ms2);
+
+// Ten peak lists around ms2.m_activation_center (peaks strictly within `err_tol`
+// m/z): entry 4 from the parent scan ms2.m_precursor_scan, entries 0-3 from the
+// four store records before it and 5-9 from the five after it; a position outside
+// the store gives an empty list. The parent is found by binary search on the scan
+// numbers compared as unsigned 32-bit values, which relies on the store never
+// falling from front to back. No lists at all when the parent is not in the store.
+Ms1Slices CollectMs1Slices(double err_tol, const Ms1Store& store, const MS2Spectrum& ms2);
+
+// Each slice thinned to the peaks of at least 0.02 times the most intense peak
+// strictly within 1.05 m/z of the activation centre. A slice without a peak near
+// the centre survives whole.
+Ms1Slices FilterSliceNoise(const Ms1Slices& slices, const MS2Spectrum& ms2);
+
+// The candidate peaks: the peaks within m_peak_window of the activation centre in
+// the parent slice (4), then the scan before (3) and after (5), merged in peak order
+// with the earlier peak first on ties. With m_check_activationcenter, a slice whose
+// nearest peak lies closer than the tolerance to the centre ends the visit. With
+// m_cut_similiar_mono, runs of peaks closer than one tolerance (scaled at the first
+// peak of the list in ppm mode) to their running intensity-weighted mean are fused.
+// `clean_slices` holds the ten noise-filtered slices; a missing one counts as empty.
+PeakList CollectCandidatePeaks(const UserParameters& params, const Ms1Slices& clean_slices,
+                               const MS2Spectrum& ms2);
+
+// ---- Candidate selection ----
+
+// The kept candidates, in order of creation (ascending m/z, then charge). They
+// point into a container that owns them and must not move while the list lives.
+using CandidateList = std::vector<FeaturesExtractor*>;
+
+// A candidate and the value it was ordered by: the rank product or the score.
+struct ScoredCandidate {
+    FeaturesExtractor* m_candidate = nullptr;
+    double m_value = 0.0;
+};
+
+// The cheap plausibility tests, cheapest first; the first failure rejects:
+// isotope run below 2; charge above 3 with a run below 3; corr_0 below 0.5 (read
+// through its cache); for a charge above 2 or an m/z above centre + isolation width,
+// fewer than 2 isotopes in the window; window share below 0.04. Exact limits pass.
+bool PassesCandidateFilters(FeaturesExtractor& candidate, const UserParameters& params);
+
+// The candidates in ascending order of the product r0^3 * r1 * r2 * r3^3 of their
+// ranks in corr_0, -cos_m1_0, cos_0_1 and window_share (each ranked ascending). A
+// rank rises by one from entry to entry of the sorted list unless the entry's raw
+// value equals the rank the entry before it has just been given; so equal values
+// do not share a rank. Ties in the sorts fall in no defined order.
+std::vector<ScoredCandidate> ReduceByRankProduct(const CandidateList& kept);
+
+// Every candidate with its model score (ScoreCandidate), best first.
+std::vector<ScoredCandidate> ScoreAndSort(const UserParameters& params, const CandidateList& kept);
+
+// The intensity-weighted m/z of the raw-slice peaks strictly within
+// m_recalibrate_window ppm of the candidate's m/z, over all ten slices; cached on
+// the candidate. The candidate's own m/z, uncached, when those peaks sum to at
+// most 1e-6 in intensity.
+double RecalibratedMz(FeaturesExtractor& candidate);
 
 }  // namespace ksieve

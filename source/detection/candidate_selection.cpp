@@ -1,0 +1,134 @@
+// Candidate selection: the plausibility filters, the rank-product limit, the model
+// scores and the m/z recalibration of the survivors.
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+#include "detection.h"
+#include "models.h"
+#include "spectrumutils.h"
+
+namespace ksieve {
+
+namespace {
+
+constexpr double kZeroGuard = 1e-6;
+
+// Four feature values, overwritten by their ranks, then the rank product.
+struct RankEntry {
+    uint64_t m_index = 0;  // position in the kept list
+    std::array<double, 5> m_values{};
+};
+constexpr std::size_t kRankedFeatures = 4;
+constexpr std::size_t kProductSlot = 4;
+
+// Sorts by feature `k` and replaces each raw value by its rank. A rank rises unless
+// the raw value equals the value just written before it, which is that entry's
+// rank, not its raw value: so ranks are positions in the sort, equal values
+// included, except where a raw value happens to equal the rank before it.
+void RankFeature(std::vector<RankEntry>& entries, std::size_t k) {
+    std::sort(entries.begin(), entries.end(), [k](const RankEntry& a, const RankEntry& b) {
+        return a.m_values[k] < b.m_values[k];
+    });
+    double rank = 1.0;
+    entries.front().m_values[k] = rank;
+    for (std::size_t i = 1; i < entries.size(); ++i) {
+        if (entries[i].m_values[k] != entries[i - 1].m_values[k]) {
+            rank += 1.0;
+        }
+        entries[i].m_values[k] = rank;
+    }
+}
+
+}  // namespace
+
+bool PassesCandidateFilters(FeaturesExtractor& candidate, const UserParameters& params) {
+    const int32_t run = candidate.GetIsotopeRun();
+    if (run < 2) {
+        return false;
+    }
+    // Highly charged ions show a longer cluster before the first valley.
+    if (candidate.charge() > 3 && run < 3) {
+        return false;
+    }
+    if (candidate.corr_0() < 0.5) {
+        return false;
+    }
+    // A doubly charged ion near the target may show a single isotope inside the
+    // window; higher charges and ions above the window must show two.
+    const double upper = candidate.m_ms2->m_activation_center + params.m_isolation_width;
+    if ((candidate.charge() > 2 || candidate.precursor().m_mz > upper) &&
+        candidate.GetIsotopesInWindow() < 2) {
+        return false;
+    }
+    return candidate.GetWindowShare() >= 0.04;
+}
+
+std::vector<ScoredCandidate> ReduceByRankProduct(const CandidateList& kept) {
+    std::vector<RankEntry> entries(kept.size());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        FeaturesExtractor& candidate = *kept[i];
+        entries[i].m_index = i;
+        // Oriented so that a higher value means a more believable candidate: signal
+        // eluting with the peak below the mono-isotopic one counts against it.
+        entries[i].m_values = {candidate.corr_0(), -candidate.cos_m1_0(), candidate.cos_0_1(),
+                               candidate.GetWindowShare(), 0.0};
+    }
+    if (entries.empty()) {
+        return {};
+    }
+    for (std::size_t k = 0; k < kRankedFeatures; ++k) {
+        RankFeature(entries, k);
+    }
+    // The isotope correlation and the window share weigh three times.
+    for (RankEntry& entry : entries) {
+        const std::array<double, 5>& r = entry.m_values;
+        entry.m_values[kProductSlot] = r[0] * r[0] * r[0] * r[1] * r[2] * r[3] * r[3] * r[3];
+    }
+    std::sort(entries.begin(), entries.end(), [](const RankEntry& a, const RankEntry& b) {
+        return a.m_values[kProductSlot] < b.m_values[kProductSlot];
+    });
+    std::vector<ScoredCandidate> result;
+    result.reserve(entries.size());
+    for (const RankEntry& entry : entries) {
+        result.push_back({kept[entry.m_index], entry.m_values[kProductSlot]});
+    }
+    return result;
+}
+
+std::vector<ScoredCandidate> ScoreAndSort(const UserParameters& params, const CandidateList& kept) {
+    std::vector<ScoredCandidate> scored;
+    scored.reserve(kept.size());
+    for (FeaturesExtractor* candidate : kept) {
+        scored.push_back({candidate, ScoreCandidate(params, *candidate)});
+    }
+    std::sort(scored.begin(), scored.end(), [](const ScoredCandidate& a, const ScoredCandidate& b) {
+        return a.m_value > b.m_value;
+    });
+    return scored;
+}
+
+double RecalibratedMz(FeaturesExtractor& candidate) {
+    if (candidate.m_has_recalibrated_mz) {
+        return candidate.m_recalibrated_mz;
+    }
+    const double mz = candidate.precursor().m_mz;
+    const double window_ppm = candidate.m_params->m_recalibrate_window;
+    double weighted = 0.0;
+    double intensity = 0.0;
+    // The raw slices: peaks below the noise limit pull on the mean too.
+    for (const PeakList& slice : *candidate.m_scan_peaks) {
+        for (const Peak& peak : PeaksInWindow(slice, mz, window_ppm, true)) {
+            weighted += peak.m_mz * peak.m_intensity;
+            intensity += peak.m_intensity;
+        }
+    }
+    if (intensity <= kZeroGuard) {
+        return mz;
+    }
+    candidate.m_recalibrated_mz = weighted / intensity;
+    candidate.m_has_recalibrated_mz = true;
+    return candidate.m_recalibrated_mz;
+}
+
+}  // namespace ksieve
