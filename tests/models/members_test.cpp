@@ -4,6 +4,8 @@
 
 #include <bitset>
 #include <initializer_list>
+#include <iterator>
+#include <utility>
 
 #include "feature_vectors.h"
 #include "models.h"
