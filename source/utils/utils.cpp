@@ -32,6 +32,20 @@ bool is_c_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
+// The text as one word for the POSIX shell: inside single quotes nothing is
+// expanded, so '$', '`', '"' and '\' in a directory name reach mkdir as they are.
+std::string shell_quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) {
+        if (c == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "'";
+}
+
 // The directory reader: open by name, read entry names, close.
 struct DirectoryReader {
     DIR* handle = nullptr;
@@ -157,7 +171,7 @@ void make_directory(std::string path) {
     if (directory_exists(path)) {
         return;
     }
-    const std::string command = "mkdir -p \"" + path + "\"";
+    const std::string command = "mkdir -p -- " + shell_quoted(path);
     std::cout.flush();
     std::cerr.flush();
     if (std::system(command.c_str()) != 0) {
