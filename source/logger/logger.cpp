@@ -7,8 +7,6 @@
 
 namespace ksieve {
 
-const std::string g_log_file_name = "kSievePlusLog.txt";
-
 Logger& Logger::instance() {
     // Never destroyed: messages may be logged from the crash path at exit.
     static Logger* logger = new Logger();

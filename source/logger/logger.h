@@ -20,7 +20,9 @@
 
 namespace ksieve {
 
-extern const std::string g_log_file_name;  // "kSievePlusLog.txt"
+// Constant-initialised, so that texts built from it while the program's statics
+// are initialised (the crash message of the entry point) never see it unset.
+inline constexpr char g_log_file_name[] = "kSievePlusLog.txt";
 
 class Logger {
   public:
