@@ -24,7 +24,8 @@ uint32_t FirstPeakAbove(std::span<const Peak> peakCandidates, double value);
 // width is `err_tol` in m/z, or with `ppm` set `centerMZ * err_tol / 1e6`: scaled
 // at the centre of the search, not at each peak. Both ends are open, so a peak at
 // exactly the half width, and every peak when the width is 0, stays out.
-// A list out of peak order can fail the assertion
+// The search cannot land below the window on any list, ordered or not; only a NaN
+// centre, width or m/z where it lands fails the assertion
 // "i_peak == peakCandidates.size() || peakCandidates[i_peak].m_mz > centerMZ - err_tol".
 std::span<const Peak> PeaksInWindow(std::span<const Peak> peakCandidates, double centerMZ,
                                     double err_tol, bool ppm);

@@ -1,0 +1,91 @@
+#include "spectrumutils.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+namespace ksieve {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::vector<double> mz_of(const PeakList& peaks) {
+    std::vector<double> out;
+    for (const Peak& peak : peaks) {
+        out.push_back(peak.m_mz);
+    }
+    return out;
+}
+
+TEST(PeaksInWindow, BothEndsAreOpenAndPpmScalesAtTheCentre) {
+    const PeakList peaks = {{99.5, 1}, {99.75, 2}, {100.0, 3}, {100.25, 4}, {100.5, 5}};
+    EXPECT_EQ(mz_of(FindPeaksInWindow(peaks, 100.0, 0.5, false)),
+              (std::vector<double>{99.75, 100.0, 100.25}));
+    EXPECT_TRUE(FindPeaksInWindow(peaks, 100.0, 0.0, false).empty());
+    EXPECT_TRUE(FindPeaksInWindow(PeakList{}, 100.0, 1.0, true).empty());
+
+    const PeakList near_1000 = {{999.985, 1}, {1000.01, 2}, {1000.0199, 3}, {1000.03, 4}};
+    EXPECT_EQ(mz_of(FindPeaksInWindow(near_1000, 1000.0, 20.0, true)),
+              (std::vector<double>{999.985, 1000.01, 1000.0199}));
+}
+
+TEST(PeaksInWindow, SinglePeakListIsFoundOrNot) {
+    const PeakList one = {{500.0, 7}};
+    EXPECT_EQ(FindPeaksInWindow(one, 500.1, 0.2, false).size(), 1u);
+    EXPECT_TRUE(FindPeaksInWindow(one, 500.3, 0.2, false).empty());
+    EXPECT_TRUE(FindPeaksInWindow(one, 499.7, 0.2, false).empty());
+}
+
+// The binary search against a linear scan, on lists full of repeated m/z values
+// where off-by-one faults would show.
+TEST(PeaksInWindow, AgreesWithALinearScanOnRandomLists) {
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> step(0, 40);
+    for (int trial = 0; trial < 300; ++trial) {
+        PeakList peaks(rng() % 12);
+        for (Peak& peak : peaks) {
+            peak = {100.0 + step(rng) * 0.125, static_cast<double>(step(rng))};
+        }
+        std::sort(peaks.begin(), peaks.end(), peak_less);
+        const double center = 100.0 + step(rng) * 0.125;
+        const double half = (rng() % 4) * 0.25;
+        EXPECT_EQ(FirstPeakAbove(peaks, center),
+                  std::upper_bound(peaks.begin(), peaks.end(), center, [](double v, const Peak& p) {
+                      return v < p.m_mz;
+                  }) - peaks.begin());
+        std::vector<double> expected;
+        for (const Peak& peak : peaks) {
+            if (peak.m_mz > center - half && half > peak.m_mz - center) {
+                expected.push_back(peak.m_mz);
+            }
+        }
+        EXPECT_EQ(mz_of(FindPeaksInWindow(peaks, center, half, false)), expected);
+    }
+}
+
+TEST(FindNearestPeak, PrefersThePeakAboveOnTiesAndClampsAtTheEnds) {
+    const PeakList peaks = {{100.0, 1}, {101.0, 2}, {102.0, 3}, {102.0, 9}, {103.0, 4}};
+    EXPECT_EQ(FindNearestPeak(peaks, 100.5).m_mz, 101.0);
+    EXPECT_EQ(FindNearestPeak(peaks, 100.4).m_mz, 100.0);
+    EXPECT_EQ(FindNearestPeak(peaks, 101.6).m_mz, 102.0);
+    EXPECT_EQ(FindNearestPeak(peaks, 102.0).m_intensity, 9.0);
+    EXPECT_EQ(FindNearestPeak(peaks, 50.0).m_mz, 100.0);
+    EXPECT_EQ(FindNearestPeak(peaks, 500.0).m_mz, 103.0);
+    EXPECT_EQ(FindNearestPeak(PeakList{{42.0, 1}}, 40.0).m_mz, 42.0);
+    EXPECT_EQ(FindNearestPeak(PeakList{{42.0, 1}}, 44.0).m_mz, 42.0);
+}
+
+TEST(PeakSearchDeathTest, EmptyListsAndNaNFailTheirAssertions) {
+    EXPECT_DEATH(FindNearestPeak(PeakList{}, 1.0),
+                 HasSubstr("Assertion failed: peakCandidates.size() > 0"));
+    const PeakList not_a_number = {{std::nan(""), 1}};
+    EXPECT_DEATH(FindPeaksInWindow(not_a_number, 100.0, 1.0, false),
+                 HasSubstr("Assertion failed: i_peak == peakCandidates.size() || "
+                           "peakCandidates[i_peak].m_mz > centerMZ - err_tol"));
+}
+
+}  // namespace
+}  // namespace ksieve
