@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
@@ -60,17 +61,36 @@ extern ParameterMap g_option_help;
 // Long key to the text of its default: parameters_to_map of a default record.
 extern ParameterMap g_default_values;
 
-// Reads `key = value` lines ('#' comments, ';' and '[' lines skipped, keys
-// lowered) and returns the finalised record. The file stays open until exit.
+// The line filter of a parameter file: each line (or 1023-byte piece of a longer
+// one) is cut at its first '#' and trimmed; empty lines and lines beginning with
+// ';' or '[' are skipped (section headers have no meaning); the rest must hold a
+// '=' or the read throws "Unexpected INI format!". The key before the first '='
+// is lowered and trimmed, the value after it trimmed with its case kept, quotes
+// and later '=' included. A later line with the same key wins.
+ParameterMap read_parameter_map(std::FILE* file);
+
+// Opens the file (throws "Cannot open  File, Path: " + path), reads it with
+// read_parameter_map and returns the finalised record.
 UserParameters read_parameter_file(std::string path);
-// `-x value` pairs, or a single data path; returns the finalised record.
+// With argc 2 the one argument is the data path, unchecked. Otherwise `-x value`
+// pairs, letters looked up in g_short_options; throws for an even argc, an
+// argument that is not "-x", or an unknown letter. Returns the finalised record.
 UserParameters read_command_line(int argc, char** argv);
 
 // Copies the keys present in `map` into `record`, in the fixed order booleans,
-// integers, doubles, mstolppm, strings, data paths.
+// integers, doubles, mstolppm, strings, data paths; the first bad value ends it.
+// A flag is false only for the text "0". Paths come from datapath1..datapathN
+// when datanum is present (a missing one throws "Unable to find User Defined
+// Parameter: datapathK"), otherwise from datapath (throws when absent); trailing
+// separators are stripped, and a path that names nothing is dropped with the
+// "WARN" line "Datapath: <path>is not a valid datapath.".
 void apply_parameters(UserParameters& record, ParameterMap map);
-// Validates the digits, settles output and log directories (opening the log),
-// builds m_peak_format and computes m_peak_window and m_search_window.
+// Validates the digits (0 to 9, else a fixed message), builds m_peak_format,
+// settles the output directory (created if missing; none: output beside each
+// input) and the log directory (logfilepath, else outputpath, else the parent of
+// the first data path, else "."), hands the latter to the logger, and computes
+// m_peak_window = isolation_width + 1 and m_search_window = m_peak_window + the
+// tolerance in m/z at m/z 15000.
 void finalize_parameters(UserParameters& record);
 
 // strtol / strtod semantics (leading blanks skipped, trailing text ignored); no
