@@ -78,10 +78,6 @@ int64_t IntensityGrid::BinOf(double mz) const {
     return saturating_trunc((mz - m_mz_start) * m_ki_bins_per_mz);
 }
 
-double IntensityGrid::BinValue(int32_t row, int64_t bin) const {
-    return RangeSum(row, bin, bin + 1);
-}
-
 double IntensityGrid::RangeSum(int32_t row, int64_t first, int64_t end) const {
     const int32_t r = row;
     KS_ASSERT(0 <= r && r < m_ki_r_num, "0 <= r && r < m_ki_r_num");

@@ -52,13 +52,10 @@ class IntensityGrid {
     // bins; saturated to the 32-bit range, NaN gives the lowest value.
     int64_t BinOf(double mz) const;
 
-    // The summed intensity in one bin of `row`; 0.0 for an empty bin and for any bin
-    // outside the table. A row outside 0 .. m_ki_r_num - 1 fails the assertion
-    // "0 <= r && r < m_ki_r_num", as does the same row for RangeSum.
-    double BinValue(int32_t row, int64_t bin) const;
-
-    // 0.0 + bin[first] + bin[first + 1] + ... + bin[end - 1], added in ascending bin
-    // order; 0.0 for an empty range (end <= first).
+    // 0.0 + bin[first] + bin[first + 1] + ... + bin[end - 1] of `row`, added in
+    // ascending bin order; empty bins and bins outside the table count 0.0, and an
+    // empty range (end <= first) gives 0.0. A row outside 0 .. m_ki_r_num - 1 fails
+    // the assertion "0 <= r && r < m_ki_r_num".
     double RangeSum(int32_t row, int64_t first, int64_t end) const;
 
     double m_half_span = 0.0;  // the peak window, standing in the place of a half span
