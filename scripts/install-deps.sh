@@ -9,6 +9,7 @@ packages=(
   libbenchmark-dev                    # bench/
   clang-format                        # formatting check in CI
   libopenms-dev zlib1g-dev            # the mzML/mzXML companion extractor
+  qtbase5-dev libboost-dev            # headers that the OpenMS headers include
   openms                              # reference converter for the companion benchmark
 )
 
