@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -244,48 +245,6 @@ TEST(ScanText, UnknownValuesAreLeftOutAndDigitsFollowTheOptions) {
               "S\t7\t7\nI\tRetTime\t1.500000\nI\tInstrumentType\tITMS\n"
               "I\tCentroiding\tPeakPickerHiRes\nI\tActivationCenter\t0.00\n"
               "370.21 34887.078\n");
-}
-
-class OutputFiles : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() /
-               ("spexor_core_test_" + std::to_string(::getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    fs::path dir_;
-};
-
-TEST_F(OutputFiles, PairGetsItsNamesAndMarkerOnlyOnCommit) {
-    std::string out_dir = (dir_ / "new dir").string();
-    {
-        OutputPair pair(out_dir, "run");
-        std::string text = "S\t1\t1\n";
-        pair.write_ms1(text);
-        EXPECT_EQ(text, "");
-        EXPECT_TRUE(fs::exists(out_dir + "/run.ms1.part"));
-        EXPECT_FALSE(fs::exists(out_dir + "/run.ms1"));
-        pair.commit("done\n");
-    }
-    std::ifstream ms1(out_dir + "/run.ms1");
-    std::string first;
-    std::getline(ms1, first);
-    EXPECT_EQ(first, "S\t1\t1");
-    EXPECT_TRUE(fs::exists(out_dir + "/run.ms2"));
-    EXPECT_TRUE(fs::exists(out_dir + "/run.spexor"));
-    EXPECT_FALSE(fs::exists(out_dir + "/run.ms1.part"));
-}
-
-TEST_F(OutputFiles, AbandonedPairLeavesNoMarkerBehind) {
-    fs::create_directories(dir_);
-    std::ofstream(dir_ / "run.spexor") << "from an earlier run\n";
-    {
-        OutputPair pair(dir_.string(), "run");
-        EXPECT_FALSE(fs::exists(dir_ / "run.spexor"));
-    }
-    EXPECT_TRUE(fs::is_empty(dir_));
 }
 
 TEST(RawCompanion, ExplainsHowToGetAReadableFile) {
