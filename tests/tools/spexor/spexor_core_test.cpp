@@ -27,7 +27,7 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-TEST(Options, ReadsTheCommandThatKSieveBuilds) {
+TEST(SpexorOptions, ReadsTheCommandThatKSieveBuilds) {
     ParsedOptions parsed =
         parse_options({"-ms", "-a", "-i", "3", "-m", "4", "-o", "/out dir", "/data/run one.mzML"});
     ASSERT_EQ(parsed.error, "");
@@ -42,7 +42,7 @@ TEST(Options, ReadsTheCommandThatKSieveBuilds) {
     EXPECT_EQ(defaults.options.mz_digits, 5);
 }
 
-TEST(Options, RefusesWhatItCannotDo) {
+TEST(SpexorOptions, RefusesWhatItCannotDo) {
     EXPECT_NE(parse_options({"-mgf", "-o", "d", "x.mzML"}).error.find("-mgf is not supported"),
               std::string::npos);
     for (const char* digits : {"11", "-1", "2x", ""}) {
@@ -55,13 +55,13 @@ TEST(Options, RefusesWhatItCannotDo) {
     EXPECT_NE(parse_options({"-o", "d", "x.mzML", "-m"}).error, "");
 }
 
-TEST(Options, StemFollowsKSieveNaming) {
+TEST(SpexorOptions, StemFollowsKSieveNaming) {
     EXPECT_EQ(stem_of("/data/run.1.mzML"), "run.1");
     EXPECT_EQ(stem_of("C:\\data\\run.mzXML"), "run");
     EXPECT_EQ(stem_of("plain"), "plain");
 }
 
-TEST(ScanMapping, ScanNumberComesFromTheScanToken) {
+TEST(SpexorScanMapping, ScanNumberComesFromTheScanToken) {
     EXPECT_EQ(scan_number_from_native_id("controllerType=0 controllerNumber=1 scan=1764"), 1764);
     EXPECT_EQ(scan_number_from_native_id("scan=12"), 12);
     EXPECT_EQ(scan_number_from_native_id("spectrum=1011"), -1);
@@ -71,7 +71,7 @@ TEST(ScanMapping, ScanNumberComesFromTheScanToken) {
     EXPECT_EQ(scan_number_from_native_id("scan=99999999999"), -1);
 }
 
-TEST(ScanMapping, InstrumentTypeTrustsTheScanBeforeTheRun) {
+TEST(SpexorScanMapping, InstrumentTypeTrustsTheScanBeforeTheRun) {
     RunAnalyzers hybrid{true, true};
     RunAnalyzers orbitrap_only{true, false};
     RunAnalyzers none;
@@ -85,7 +85,7 @@ TEST(ScanMapping, InstrumentTypeTrustsTheScanBeforeTheRun) {
     EXPECT_EQ(instrument_type_of("", none, 2, "CID"), "ITMS");
 }
 
-TEST(ScanMapping, ActivationWordsForTheGate) {
+TEST(SpexorScanMapping, ActivationWordsForTheGate) {
     EXPECT_EQ(activation_type_of({"HCID"}, ""), "HCD");
     EXPECT_EQ(activation_type_of({"CID"}, ""), "CID");
     EXPECT_EQ(activation_type_of({"LCID"}, ""), "CID");
@@ -101,7 +101,7 @@ TEST(ScanMapping, ActivationWordsForTheGate) {
     EXPECT_EQ(activation_type_of({}, "FTMS + c Full ms2 600.00@hcd30.00"), "");
 }
 
-TEST(ScanMapping, UndeclaredChargeStandsForTwoAndThree) {
+TEST(SpexorScanMapping, UndeclaredChargeStandsForTwoAndThree) {
     std::vector<DeclaredPrecursor> out;
     append_declared_precursors(out, 500.0, 4, {});
     append_declared_precursors(out, 600.0, 0, {0, 5});
@@ -114,7 +114,7 @@ TEST(ScanMapping, UndeclaredChargeStandsForTwoAndThree) {
     EXPECT_EQ(out[3].charge, 3);
 }
 
-TEST(RunIndex, NativeNumbersOnlyWhenTheyRiseWithinEachLevel) {
+TEST(SpexorRunIndex, NativeNumbersOnlyWhenTheyRiseWithinEachLevel) {
     RunIndex thermo;
     thermo.add("controllerType=0 controllerNumber=1 scan=10", 1, 1.0, 0.0);
     thermo.add("controllerType=0 controllerNumber=1 scan=11", 2, 2.0, 500.0);
@@ -135,7 +135,7 @@ TEST(RunIndex, NativeNumbersOnlyWhenTheyRiseWithinEachLevel) {
     EXPECT_EQ(merged.number(2), 3);
 }
 
-TEST(RunIndex, ParentByReferenceElseByRetentionTime) {
+TEST(SpexorRunIndex, ParentByReferenceElseByRetentionTime) {
     // All MS1 spectra stored before all MS2 spectra, as in merged files.
     RunIndex run;
     run.add("spectrum=1", 1, 10.0, 0.0);
@@ -188,7 +188,7 @@ ReaderView reader_view(const std::string& line) {
     return {};
 }
 
-TEST(ScanText, Ms2LinesSitWhereTheReaderLooks) {
+TEST(SpexorScanText, Ms2LinesSitWhereTheReaderLooks) {
     ScanRecord scan;
     scan.number = 42;
     scan.retention_minutes = 24.0724533;
@@ -224,7 +224,7 @@ TEST(ScanText, Ms2LinesSitWhereTheReaderLooks) {
     EXPECT_NEAR((mh + kProtonMass) / 2, 536.274169921875, 1e-5);
 }
 
-TEST(ScanText, UnknownValuesAreLeftOutAndDigitsFollowTheOptions) {
+TEST(SpexorScanText, UnknownValuesAreLeftOutAndDigitsFollowTheOptions) {
     ScanRecord scan;
     scan.number = 7;
     scan.retention_minutes = 1.5;
@@ -247,7 +247,7 @@ TEST(ScanText, UnknownValuesAreLeftOutAndDigitsFollowTheOptions) {
               "370.21 34887.078\n");
 }
 
-TEST(RawCompanion, ExplainsHowToGetAReadableFile) {
+TEST(SpexorRawCompanion, ExplainsHowToGetAReadableFile) {
     fs::path err = fs::temp_directory_path() / ("spexor_raw_" + std::to_string(::getpid()));
     std::string command = std::string("\"") + KSIEVE_RUN_DIR +
                           "/spexor_raw.exe\" -ms -a -i 1 -m 5 -o \"/tmp/o\" \"/d/run 1.raw\" 2> " +
