@@ -6,6 +6,7 @@
 #include <span>
 
 #include "detection.h"
+#include "isopattern.h"
 #include "spectrumutils.h"
 
 namespace ksieve {
@@ -22,6 +23,12 @@ constexpr std::size_t kParentSlice = kSlicesBefore;
 // whatever the isolation width.
 constexpr double kNoiseHalfWidth = 1.05;
 constexpr double kNoiseRatio = 0.02;
+
+// Singly charged ions are not the peptides a data-dependent run means to fragment.
+constexpr int32_t kLowestCharge = 2;
+constexpr int32_t kHighestCharge = 6;
+// Without co-elution the precursor must put one of its first isotopes on the target.
+constexpr int32_t kTargetIsotopes = 4;
 
 // The smallest store index whose scan number is not below `target`, compared as
 // unsigned 32-bit numbers. Requires a non-empty store.
@@ -85,6 +92,17 @@ void MergeSimilarPeaks(const UserParameters& params, PeakList& peaks) {
         peaks[out++] = group;
     }
     peaks.resize(out);
+}
+
+// Whether one of the first four isotope peaks of `candidate` lies closer than the
+// tolerance to the isolation target.
+bool HitsIsolationTarget(const Precursor& candidate, double tol, double activation_center) {
+    for (int32_t k = 0; k < kTargetIsotopes; ++k) {
+        if (tol > std::fabs(IsotopePosition(candidate, k) - activation_center)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -163,6 +181,27 @@ PeakList CollectCandidatePeaks(const UserParameters& params, const Ms1Slices& cl
         MergeSimilarPeaks(params, merged);
     }
     return merged;
+}
+
+std::vector<Precursor> EnumerateCandidates(const UserParameters& params, const PeakList& merged,
+                                           const MS2Spectrum& ms2) {
+    // A peak well above the window cannot have been isolated; one below it still can
+    // be the mono-isotopic peak of a cluster that reaches into the window.
+    const double upper = ms2.m_activation_center + 0.5 * params.m_isolation_width + 0.05;
+    const double tol = ActivationTolerance(params, ms2);
+    std::vector<Precursor> pairs;
+    for (const Peak& peak : merged) {
+        if (!(peak.m_mz <= upper)) {
+            continue;
+        }
+        for (int32_t z = kLowestCharge; z <= kHighestCharge; ++z) {
+            const Precursor candidate{peak.m_mz, z};
+            if (params.m_co_elute || HitsIsolationTarget(candidate, tol, ms2.m_activation_center)) {
+                pairs.push_back(candidate);
+            }
+        }
+    }
+    return pairs;
 }
 
 }  // namespace ksieve

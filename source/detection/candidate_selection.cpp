@@ -13,6 +13,8 @@ namespace ksieve {
 namespace {
 
 constexpr double kZeroGuard = 1e-6;
+// With co-elution every plausible candidate may be a precursor; without it, one is.
+constexpr std::size_t kCoElutedLimit = 1000;
 
 // Four feature values, overwritten by their ranks, then the rank product.
 struct RankEntry {
@@ -106,6 +108,29 @@ std::vector<ScoredCandidate> ScoreAndSort(const UserParameters& params, const Ca
         return a.m_value > b.m_value;
     });
     return scored;
+}
+
+CandidateList SelectCandidates(const UserParameters& params, CandidateList kept) {
+    if (kept.empty()) {
+        return kept;
+    }
+    const std::size_t limit = params.m_co_elute ? kCoElutedLimit : 1;
+    if (kept.size() > limit) {
+        const std::vector<ScoredCandidate> ranked = ReduceByRankProduct(kept);
+        kept.clear();
+        for (std::size_t i = 0; i < limit; ++i) {
+            kept.push_back(ranked[i].m_candidate);
+        }
+    }
+    const std::vector<ScoredCandidate> scored = ScoreAndSort(params, kept);
+    kept.clear();
+    for (const ScoredCandidate& entry : scored) {
+        if (!(entry.m_value > params.m_mars_threshold)) {
+            break;
+        }
+        kept.push_back(entry.m_candidate);
+    }
+    return kept;
 }
 
 double RecalibratedMz(FeaturesExtractor& candidate) {

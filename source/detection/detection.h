@@ -63,6 +63,14 @@ Ms1Slices FilterSliceNoise(const Ms1Slices& slices, const MS2Spectrum& ms2);
 PeakList CollectCandidatePeaks(const UserParameters& params, const Ms1Slices& clean_slices,
                                const MS2Spectrum& ms2);
 
+// The (m/z, charge) pairs to evaluate, in order: every candidate peak with m/z at
+// most centre + half the isolation width + 0.05 (the bound itself stays in; there
+// is no lower cut), each with the charges 2 to 6 ascending. Without m_co_elute a
+// pair goes on only when one of its isotope peaks 0 to 3 lies closer than the
+// tolerance to the isolation target.
+std::vector<Precursor> EnumerateCandidates(const UserParameters& params, const PeakList& merged,
+                                           const MS2Spectrum& ms2);
+
 // ---- Candidate selection ----
 
 // The kept candidates, in order of creation (ascending m/z, then charge). They
@@ -90,6 +98,12 @@ std::vector<ScoredCandidate> ReduceByRankProduct(const CandidateList& kept);
 
 // Every candidate with its model score (ScoreCandidate), best first.
 std::vector<ScoredCandidate> ScoreAndSort(const UserParameters& params, const CandidateList& kept);
+
+// The final choice among the filtered candidates: beyond 1000 of them with
+// m_co_elute (beyond 1 without), only the first of ReduceByRankProduct go on, in
+// its order; those are scored, and the ones scoring strictly above
+// m_mars_threshold are returned, best first.
+CandidateList SelectCandidates(const UserParameters& params, CandidateList kept);
 
 // The intensity-weighted m/z of the raw-slice peaks strictly within
 // m_recalibrate_window ppm of the candidate's m/z, over all ten slices; cached on
