@@ -325,7 +325,10 @@ std::string header_text(const Options& options, const RunIndex& index) {
     append_header_line(text, "Extractor", "spexor_xml.exe");
     append_header_line(text, "ExtractorVersion", KSIEVE_VERSION_TEXT);
     append_header_line(text, "Library", "OpenMS " + OpenMS::VersionInfo::getVersion());
-    append_header_line(text, "SourceFile", options.input_path);
+    // The file name alone: the reader takes lines in pieces of 1023 characters,
+    // and the piece of a long path could start with a digit, like a peak line.
+    const std::string& path = options.input_path;
+    append_header_line(text, "SourceFile", path.substr(path.find_last_of('/') + 1));
     append_header_line(
         text, "ScanNumbers",
         index.uses_native_numbers() ? "native IDs (scan=N)" : "spectrum position in the file + 1");
