@@ -1,5 +1,5 @@
-// A reader of KS output written from the byte layout alone, so that the tests
-// check the bytes on disk rather than the writers' own idea of them.
+// A reader of KS output written from the byte layout alone, so that the test
+// checks the bytes on disk rather than the writers' own idea of them.
 //
 // Both record kinds share one shape: scan, peak count, (m/z, intensity) pairs,
 // then a count and that many (float, int) pairs - the precursors of an MS2
@@ -8,12 +8,12 @@
 
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "test_support.h"
 
 namespace kstest {
 
@@ -31,60 +31,47 @@ struct KsContents {
 };
 
 // Little-endian fields, assembled byte by byte whatever the host order.
-class ByteCursor {
-  public:
-    explicit ByteCursor(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        if (!in) {
-            throw std::runtime_error("cannot read " + path);
-        }
-        m_bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    bool at_end() const { return m_pos == m_bytes.size(); }
-    int64_t position() const { return static_cast<int64_t>(m_pos); }
+struct ByteCursor {
+    std::string bytes;
+    size_t pos = 0;
 
     uint64_t field(size_t size) {
-        if (m_pos + size > m_bytes.size()) {
+        if (pos + size > bytes.size()) {
             throw std::runtime_error("KS data ends inside a field");
         }
         uint64_t value = 0;
         for (size_t i = 0; i < size; ++i) {
-            value |= static_cast<uint64_t>(m_bytes[m_pos++]) << (8 * i);
+            value |= uint64_t{static_cast<unsigned char>(bytes[pos++])} << (8 * i);
         }
         return value;
     }
-    uint32_t u32() { return static_cast<uint32_t>(field(4)); }
-    int32_t i32() { return static_cast<int32_t>(u32()); }
+    int32_t i32() { return static_cast<int32_t>(field(4)); }
     double f64() {
         const uint64_t bits = field(8);
         double value = 0.0;
         std::memcpy(&value, &bits, sizeof value);
         return value;
     }
-
-  private:
-    std::vector<unsigned char> m_bytes;
-    size_t m_pos = 0;
 };
 
 inline KsContents read_ks_file(const std::string& path) {
-    ByteCursor cursor(path);
+    ByteCursor in{ksieve::test::read_file(path)};
     KsContents contents;
-    contents.count = cursor.u32();
-    for (uint32_t length = cursor.u32(); length > 0; --length) {
-        contents.title += static_cast<char>(cursor.field(1));
-    }
-    while (!cursor.at_end()) {
+    contents.count = static_cast<uint32_t>(in.field(4));
+    const size_t title_length = in.field(4);
+    contents.title = in.bytes.substr(in.pos, title_length);
+    in.pos += title_length;
+    while (in.pos < in.bytes.size()) {
         KsRecord& record = contents.records.emplace_back();
-        record.offset = cursor.position();
-        record.scan = cursor.i32();
-        for (uint32_t n = cursor.u32(); n > 0; --n) {
-            const double mz = cursor.f64();
-            record.peaks.emplace_back(mz, cursor.f64());
+        record.offset = static_cast<int64_t>(in.pos);
+        record.scan = in.i32();
+        for (uint64_t n = in.field(4); n > 0; --n) {
+            const double mz = in.f64();
+            record.peaks.emplace_back(mz, in.f64());
         }
-        for (uint32_t p = cursor.u32(); p > 0; --p) {
-            const double value = cursor.f64();
-            record.tail.emplace_back(value, cursor.i32());
+        for (uint64_t p = in.field(4); p > 0; --p) {
+            const double value = in.f64();
+            record.tail.emplace_back(value, in.i32());
         }
     }
     return contents;
@@ -92,11 +79,11 @@ inline KsContents read_ks_file(const std::string& path) {
 
 // The index beside a data file: one (scan, record offset) pair per record.
 inline std::vector<std::pair<int32_t, int64_t>> read_ks_index(const std::string& path) {
-    ByteCursor cursor(path);
+    ByteCursor in{ksieve::test::read_file(path)};
     std::vector<std::pair<int32_t, int64_t>> entries;
-    while (!cursor.at_end()) {
-        const int32_t scan = cursor.i32();
-        entries.emplace_back(scan, cursor.i32());
+    while (in.pos < in.bytes.size()) {
+        const int32_t scan = in.i32();
+        entries.emplace_back(scan, in.i32());
     }
     return entries;
 }
