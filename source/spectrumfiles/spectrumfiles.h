@@ -41,7 +41,8 @@ struct SpectrumFile {
 
     // A record that goes out of scope with its stream still open (a failure
     // unwinding past its owner) closes the stream quietly, so the stream never
-    // outlives its buffer; what was written stays as it was.
+    // outlives its buffer; what was written stays as it was. Owning a stream, the
+    // record and every member of its family are held in place, never copied.
     ~SpectrumFile();
 };
 
