@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -63,23 +64,26 @@ char* put_fixed(char* out, char* end, double value, int digits) {
 }
 
 // The hot path of MGF output: to_chars prints exactly what printf "%.Nf"
-// prints, without parsing the format for every peak.
-void write_peaks(std::FILE* stream, const std::vector<Peak>& peaks) {
+// prints, without parsing the format for every peak. The lines of one scan are
+// formatted once into `text`, since every precursor's block repeats them.
+void format_peaks(std::string& text, const std::vector<Peak>& peaks) {
+    text.clear();
     const std::optional<PeakDigits> digits = fixed_digits(g_peak_format);
-    if (!digits) {
-        for (const Peak& peak : peaks) {
-            std::fprintf(stream, g_peak_format, peak.m_mz, peak.m_intensity);
-        }
-        return;
-    }
     char line[kPeakLineSize];
     char* const end = line + kPeakLineSize;
     for (const Peak& peak : peaks) {
-        char* out = put_fixed(line, end, peak.m_mz, digits->m_mz);
-        *out++ = ' ';
-        out = put_fixed(out, end, peak.m_intensity, digits->m_intensity);
-        *out++ = '\n';
-        std::fwrite(line, 1, static_cast<std::size_t>(out - line), stream);
+        char* out = line;
+        if (digits) {
+            out = put_fixed(out, end, peak.m_mz, digits->m_mz);
+            *out++ = ' ';
+            out = put_fixed(out, end, peak.m_intensity, digits->m_intensity);
+            *out++ = '\n';
+        } else {
+            const int written =
+                std::snprintf(line, kPeakLineSize, g_peak_format, peak.m_mz, peak.m_intensity);
+            out += std::clamp(written, 0, static_cast<int>(kPeakLineSize) - 1);
+        }
+        text.append(line, out);
     }
 }
 
@@ -103,6 +107,9 @@ void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::strin
 // them from 1.
 void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
     std::FILE* stream = file.m_head.m_stream;
+    if (!scan.m_precursors.empty()) {
+        format_peaks(file.m_peak_text, scan.m_peaks);
+    }
     for (std::size_t i = 0; i < scan.m_precursors.size(); ++i) {
         const Precursor& precursor = scan.m_precursors[i];
         std::fputs("BEGIN IONS\n", stream);
@@ -111,7 +118,7 @@ void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
         write_charge(stream, precursor.m_charge);
         std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time);
         std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz);
-        write_peaks(stream, scan.m_peaks);
+        std::fwrite(file.m_peak_text.data(), 1, file.m_peak_text.size(), stream);
         std::fputs("END IONS\n", stream);
     }
 }

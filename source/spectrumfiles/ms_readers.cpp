@@ -163,7 +163,10 @@ Peak parse_peak_line(char* line) {
 }
 
 void sort_peaks(PeakList& peaks) {
-    std::sort(peaks.begin(), peaks.end(), sort_less);
+    // Instruments and converters almost always write peaks in order already.
+    if (!std::is_sorted(peaks.begin(), peaks.end(), sort_less)) {
+        std::sort(peaks.begin(), peaks.end(), sort_less);
+    }
 }
 
 void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan) {

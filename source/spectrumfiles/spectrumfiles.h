@@ -58,6 +58,7 @@ struct MgfFile {
     SpectrumFile m_head;
     std::string m_title;
     char m_line[kLineBufferSize] = {};
+    std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
 };
 
 // One KS data file with its index beside it (path + "idx").
