@@ -265,7 +265,8 @@ double text_to_double(const char* text) {
     }
     double value = 0.0;
     const char* end = p;
-    while (*end != '\0' && *end != '\n') {
+    // A number never holds white space, so the token ends at the first blank.
+    while (*end != '\0' && !is_c_space(*end)) {
         ++end;
     }
     const auto [ptr, ec] = std::from_chars(p, end, value, std::chars_format::general);
