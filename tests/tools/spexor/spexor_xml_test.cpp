@@ -119,23 +119,22 @@ class SpexorXml : public ::testing::Test {
 };
 
 TEST_F(SpexorXml, MzXmlRunInFileOrderWithNativeScanNumbers) {
-    ASSERT_EQ(convert(sample("BSA_min_21.mzXML")), 0) << stderr_;
-    EXPECT_TRUE(fs::exists(out_ / "BSA_min_21.spexor"));
-    EXPECT_NE(stdout_.find("MS2 scans written: 82"), std::string::npos) << stdout_;
-    Lines ms1 = read_lines(out_ / "BSA_min_21.ms1");
-    Lines ms2 = read_lines(out_ / "BSA_min_21.ms2");
+    ASSERT_EQ(convert(sample("velos_cid_crop.mzXML")), 0) << stderr_;
+    EXPECT_TRUE(fs::exists(out_ / "velos_cid_crop.spexor"));
+    EXPECT_NE(stdout_.find("MS2 scans written: 15"), std::string::npos) << stdout_;
+    Lines ms1 = read_lines(out_ / "velos_cid_crop.ms1");
+    Lines ms2 = read_lines(out_ / "velos_cid_crop.ms2");
     EXPECT_NE(std::find(ms1.begin(), ms1.end(), "H\tScanNumbers\tnative IDs (scan=N)"), ms1.end());
 
     // The file's MS1 scans (msLevel="1"); every other scan is an MS2 scan.
-    const std::vector<int> survey = {1,  7,  13, 19, 25, 31, 37, 43, 48,
-                                     54, 60, 66, 72, 78, 84, 89, 93, 99};
+    const std::vector<int> survey = {1, 4, 6, 9, 11, 14, 16, 19, 22, 25};
     EXPECT_EQ(scan_numbers(ms1), survey);
     std::vector<int> fragments = scan_numbers(ms2);
-    EXPECT_EQ(fragments.size(), 82u);
+    EXPECT_EQ(fragments.size(), 15u);
     EXPECT_TRUE(std::is_sorted(fragments.begin(), fragments.end()));
     for (int number : fragments) {
-        // The file's precursorScanNum is the survey scan just before each MS2
-        // scan; the companion finds it by retention time.
+        // The file has no precursorScanNum; its retention times rise in file
+        // order, so the parent is the survey scan just before each MS2 scan.
         Scan scan = scan_block(ms2, number);
         int parent = *(std::lower_bound(survey.begin(), survey.end(), number) - 1);
         EXPECT_EQ(value_of(scan, "I\tPrecursorScan\t"), std::to_string(parent)) << number;
@@ -144,85 +143,94 @@ TEST_F(SpexorXml, MzXmlRunInFileOrderWithNativeScanNumbers) {
                   1);
     }
 
-    // Scan 1: retentionTime PT0.2912S, 704 peaks, zlib, 32-bit network order.
+    // Scan 1: retentionTime PT3775.53940000002S, 118 peaks, uncompressed
+    // 32-bit network order, filterLine "FTMS + p NSI Full ms".
     Scan first = scan_block(ms1, 1);
-    EXPECT_EQ(first.head, (Lines{"S\t1\t1", "I\tRetTime\t0.004853", "I\tInstrumentType\tFTMS",
+    EXPECT_EQ(first.head, (Lines{"S\t1\t1", "I\tRetTime\t62.925657", "I\tInstrumentType\tFTMS",
                                  "I\tCentroiding\tas stored"}));
-    ASSERT_EQ(first.peaks.size(), 704u);
-    EXPECT_EQ(first.peaks.front(), "370.20728 34887.1");
-    EXPECT_EQ(first.peaks.back(), "1609.84827 25391.4");
+    ASSERT_EQ(first.peaks.size(), 118u);
+    EXPECT_EQ(first.peaks.front(), "712.36798 2406.6");
+    EXPECT_EQ(first.peaks.back(), "780.39307 4390.0");
 
-    // Scan 2: PT0.7326S, precursorMz 722.8173828125, charge 2, CID, 420 peaks.
+    // Scan 2: PT3778.13740000002S, precursorMz 738.369689941406, charge 3,
+    // CID, filterLine "ITMS + c NSI d w Full ms2", 1063 peaks.
     Scan second = scan_block(ms2, 2);
     EXPECT_EQ(second.head,
-              (Lines{"S\t2\t2\t722.81738", "I\tRetTime\t0.012210", "I\tInstrumentType\tITMS",
+              (Lines{"S\t2\t2\t738.36969", "I\tRetTime\t62.968957", "I\tInstrumentType\tITMS",
                      "I\tCentroiding\tas stored", "I\tActivationType\tCID",
-                     "I\tActivationCenter\t722.81738", "I\tPrecursorScan\t1", "Z\t2\t1444.62749"}));
-    ASSERT_EQ(second.peaks.size(), 420u);
-    EXPECT_EQ(second.peaks.front(), "203.60666 3.8");
-    EXPECT_EQ(scan_block(ms2, 14).peaks.size(), 4u);
+                     "I\tActivationCenter\t738.36969", "I\tPrecursorScan\t1", "Z\t3\t2213.09452"}));
+    ASSERT_EQ(second.peaks.size(), 1063u);
+    EXPECT_EQ(second.peaks.front(), "209.20711 2.1");
+    // Scan 18: precursorMz 756.385864257813 with charge 4.
+    EXPECT_EQ(value_of(scan_block(ms2, 18), "Z\t"), "4\t3022.52163");
 }
 
 TEST_F(SpexorXml, DigitsFollowTheOptions) {
-    ASSERT_EQ(convert(sample("BSA_min_21.mzXML"), "-i 3 -m 2"), 0) << stderr_;
-    Scan first = scan_block(read_lines(out_ / "BSA_min_21.ms1"), 1);
+    ASSERT_EQ(convert(sample("velos_cid_crop.mzXML"), "-i 3 -m 2"), 0) << stderr_;
+    Scan first = scan_block(read_lines(out_ / "velos_cid_crop.ms1"), 1);
     ASSERT_FALSE(first.peaks.empty());
-    EXPECT_EQ(first.peaks.front(), "370.21 34887.078");
+    EXPECT_EQ(first.peaks.front(), "712.37 2406.553");
 }
 
 TEST_F(SpexorXml, MzMlWithSpectrumReferencesAndInjectionTimes) {
-    ASSERT_EQ(convert(sample("yeast_hcd_crop.mzML")), 0) << stderr_;
-    Lines ms1 = read_lines(out_ / "yeast_hcd_crop.ms1");
-    Lines ms2 = read_lines(out_ / "yeast_hcd_crop.ms2");
-    EXPECT_EQ(scan_numbers(ms1), (std::vector<int>{6}));
-    EXPECT_EQ(scan_numbers(ms2), (std::vector<int>{5, 7, 8, 9, 10, 11, 12}));
+    ASSERT_EQ(convert(sample("hcd_crop.mzML")), 0) << stderr_;
+    Lines ms1 = read_lines(out_ / "hcd_crop.ms1");
+    Lines ms2 = read_lines(out_ / "hcd_crop.ms2");
+    EXPECT_EQ(scan_numbers(ms1), (std::vector<int>{1674, 1687, 1700}));
+    EXPECT_EQ(scan_numbers(ms2), (std::vector<int>{1662, 1663, 1688, 1701, 1702}));
 
-    // Scan 6 is stored centroided with 10105 points, 2032 of them non-zero.
-    Scan survey = scan_block(ms1, 6);
-    EXPECT_EQ(survey.head, (Lines{"S\t6\t6", "I\tRetTime\t24.078337", "I\tIonInjectionTime\t0.8767",
-                                  "I\tInstrumentType\tFTMS", "I\tCentroiding\tas stored"}));
-    ASSERT_EQ(survey.peaks.size(), 2032u);
-    EXPECT_EQ(survey.peaks.front(), "300.16701 68405.1");
-    EXPECT_EQ(survey.peaks.back(), "1498.75518 49814.0");
+    // Scan 1674 is stored centroided with 4060 points, 665 of them non-zero.
+    Scan survey = scan_block(ms1, 1674);
+    EXPECT_EQ(survey.head,
+              (Lines{"S\t1674\t1674", "I\tRetTime\t2.289855", "I\tIonInjectionTime\t3.2052",
+                     "I\tInstrumentType\tFTMS", "I\tCentroiding\tas stored"}));
+    ASSERT_EQ(survey.peaks.size(), 665u);
+    EXPECT_EQ(survey.peaks.front(), "375.52272 77743.6");
+    EXPECT_EQ(survey.peaks.back(), "1490.15542 31972.0");
 
-    // Scan 5: isolation target 537.277587890625, selected ion 536.274169921875
-    // (charge 2); its spectrumRef, scan 1, was cropped away and no MS1 precedes it.
-    Scan orphan = scan_block(ms2, 5);
-    EXPECT_EQ(orphan.head, (Lines{"S\t5\t5\t536.27417", "I\tRetTime\t24.072453",
-                                  "I\tIonInjectionTime\t22.9455", "I\tInstrumentType\tFTMS",
+    // Scan 1662: isolation target 473.2353515625, selected ion 473.23536583124
+    // (charge 2); its spectrumRef, scan 1661, was cropped away and no MS1
+    // precedes it.
+    Scan orphan = scan_block(ms2, 1662);
+    EXPECT_EQ(orphan.head, (Lines{"S\t1662\t1662\t473.23537", "I\tRetTime\t2.274419",
+                                  "I\tIonInjectionTime\t70.0000", "I\tInstrumentType\tFTMS",
                                   "I\tCentroiding\tas stored", "I\tActivationType\tHCD",
-                                  "I\tActivationCenter\t537.27759", "Z\t2\t1071.54106"}));
-    EXPECT_EQ(orphan.peaks.size(), 141u);
-    EXPECT_EQ(orphan.peaks.front(), "101.07059 4357.7");
+                                  "I\tActivationCenter\t473.23535", "Z\t2\t945.46346"}));
+    EXPECT_EQ(orphan.peaks.size(), 378u);
+    EXPECT_EQ(orphan.peaks.front(), "101.07088 4172.2");
 
-    Scan referenced = scan_block(ms2, 7);  // spectrumRef scan=6, 385.186279296875, z 2
-    EXPECT_EQ(value_of(referenced, "I\tPrecursorScan\t"), "6");
-    EXPECT_EQ(value_of(referenced, "Z\t"), "2\t769.36528");
-    EXPECT_EQ(referenced.peaks.size(), 167u);
+    // spectrumRef scan=1700, target 574.296875, selected ion 574.296767258095, z 2.
+    Scan referenced = scan_block(ms2, 1701);
+    EXPECT_EQ(value_of(referenced, "I\tPrecursorScan\t"), "1700");
+    EXPECT_EQ(value_of(referenced, "I\tActivationCenter\t"), "574.29688");
+    EXPECT_EQ(value_of(referenced, "Z\t"), "2\t1147.58626");
+    EXPECT_EQ(referenced.peaks.size(), 76u);
 }
 
 TEST_F(SpexorXml, ProfileSurveyScansAreCentroidedFromNumpressArrays) {
-    ASSERT_EQ(convert(sample("ltqft_profile_crop.mzML")), 0) << stderr_;
-    EXPECT_NE(stdout_.find("Spectra centroided with PeakPickerHiRes: 2"), std::string::npos);
-    Lines ms1 = read_lines(out_ / "ltqft_profile_crop.ms1");
-    Lines ms2 = read_lines(out_ / "ltqft_profile_crop.ms2");
-    EXPECT_EQ(scan_numbers(ms2), (std::vector<int>{3, 4, 5, 6, 7}));
+    ASSERT_EQ(convert(sample("profile_crop.mzML")), 0) << stderr_;
+    EXPECT_NE(stdout_.find("Spectra centroided with PeakPickerHiRes: 3"), std::string::npos);
+    Lines ms1 = read_lines(out_ / "profile_crop.ms1");
+    Lines ms2 = read_lines(out_ / "profile_crop.ms2");
+    EXPECT_EQ(scan_numbers(ms1), (std::vector<int>{559, 560, 562}));
+    EXPECT_EQ(scan_numbers(ms2), (std::vector<int>{561, 563}));
 
-    // Scan 1 is FT-ICR profile (19914 points, 10739 non-zero, base peak m/z
-    // 810.415283203125); scan 2 a profile ion-trap full scan (base 810.545532).
+    // Orbitrap profile scans, points 0.0101 m/z apart near their base peak at
+    // m/z 1122, observed from 693.0233 to 2525.2391. The base peak's centroid
+    // lies between its highest point and the taller neighbour (the higher m/z).
     struct Expected {
         int scan;
-        const char* type;
-        double base_mz;
-        double tolerance;
+        std::size_t nonzero_points;
+        double highest_point_mz;
     };
-    for (Expected expected : {Expected{1, "FTMS", 810.415283203125, 0.005},
-                              Expected{2, "ITMS", 810.545532226563, 0.05}}) {
+    for (Expected expected :
+         {Expected{559, 4653, 1121.9946590419515}, Expected{560, 4468, 1121.9955478031882},
+          Expected{562, 4963, 1121.9964414051722}}) {
         Scan survey = scan_block(ms1, expected.scan);
-        EXPECT_EQ(value_of(survey, "I\tInstrumentType\t"), expected.type);
+        EXPECT_EQ(value_of(survey, "I\tInstrumentType\t"), "FTMS");
         EXPECT_EQ(value_of(survey, "I\tCentroiding\t"), "PeakPickerHiRes");
         ASSERT_GT(survey.peaks.size(), 100u);
-        EXPECT_LT(survey.peaks.size(), 10739u / 3);
+        EXPECT_LT(survey.peaks.size(), expected.nonzero_points / 3);
         double base_mz = 0.0;
         double base_intensity = 0.0;
         double last_mz = 0.0;
@@ -230,28 +238,59 @@ TEST_F(SpexorXml, ProfileSurveyScansAreCentroidedFromNumpressArrays) {
             double mz = std::atof(peak.c_str());
             double intensity = std::atof(peak.c_str() + peak.find(' '));
             EXPECT_GE(mz, last_mz);
-            EXPECT_TRUE(mz > 200.0 && mz < 2000.1) << peak;  // scan window 200-2000
+            EXPECT_TRUE(mz > 693.0233 && mz < 2525.2391) << peak;
             last_mz = mz;
             if (intensity > base_intensity) {
                 base_intensity = intensity;
                 base_mz = mz;
             }
         }
-        EXPECT_NEAR(base_mz, expected.base_mz, expected.tolerance) << expected.scan;
+        EXPECT_GE(base_mz, expected.highest_point_mz) << expected.scan;
+        EXPECT_LE(base_mz, expected.highest_point_mz + 0.0101) << expected.scan;
     }
 
-    // Scan 3: no charge state, isolation target = selected ion 810.789428710938,
-    // spectrumRef the ion-trap scan 2; 485 centroids, the first 231.3888397216797
-    // with 26.545 counts (decoded from the original zlib arrays).
-    Scan fragment = scan_block(ms2, 3);
-    EXPECT_EQ(fragment.head,
-              (Lines{"S\t3\t3\t810.78943", "I\tRetTime\t0.011218", "I\tIonInjectionTime\t7.9930",
-                     "I\tInstrumentType\tITMS", "I\tCentroiding\tas stored",
-                     "I\tActivationType\tCID", "I\tActivationCenter\t810.78943",
-                     "I\tPrecursorScan\t2", "Z\t2\t1620.57158", "Z\t3\t2430.35373"}));
-    ASSERT_EQ(fragment.peaks.size(), 485u);
-    EXPECT_EQ(fragment.peaks.front(), "231.38884 26.5");
-    EXPECT_EQ(fragment.peaks.back(), "1560.71985 23.0");
+    // Scan 561: ETD, charge 12, isolation target = selected ion
+    // 1225.61157226562, spectrumRef scan 560; 25 centroids, the first
+    // 121.48599246025434 with 553.8757813514017 counts (decoded from the
+    // Numpress arrays).
+    Scan fragment = scan_block(ms2, 561);
+    EXPECT_EQ(
+        fragment.head,
+        (Lines{"S\t561\t561\t1225.61157", "I\tRetTime\t4.199762", "I\tIonInjectionTime\t100.0000",
+               "I\tInstrumentType\tFTMS", "I\tCentroiding\tas stored", "I\tActivationType\tETD",
+               "I\tActivationCenter\t1225.61157", "I\tPrecursorScan\t560", "Z\t12\t14696.25883"}));
+    ASSERT_EQ(fragment.peaks.size(), 25u);
+    EXPECT_EQ(fragment.peaks.front(), "121.48599 553.9");
+    EXPECT_EQ(fragment.peaks.back(), "1225.45935 1821.2");
+}
+
+TEST_F(SpexorXml, PrecursorsWithoutChargeGetChargesTwoAndThree) {
+    ASSERT_EQ(convert(sample("no_charge_crop.mzML")), 0) << stderr_;
+    Lines ms1 = read_lines(out_ / "no_charge_crop.ms1");
+    Lines ms2 = read_lines(out_ / "no_charge_crop.ms2");
+    EXPECT_EQ(scan_numbers(ms1), (std::vector<int>{20, 21}));
+    std::vector<int> fragments = scan_numbers(ms2);
+    EXPECT_EQ(fragments, (std::vector<int>{22, 23, 24, 25, 26, 27, 28, 29, 30}));
+    // Every MS2 scan names scan 21 in its spectrumRef and gives no charge state.
+    for (int number : fragments) {
+        Scan scan = scan_block(ms2, number);
+        EXPECT_EQ(value_of(scan, "I\tPrecursorScan\t"), "21") << number;
+        EXPECT_EQ(std::count_if(scan.head.begin(), scan.head.end(),
+                                [](const std::string& line) { return line[0] == 'Z'; }),
+                  2)
+            << number;
+    }
+
+    // Scan 22: selected ion = isolation target 324.21, injection time
+    // 1014.999985694885 ms, 183 peaks.
+    Scan fragment = scan_block(ms2, 22);
+    EXPECT_EQ(fragment.head, (Lines{"S\t22\t22\t324.21000", "I\tRetTime\t0.377548",
+                                    "I\tIonInjectionTime\t1015.0000", "I\tInstrumentType\tFTMS",
+                                    "I\tCentroiding\tas stored", "I\tActivationType\tHCD",
+                                    "I\tActivationCenter\t324.21000", "I\tPrecursorScan\t21",
+                                    "Z\t2\t647.41272", "Z\t3\t970.61545"}));
+    ASSERT_EQ(fragment.peaks.size(), 183u);
+    EXPECT_EQ(fragment.peaks.front(), "52.09899 64.7");
 }
 
 TEST_F(SpexorXml, SurveyScansStoredFirstArePairedByRetentionTime) {
@@ -276,18 +315,18 @@ TEST_F(SpexorXml, SurveyScansStoredFirstArePairedByRetentionTime) {
 }
 
 TEST_F(SpexorXml, FailuresLeaveNoMarker) {
-    EXPECT_EQ(run("-mgf -a -i 1 -m 5 -o \"" + out_.string() + "\" \"" +
-                  sample("yeast_hcd_crop.mzML") + "\""),
-              2);
+    EXPECT_EQ(
+        run("-mgf -a -i 1 -m 5 -o \"" + out_.string() + "\" \"" + sample("hcd_crop.mzML") + "\""),
+        2);
     EXPECT_NE(stderr_.find("-mgf is not supported"), std::string::npos) << stderr_;
 
-    expect_failure_without_marker(convert(sample("yeast_ms2_only.mzML")), "yeast_ms2_only");
+    expect_failure_without_marker(convert(sample("ms2_only.mzML")), "ms2_only");
     EXPECT_NE(stderr_.find("no MS1 scan"), std::string::npos) << stderr_;
 
     expect_failure_without_marker(convert((dir_ / "missing.mzML").string()), "missing");
 
     // A file cut short, with the marker of an earlier extraction beside it.
-    std::string whole = read_text(sample("yeast_hcd_crop.mzML"));
+    std::string whole = read_text(sample("hcd_crop.mzML"));
     std::ofstream((dir_ / "cut.mzML").string(), std::ios::binary)
         << whole.substr(0, whole.size() / 2);
     fs::create_directories(out_);
