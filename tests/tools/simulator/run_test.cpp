@@ -17,7 +17,7 @@
 namespace ksieve::sim {
 namespace {
 
-const std::string kFasta = std::string(KSIEVE_SOURCE_DIR) + "/data/yeast_smalldb.fasta";
+const std::string kFasta = std::string(KSIEVE_SOURCE_DIR) + "/data/sim_proteins.fasta";
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> fields;
