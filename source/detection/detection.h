@@ -58,7 +58,8 @@ Ms1Slices FilterSliceNoise(const Ms1Slices& slices, const MS2Spectrum& ms2);
 // with the earlier peak first on ties. With m_check_activationcenter, a slice whose
 // nearest peak lies closer than the tolerance to the centre ends the visit. With
 // m_cut_similiar_mono, runs of peaks closer than one tolerance (scaled at the first
-// peak of the list in ppm mode) to their running intensity-weighted mean are fused.
+// peak of the list in ppm mode) to their running intensity-weighted mean are fused;
+// a group whose peaks sum to zero intensity keeps its m/z.
 // `clean_slices` holds the ten noise-filtered slices; a missing one counts as empty.
 PeakList CollectCandidatePeaks(const UserParameters& params, const Ms1Slices& clean_slices,
                                const MS2Spectrum& ms2);
