@@ -100,6 +100,10 @@ TEST(CollectCandidatePeaks, FusesSimilarPeaksByTheirRunningWeightedMean) {
     const PeakList parent = {{600.0, 1.0}, {600.1875, 3.0}, {600.375, 4.0}, {600.5078125, 5.0}};
     EXPECT_EQ(CollectCandidatePeaks(params, CentralSlices({}, parent, {}), ms2),
               (PeakList{{600.2578125, 8.0}, {600.5078125, 5.0}}));
+    // Peaks without intensity carry no weight: the group keeps its m/z, not NaN.
+    EXPECT_EQ(
+        CollectCandidatePeaks(params, CentralSlices({}, {{600.0, 0.0}, {600.125, 0.0}}, {}), ms2),
+        (PeakList{{600.0, 0.0}}));
     // In ppm one tolerance, scaled at the lowest peak, serves the whole list: 20 ppm
     // of 598.0 (0.01196), not of 600 (0.012).
     params.m_mstolppm = true;
