@@ -95,6 +95,9 @@ struct LabelledCounts {
     AccuracyCounts m_counts;
 };
 
+// printf into a string, for the reports of the evaluation tools.
+[[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);
+
 // A Markdown table with one line per evaluated table: rows, precursors, and
 // the four figures as percentages with their counts ("-" for an empty
 // denominator), after a line that states the truth and the rules.

@@ -1,5 +1,7 @@
 // The accuracy report as a Markdown table.
+#include <algorithm>
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 
 #include "accuracy.h"
@@ -8,29 +10,36 @@ namespace ksieve::eval {
 
 namespace {
 
-std::string printf_text(const char* format, auto... values) {
-    char buffer[160];
-    std::snprintf(buffer, sizeof buffer, format, values...);
-    return buffer;
-}
-
 // "83.4 % (4170/5000)", or "-" when nothing was counted.
 std::string percent(int64_t part, int64_t whole) {
     if (whole == 0) {
         return "-";
     }
-    return printf_text("%.1f %% (%" PRId64 "/%" PRId64 ")",
+    return format_text("%.1f %% (%" PRId64 "/%" PRId64 ")",
                        100.0 * static_cast<double>(part) / static_cast<double>(whole), part, whole);
 }
 
 }  // namespace
+
+std::string format_text(const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    va_end(arguments);
+    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
 
 std::string format_report(const std::vector<LabelledCounts>& runs, const MatchRules& rules) {
     std::string text;
     if (!runs.empty()) {
         const AccuracyCounts& first = runs.front().m_counts;
         text +=
-            printf_text("%" PRId64 " MS2 scans in the truth, %" PRId64
+            format_text("%" PRId64 " MS2 scans in the truth, %" PRId64
                         " co-eluted ions with at least %g %% of the window; "
                         "match: same charge, m/z within %g ppm\n\n",
                         first.m_scans, first.m_coeluted, 100.0 * rules.m_min_share, rules.m_ppm);
