@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,17 @@ struct MatchRules {
 // the true m/z.
 bool same_ion(const Precursor& written, const Precursor& truth, double ppm);
 
+// Neighbouring isotope peaks of a peptide ion lie 1.003 / charge m/z apart. A
+// precursor off by a few of these has the right ion but the wrong mono-isotopic
+// peak; instruments and detectors slip by one or two, rarely more.
+inline constexpr double kIsotopeSpacing = 1.003;
+inline constexpr int kMaxIsotopeShift = 4;
+
+// The k from -kMaxIsotopeShift to kMaxIsotopeShift, smallest |k| first, for
+// which `mz` lies within `ppm` (of the ion's m/z) of the ion's m/z plus
+// k * kIsotopeSpacing / charge; nothing when there is none.
+std::optional<int> isotope_offset(double mz, const Precursor& ion, double ppm);
+
 // For each written precursor, the index of the true ion that it matches, or -1.
 std::vector<int> match_precursors(const std::vector<Precursor>& written,
                                   const std::vector<TruthIon>& truth, double ppm);
@@ -83,6 +95,12 @@ struct AccuracyCounts {
     int64_t m_coeluted_found = 0;
     int64_t m_extra = 0;
     int64_t m_extra_correct = 0;  // extra precursors that match an ion of the minimum share
+    // Written precursors that match no true ion: on another isotope peak of a
+    // true ion with its charge, on a peak of a true ion with another charge,
+    // or elsewhere.
+    int64_t m_wrong_isotope = 0;
+    int64_t m_wrong_charge = 0;
+    int64_t m_wrong_other = 0;
 };
 
 // Throws std::runtime_error when a row's scan is not in the truth or appears in
@@ -98,9 +116,10 @@ struct LabelledCounts {
 // printf into a string, for the reports of the evaluation tools.
 [[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);
 
-// A Markdown table with one line per evaluated table: rows, precursors, and
-// the four figures as percentages with their counts ("-" for an empty
-// denominator), after a line that states the truth and the rules.
+// Two Markdown tables with one line per evaluated table, after a line that
+// states the truth and the rules: rows, precursors and the four figures as
+// percentages with their counts ("-" for an empty denominator); then the
+// written precursors that match no true ion, by where they lie.
 std::string format_report(const std::vector<LabelledCounts>& runs, const MatchRules& rules);
 
 }  // namespace ksieve::eval

@@ -15,6 +15,20 @@ double ppm_distance(const Precursor& written, const Precursor& truth) {
     return std::fabs(written.m_mz - truth.m_mz) / truth.m_mz * 1e6;
 }
 
+void count_wrong(const Precursor& written, const std::vector<TruthIon>& truth, double ppm,
+                 AccuracyCounts& counts) {
+    bool other_charge = false;
+    for (const TruthIon& ion : truth) {
+        const std::optional<int> offset = isotope_offset(written.m_mz, ion.m_ion, ppm);
+        if (offset && written.m_charge == ion.m_ion.m_charge && *offset != 0) {
+            ++counts.m_wrong_isotope;
+            return;
+        }
+        other_charge = other_charge || (offset && written.m_charge != ion.m_ion.m_charge);
+    }
+    ++(other_charge ? counts.m_wrong_charge : counts.m_wrong_other);
+}
+
 void count_scan(const std::vector<Precursor>& written, const std::vector<TruthIon>& truth,
                 const MatchRules& rules, AccuracyCounts& counts) {
     const std::vector<int> match = match_precursors(written, truth, rules.m_ppm);
@@ -24,6 +38,9 @@ void count_scan(const std::vector<Precursor>& written, const std::vector<TruthIo
         ++counts.m_first_is_dominant;
     }
     for (size_t i = 0; i < match.size(); ++i) {
+        if (match[i] < 0) {
+            count_wrong(written[i], truth, rules.m_ppm, counts);
+        }
         if (match[i] == 0) {
             ++counts.m_dominant_found;
         }
@@ -59,6 +76,18 @@ int64_t coeluted_ions(const std::vector<TruthIon>& truth, double min_share) {
 
 bool same_ion(const Precursor& written, const Precursor& truth, double ppm) {
     return written.m_charge == truth.m_charge && ppm_distance(written, truth) <= ppm;
+}
+
+std::optional<int> isotope_offset(double mz, const Precursor& ion, double ppm) {
+    const double tolerance = ppm * ion.m_mz / 1e6;
+    for (int size = 0; size <= kMaxIsotopeShift; ++size) {
+        for (const int shift : {-size, size}) {
+            if (std::fabs(mz - (ion.m_mz + shift * kIsotopeSpacing / ion.m_charge)) <= tolerance) {
+                return shift;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 std::vector<int> match_precursors(const std::vector<Precursor>& written,

@@ -56,6 +56,17 @@ std::string format_report(const std::vector<LabelledCounts>& runs, const MatchRu
                 percent(c.m_extra_correct, c.m_extra) + " | " +
                 percent(c.m_coeluted_found, c.m_coeluted) + " |\n";
     }
+    text +=
+        "\n| precursors | wrong | another isotope peak of a true ion "
+        "| a peak of a true ion of another charge | elsewhere |\n"
+        "|---|--:|--:|--:|--:|\n";
+    for (const LabelledCounts& run : runs) {
+        const AccuracyCounts& c = run.m_counts;
+        const int64_t wrong = c.m_wrong_isotope + c.m_wrong_charge + c.m_wrong_other;
+        text += "| " + run.m_label + " | " + std::to_string(wrong) + " | " +
+                percent(c.m_wrong_isotope, wrong) + " | " + percent(c.m_wrong_charge, wrong) +
+                " | " + percent(c.m_wrong_other, wrong) + " |\n";
+    }
     return text;
 }
 

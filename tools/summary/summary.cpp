@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -11,14 +10,7 @@ namespace ksieve::eval {
 
 namespace {
 
-// The spacing of neighbouring isotope peaks of a peptide, in Da.
-constexpr double kIsotopeSpacing = 1.003;
 constexpr const char* kScanCountLine = "Scan Number in ";
-
-bool on_isotope_peak(const Precursor& declared, const Precursor& detected, int shift, double ppm) {
-    const double peak = detected.m_mz + shift * kIsotopeSpacing / detected.m_charge;
-    return std::fabs(declared.m_mz - peak) <= ppm * declared.m_mz / 1e6;
-}
 
 std::string file_name(const std::string& path) {
     const size_t slash = path.find_last_of('/');
@@ -76,17 +68,16 @@ DeclaredFate classify_row(const TableRow& row, double ppm) {
     }
     DeclaredFate fate = DeclaredFate::kReplaced;
     for (const Precursor& detected : row.m_precursors) {
-        for (int shift = -kMaxIsotopeShift; shift <= kMaxIsotopeShift; ++shift) {
-            if (!on_isotope_peak(row.m_declared, detected, shift, ppm)) {
-                continue;
-            }
-            const DeclaredFate found = detected.m_charge != row.m_declared.m_charge
-                                           ? DeclaredFate::kChargeChange
-                                       : shift != 0 ? DeclaredFate::kMonoShift
-                                                    : DeclaredFate::kConfirmed;
-            // The order of the enumeration is the order of preference.
-            fate = std::min(fate, found);
+        const std::optional<int> shift = isotope_offset(row.m_declared.m_mz, detected, ppm);
+        if (!shift) {
+            continue;
         }
+        const DeclaredFate found = detected.m_charge != row.m_declared.m_charge
+                                       ? DeclaredFate::kChargeChange
+                                   : *shift != 0 ? DeclaredFate::kMonoShift
+                                                 : DeclaredFate::kConfirmed;
+        // The order of the enumeration is the order of preference.
+        fate = std::min(fate, found);
     }
     return fate;
 }

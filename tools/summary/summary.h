@@ -24,11 +24,11 @@ enum class DeclaredFate {
 };
 inline constexpr size_t kDeclaredFates = 5;
 
-// The declared m/z stands for an isotope peak of a detected precursor when it
-// lies within `ppm` (of the declared m/z) of that precursor's m/z plus k times
-// 1.003 / charge, for k up to kMaxIsotopeShift either way. A row whose first
-// precursor is the declared one, to the digits printed, kept it.
-inline constexpr int kMaxIsotopeShift = 4;
+// The declared m/z stands for an isotope peak of a detected precursor when
+// isotope_offset finds one within `ppm`. A row whose first precursor is the
+// declared one, to the digits printed, kept it; otherwise the detected
+// precursor that best explains the declared one, in the order of the fates,
+// decides.
 DeclaredFate classify_row(const TableRow& row, double ppm);
 
 // Scans read from the input pair, -1 when the log does not say.

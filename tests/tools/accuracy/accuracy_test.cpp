@@ -114,8 +114,22 @@ TEST(Matching, EachTrueIonGoesToTheFirstWrittenPrecursorAtItsNearest) {
     EXPECT_EQ(match_precursors({{500.0, 3}}, truth, 10.0), (std::vector<int>{2}));
 }
 
+TEST(Matching, IsotopeOffsetCountsWholeSpacingsOfTheIonsCharge) {
+    const Precursor ion{500.0, 2};
+    EXPECT_EQ(isotope_offset(500.004, ion, 10.0), 0);
+    EXPECT_EQ(isotope_offset(500.5015, ion, 10.0), 1);
+    EXPECT_EQ(isotope_offset(498.997, ion, 10.0), -2);
+    EXPECT_EQ(isotope_offset(502.006, ion, 10.0), 4);
+    EXPECT_EQ(isotope_offset(502.5075, ion, 10.0), std::nullopt);
+    EXPECT_EQ(isotope_offset(500.751, ion, 10.0), std::nullopt);  // half-way
+    EXPECT_EQ(isotope_offset(500.511, ion, 10.0), std::nullopt);
+    EXPECT_EQ(isotope_offset(500.511, ion, 20.0), 1);
+    EXPECT_EQ(isotope_offset(500.3343, {500.0, 3}, 10.0), 1);
+}
+
 // Scan 10: first precursor dominant, a minor ion, a false one.
-// Scan 11: co-eluted ion first, dominant second.
+// Scan 11: co-eluted ion first, dominant second, then the dominant's second
+//          isotope peak.
 // Scan 12: wrong charge first, then the dominant twice.
 // Scan 13: no row.
 struct Scenario {
@@ -127,7 +141,7 @@ struct Scenario {
     };
     std::vector<TableRow> rows = {
         {10, {500.0, 2}, {{500.0015, 2}, {700.0, 2}, {999.0, 2}}},
-        {11, {451.0, 2}, {{451.0, 2}, {450.0, 2}}},
+        {11, {451.0, 2}, {{451.0, 2}, {450.0, 2}, {450.5015, 2}}},
         {12, {800.0, 3}, {{800.0, 3}, {800.0, 2}, {800.0, 2}}},
     };
 };
@@ -137,19 +151,22 @@ TEST(Evaluate, CountsDominantAndCoelutedFiguresWithMinorIonsLeftOut) {
     const AccuracyCounts counts = evaluate(scenario.rows, scenario.truth, MatchRules{});
     EXPECT_EQ(counts.m_scans, 4);
     EXPECT_EQ(counts.m_rows, 3);
-    EXPECT_EQ(counts.m_precursors, 8);
+    EXPECT_EQ(counts.m_precursors, 9);
     EXPECT_EQ(counts.m_first_is_dominant, 1);
     EXPECT_EQ(counts.m_dominant_found, 3);
     EXPECT_EQ(counts.m_coeluted, 3);  // 600.0 3+, 451.0 2+, 905.0 2+
     EXPECT_EQ(counts.m_coeluted_found, 1);
-    EXPECT_EQ(counts.m_extra, 4);  // 999.0, 450.0, 800.0 and its repeat; 700.0 is minor
+    EXPECT_EQ(counts.m_extra, 5);  // 999.0, 450.0, 450.5015, 800.0 and its repeat; 700.0 is minor
     EXPECT_EQ(counts.m_extra_correct, 2);
+    EXPECT_EQ(counts.m_wrong_isotope, 1);  // 450.5015 2+
+    EXPECT_EQ(counts.m_wrong_charge, 1);   // 800.0 3+
+    EXPECT_EQ(counts.m_wrong_other, 2);    // 999.0 2+, the repeat of 800.0 2+
 
     // With a lower minimum share the minor ion becomes a co-eluted one to find.
     const AccuracyCounts low = evaluate(scenario.rows, scenario.truth, MatchRules{10.0, 0.01});
     EXPECT_EQ(low.m_coeluted, 4);
     EXPECT_EQ(low.m_coeluted_found, 2);
-    EXPECT_EQ(low.m_extra, 5);
+    EXPECT_EQ(low.m_extra, 6);
     EXPECT_EQ(low.m_extra_correct, 3);
 }
 
@@ -173,10 +190,13 @@ TEST(Report, ShowsPercentagesWithTheirCountsAndDashesForNothingCounted) {
     EXPECT_NE(report.find("4 MS2 scans in the truth, 3 co-eluted ions with at least 5 % of the "
                           "window; match: same charge, m/z within 10 ppm\n"),
               std::string::npos);
-    EXPECT_NE(report.find("| model 4 | 3 | 8 | 33.3 % (1/3) | 75.0 % (3/4) | 50.0 % (2/4) "
+    EXPECT_NE(report.find("| model 4 | 3 | 9 | 33.3 % (1/3) | 75.0 % (3/4) | 40.0 % (2/5) "
                           "| 33.3 % (1/3) |\n"),
               std::string::npos);
     EXPECT_NE(report.find("| empty | 0 | 0 | - | 0.0 % (0/4) | - | - |\n"), std::string::npos);
+    EXPECT_NE(report.find("| model 4 | 4 | 25.0 % (1/4) | 25.0 % (1/4) | 50.0 % (2/4) |\n"),
+              std::string::npos);
+    EXPECT_NE(report.find("| empty | 0 | - | - | - |\n"), std::string::npos);
 }
 
 }  // namespace

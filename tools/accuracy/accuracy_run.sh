@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Simulates a data-dependent run with a fixed seed, runs kSieve on it with the
+# default scoring model and two others, and once with a score threshold that no
+# candidate passes (every scan then keeps the precursors the instrument
+# declared: the baseline), and prints the accuracy of each precursor table.
+#
+# usage: tools/accuracy/accuracy_run.sh [build dir] [work dir] [MS2 scans] [seed] [accuracy options]
+#   defaults: build/release, run/accuracy, 5000, 1; options go to ksieve_accuracy
+set -euo pipefail
+
+build="$(cd "${1:-build/release}" && pwd)"
+work="${2:-run/accuracy}"
+scans="${3:-5000}"
+seed="${4:-1}"
+root="$(pwd)"
+
+rm -rf "$work" && mkdir -p "$work"
+cd "$work"
+"$build"/tools/simulator/ksieve_simulate --fasta "$root"/data/sim_proteins.fasta \
+  --seed "$seed" --ms2-scans "$scans" --out-dir . --stem sim >&2
+
+# kSieve <output dir> <options>: its console goes to <output dir>.log.
+ksieve() {
+  "$build"/bin/kSieve -D sim.ms1 -F ms1 -I "$build"/bin/IPV.txt -O "$1" "${@:2}" > "$1.log" 2>&1
+}
+ksieve declared -t 1e300
+for model in 4 0 250; do
+  ksieve "model$model" -M "$model"
+done
+
+"$build"/tools/accuracy/ksieve_accuracy --truth sim_truth.csv "${@:5}" \
+  "declared (baseline)=declared/sim.csv" "mars_model 4 (default)=model4/sim.csv" \
+  "mars_model 0=model0/sim.csv" "mars_model 250=model250/sim.csv"
