@@ -196,10 +196,8 @@ std::string first_line_value(const char* path, const std::string& key) {
     std::ifstream in(path);
     for (std::string line; std::getline(in, line);) {
         if (line.rfind(key, 0) == 0) {
-            const size_t colon = line.find(':');
-            return colon == std::string::npos
-                       ? line
-                       : line.substr(line.find_first_not_of(" \t", colon + 1));
+            const size_t value = line.find_first_not_of(" \t", line.find(':') + 1);
+            return value == std::string::npos ? "" : line.substr(value);
         }
     }
     return "unknown";
@@ -280,7 +278,8 @@ Options parse_options(int argc, char** argv) {
         } else if (arg == "--repeats" && i + 1 < argc) {
             options.repeats = std::max(1, std::atoi(argv[++i]));
         } else if (arg == "--dir" && i + 1 < argc) {
-            options.dir = argv[++i];
+            // Absolute, since the children work in their output directory.
+            options.dir = fs::absolute(argv[++i]);
         } else if (arg == "--keep") {
             options.keep = true;
         } else {
@@ -314,6 +313,8 @@ int main(int argc, char** argv) {
             fs::remove_all(options.dir / ("ms2_" + std::to_string(size)));
         }
     }
+    std::error_code not_empty;
+    fs::remove(options.dir, not_empty);  // only when nothing else is in it
     print_table(runs, measured);
     print_growth(runs, measured);
     return 0;
