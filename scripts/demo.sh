@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs kSieve on the bundled sample run (data/demo/BSA1_demo.mzML) the way a user
+# Runs kSieve on the bundled sample run (data/demo/bsa_demo.mzML) the way a user
 # would: in a fresh run directory holding the program, its companions and the
 # isotope table side by side, with the mzML file beside them. Then prints what
 # came out, read back from the outputs by ksieve_summary.
@@ -10,7 +10,7 @@ set -euo pipefail
 build="$(cd "${1:-build/release}" && pwd)"
 data="$(pwd)/data/demo"
 run_dir="run/demo"
-input="BSA1_demo.mzML"
+input="bsa_demo.mzML"
 
 rm -rf "$run_dir" && mkdir -p "$run_dir"
 cp "$build"/bin/kSieve "$build"/bin/spexor_xml.exe "$build"/bin/spexor_raw.exe \
