@@ -6,7 +6,8 @@
 set -euo pipefail
 
 exe="$(realpath "$1")"
-input="${2:-/work/shared/data/openms_bsa/BSA1.mzML.gz}"
+# The sample runs live in shared/ beside the repository checkout.
+input="${2:-$(dirname "$0")/../../../shared/data/openms_bsa/BSA1.mzML.gz}"
 repeats="${3:-5}"
 
 work="$(mktemp -d)"
