@@ -1,10 +1,11 @@
-// A reader of KS output written from the byte layout alone, so that the test
-// checks the bytes on disk rather than the writers' own idea of them.
-//
-// Both record kinds share one shape: scan, peak count, (m/z, intensity) pairs,
-// then a count and that many (float, int) pairs - the precursors of an MS2
-// record, or the single (retention time, 1) entry that closes an MS1 record.
+// A reader of KS output written from the byte layout alone, so that the tests check
+// the bytes on disk rather than the writers' own idea of them. Both record kinds
+// share one shape: scan, peak count, (m/z, intensity) pairs, then a count and that
+// many (float, int) pairs - the precursors of an MS2 record, or the single
+// (retention time, 1) entry that closes an MS1 record.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
@@ -25,7 +26,6 @@ struct KsRecord {
 };
 
 struct KsContents {
-    uint32_t count = 0;
     std::string title;
     std::vector<KsRecord> records;
 };
@@ -54,10 +54,12 @@ struct ByteCursor {
     }
 };
 
+// The data file, its record count checked, and the index beside it checked
+// too: one (scan, record offset) pair per record, in record order.
 inline KsContents read_ks_file(const std::string& path) {
     ByteCursor in{ksieve::test::read_file(path)};
     KsContents contents;
-    contents.count = static_cast<uint32_t>(in.field(4));
+    const uint64_t count = in.field(4);
     const size_t title_length = in.field(4);
     contents.title = in.bytes.substr(in.pos, title_length);
     in.pos += title_length;
@@ -74,18 +76,14 @@ inline KsContents read_ks_file(const std::string& path) {
             record.tail.emplace_back(value, in.i32());
         }
     }
-    return contents;
-}
-
-// The index beside a data file: one (scan, record offset) pair per record.
-inline std::vector<std::pair<int32_t, int64_t>> read_ks_index(const std::string& path) {
-    ByteCursor in{ksieve::test::read_file(path)};
-    std::vector<std::pair<int32_t, int64_t>> entries;
-    while (in.pos < in.bytes.size()) {
-        const int32_t scan = in.i32();
-        entries.emplace_back(scan, in.i32());
+    EXPECT_EQ(count, contents.records.size()) << path;
+    ByteCursor index{ksieve::test::read_file(path + "idx")};
+    EXPECT_EQ(index.bytes.size(), 8 * contents.records.size()) << path;
+    for (size_t i = 0; i < contents.records.size() && index.pos < index.bytes.size(); ++i) {
+        EXPECT_EQ(index.i32(), contents.records[i].scan) << path << " entry " << i;
+        EXPECT_EQ(index.i32(), contents.records[i].offset) << path << " entry " << i;
     }
-    return entries;
+    return contents;
 }
 
 }  // namespace kstest

@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <limits>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "spectrumfiles.h"
+#include "test_support.h"
+
+namespace ksieve {
+namespace {
+
+// Every scan of `text`, read through a real file with `read` until it reports
+// the end; the end must then hold on a second call too, and the file must have
+// counted each scan once.
+template <typename File, typename Scan>
+std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) {
+    test::TempDir dir;
+    test::write_file(dir.file("in.txt"), text);
+    File file;
+    open_spectrum_file(file.m_head, dir.file("in.txt"), "r");
+    std::vector<Scan> scans;
+    for (Scan scan; read(file, scan); scan = Scan{}) {
+        scans.push_back(scan);
+    }
+    Scan after_end;
+    EXPECT_FALSE(read(file, after_end));
+    EXPECT_EQ(file.m_head.m_scan_count, static_cast<int32_t>(scans.size()));
+    finish_spectrum_file(file.m_head);
+    release_spectrum_file(file.m_head);
+    return scans;
+}
+
+// Peaks or precursors as (m/z, intensity or charge) pairs, to compare lists whole.
+using Pairs = std::vector<std::pair<double, double>>;
+template <typename Item, typename Second>
+Pairs pairs(const std::vector<Item>& items, Second Item::*second) {
+    Pairs values;
+    for (const Item& item : items) {
+        values.emplace_back(item.m_mz, item.*second);
+    }
+    return values;
+}
+
+// A scan with no peak is overwritten by the next, which keeps what it set.
+TEST(Ms1Reader, AScanWithoutPeaksGivesWayToTheNext) {
+    const auto scans =
+        read_all("S\t11\t11\nI\tRetTime\t8\nS\t1\t1\n5 1\n2 3\nS\t2\t2\n1 1\n", ReadMs1Scan);
+    ASSERT_EQ(scans.size(), 2u);
+    EXPECT_EQ(scans[0].m_scan, 1);
+    EXPECT_EQ(scans[0].m_retention_time, 8);
+    EXPECT_EQ(pairs(scans[0].m_peaks, &Peak::m_intensity), (Pairs{{2, 3}, {5, 1}}));
+}
+
+// The same text with Windows line ends, after an over-long comment line.
+std::string as_windows_text(const std::string& text) {
+    std::string converted = "H\t" + std::string(3000, 'x') + "\r\n";
+    for (char c : text) {
+        converted += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    }
+    return converted;
+}
+
+// Repeated blocks of a scan fold into it, keeping the first block's activation and
+// parent. Info lines are told apart by fixed positions: the long InstrumentType
+// line leaves its 'Q' behind in the line buffer, and the short one of scan 6 must
+// not see it. Charge 0 is dropped. Line ends, and the later pieces of an over-long
+// line (which start with 'x' and are skipped), change nothing.
+TEST(Ms2Reader, BlocksFoldAndInfoLinesAreReadAtFixedPositionsWhateverTheLineEnds) {
+    const std::string text =
+        "S\t5\t5\nI\tActivationType\tHCD\nI\tPrecursorScan\t3\nI\tInstrumentType\tQExactive\n"
+        "Z\t2\t1000\n20 1\n10 1\nS\t5\t5\nI\tActivationType\tCID\nI\tPrecursorScan\t9\n"
+        "I\tRetTime\t7\nZ\t0\t900\nZ\t3\t1000\n10 1.5\nS\t6\t6\nI\tIn\n30 1\n";
+    for (const std::string& input : {text, as_windows_text(text)}) {
+        test::CaptureStream errors(std::cerr);
+        const auto scans = read_all(input, ReadMs2Scan);
+        ASSERT_EQ(scans.size(), 2u);
+        EXPECT_EQ(pairs(scans[0].m_peaks, &Peak::m_intensity),
+                  (Pairs{{10, 1}, {10, 1.5}, {20, 1}}));
+        EXPECT_EQ(pairs(scans[0].m_precursors, &Precursor::m_charge),
+                  (Pairs{{(1000 + 1.007276) / 2, 2}, {(1000 + 2 * 1.007276) / 3, 3}}));
+        EXPECT_EQ(scans[0].m_activation_type, "HCD");
+        EXPECT_EQ(scans[0].m_precursor_scan, 3);
+        EXPECT_EQ(scans[0].m_retention_time, 7);
+        EXPECT_EQ(scans[0].m_instrument_type, "FT");
+        EXPECT_EQ(scans[1].m_instrument_type, "Unknown");
+        EXPECT_EQ(errors.text(),
+                  "[kSieve] <WARN> - Scan 5 has incorrect precursor infomation, "
+                  "skipping this precursor...\n");
+    }
+}
+
+TEST(MgfReader, ALaterBlockOfTheScanInheritsTheCharge) {
+    const std::string text =
+        "BEGIN IONS\nTITLE=run.10.10.2.dta\nPEPMASS=500.5 1000\nCHARGE=3-\n200 5\nEND IONS\n"
+        "BEGIN IONS\nTITLE=run.10.10.3.dta\nPEPMASS=600.5\n300 9\nEND IONS\n"
+        "BEGIN IONS\nTITLE=run.12.12.2.dta\nPEPMASS=700\nCHARGE=2+ and 3+\n60 1\nEND IONS\n";
+    const auto scans = read_all(text, ReadMgfScan);
+    ASSERT_EQ(scans.size(), 2u);
+    EXPECT_EQ(pairs(scans[0].m_precursors, &Precursor::m_charge),
+              (Pairs{{500.5, -3}, {600.5, -3}}));
+    EXPECT_EQ(pairs(scans[1].m_precursors, &Precursor::m_charge), (Pairs{{700, 2}}));
+}
+
+// The MGF blocks of a scan, written into memory.
+std::string mgf_text(const MS2Spectrum& scan) {
+    MgfFile file;
+    char* data = nullptr;
+    std::size_t size = 0;
+    file.m_head.m_stream = open_memstream(&data, &size);
+    write_mgf_blocks(file, scan);
+    std::fclose(file.m_head.m_stream);
+    file.m_head.m_stream = nullptr;
+    std::string text(data, size);
+    std::free(data);
+    return text;
+}
+
+// The fixed-point formats take a fast path of their own; every format must
+// print what printf prints, rounding halves to even included.
+TEST(MgfWriter, PeakLinesMatchPrintfForAnyFormat) {
+    std::mt19937 random(5);
+    std::uniform_real_distribution<double> exponent(-8, 12);
+    MS2Spectrum scan;
+    scan.m_precursors = {{1.0, 1}};
+    for (int i = 0; i < 300; ++i) {
+        const double value = std::pow(10.0, exponent(random)) * (i % 3 == 0 ? -1 : 1);
+        scan.m_peaks.push_back({value, std::round(value * 8) / 8});
+    }
+    scan.m_peaks.push_back({std::numeric_limits<double>::infinity(), -0.0});
+    scan.m_peaks.push_back({100.12345, 10.5});
+    for (const std::string format : {"%.0f %.0f\n", "%.3f %.1f\n", "%.12f %.9f\n", "%.2e|%g\n"}) {
+        set_peak_format(format);
+        const std::string text = mgf_text(scan);
+        std::string expected;
+        char line[1024];
+        for (const Peak& peak : scan.m_peaks) {
+            std::snprintf(line, sizeof line, format.c_str(), peak.m_mz, peak.m_intensity);
+            expected += line;
+        }
+        const std::size_t begin = text.find("PEPMASS=1.000000\n") + 17;
+        EXPECT_EQ(text.substr(begin, text.size() - begin - 9), expected) << format;
+    }
+    set_peak_format("%.5f %.1f\n");
+}
+
+// The table marks an input as done: it takes its final name only when finished,
+// and an old table stays until then. A scan without declared precursors shows -1.
+TEST(CsvWriter, TheTableTakesItsFinalNameOnlyWhenFinished) {
+    test::TempDir dir;
+    const std::string path = dir.file("run.csv");
+    test::write_file(path, "old table\n");
+    CsvFile table;
+    open_csv_file(table, path, "w+");
+    MS2Spectrum scan;
+    scan.m_precursors = {{500.1234567, 2}};
+    write_csv_row(table, scan);
+    std::fflush(table.m_head.m_stream);
+    EXPECT_EQ(test::read_file(path), "old table\n");
+    test::CaptureStream out(std::cout);
+    finish_csv_file(table);
+    EXPECT_FALSE(std::filesystem::exists(path + "_unfinished"));
+    const std::string text = test::read_file(path);
+    EXPECT_EQ(text.substr(text.find('\n') + 1), ", , 0, -1.000000, -1, 1, 1, 500.123457, 2, \n");
+
+    std::filesystem::remove(path);
+    std::filesystem::create_directories(path + "/occupied");  // no file can replace it
+    CsvFile blocked;
+    open_csv_file(blocked, path, "w+");
+    std::string thrown;
+    try {
+        finish_csv_file(blocked);
+    } catch (const std::string& message) {
+        thrown = message;
+    }
+    EXPECT_EQ(thrown, "Cannot rename file: " + path + "_unfinished");
+    EXPECT_TRUE(std::filesystem::exists(path + "_unfinished"));
+}
+
+}  // namespace
+}  // namespace ksieve
