@@ -7,11 +7,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     using namespace ksieve;
-    fuzz::silence_log();
-    MgfFile file;
-    fuzz::open_input(file.m_head, data, size);
     try {
-        fuzz::read_to_end(file, ReadMgfScan, fuzz::check_ms2_scan);
+        fuzz::read_to_end(data, size, ReadMgfScan, fuzz::check_ms2_scan);
     } catch (const char* message) {
         KS_FUZZ_CHECK(std::strcmp(message, kMgfTitleFailure) == 0);
     }
