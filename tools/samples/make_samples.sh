@@ -1,18 +1,19 @@
 #!/bin/sh
-# Rebuilds the sample runs of this folder from the OpenMS files listed in
-# README.md, with the OpenMS 2.6 tools FileFilter and FileConverter.
+# Rebuilds the companion's sample runs in tests/data/spexor from the OpenMS
+# files listed in that folder's README.md, with the OpenMS 2.6 tools FileFilter
+# and FileConverter.
 #
 # usage: make_samples.sh BSA1.mzML.gz SILAC.mzML FAIMS.mzML TOPDOWN.mzML \
-#                        LOCKMASS.mzML.gz [OUTPUT_DIR]
+#                        LOCKMASS.mzML.gz [OUTPUT_DIR (default tests/data/spexor)]
 #
 # The inputs are copied to neutral names in a scratch folder first, because
 # OpenMS records the files it read and wrote in the output; the remaining
 # processing history is stripped by scrub_metadata.py.
 set -eu
 
-[ $# -ge 5 ] || { sed -n '2,6p' "$0"; exit 2; }
+[ $# -ge 5 ] || { sed -n '2,7p' "$0"; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
-out=$(cd "${6:-$here}" && pwd)
+out=$(cd "${6:-$here/../../tests/data/spexor}" && pwd)
 work=$(mktemp -d /tmp/samples.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 
