@@ -46,6 +46,19 @@ std::string shell_quoted(const std::string& text) {
     return quoted + "'";
 }
 
+// Where the digits of a number in text begin: after leading white space and one
+// optional sign, as atof and atoi read it.
+const char* skip_blanks_and_sign(const char* text, bool& negative) {
+    while (is_c_space(*text)) {
+        ++text;
+    }
+    negative = *text == '-';
+    if (*text == '-' || *text == '+') {
+        ++text;
+    }
+    return text;
+}
+
 // The directory reader: open by name, read entry names, close.
 struct DirectoryReader {
     DIR* handle = nullptr;
@@ -248,14 +261,8 @@ double WeightedStdDev(const std::vector<double>& values, std::vector<double> wei
 }
 
 double text_to_double(const char* text) {
-    const char* p = text;
-    while (is_c_space(*p)) {
-        ++p;
-    }
-    const bool negative = *p == '-';
-    if (*p == '-' || *p == '+') {
-        ++p;
-    }
+    bool negative = false;
+    const char* p = skip_blanks_and_sign(text, negative);
     // Hexadecimal floats and overflow are rare enough to leave to strtod itself.
     if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
         return std::strtod(text, nullptr);
@@ -280,14 +287,8 @@ double text_to_double(const char* text) {
 }
 
 int text_to_int(const char* text) {
-    const char* p = text;
-    while (is_c_space(*p)) {
-        ++p;
-    }
-    const bool negative = *p == '-';
-    if (*p == '-' || *p == '+') {
-        ++p;
-    }
+    bool negative = false;
+    const char* p = skip_blanks_and_sign(text, negative);
     unsigned long long magnitude = 0;
     const char* end = p;
     while (*end >= '0' && *end <= '9') {
