@@ -30,24 +30,6 @@ int32_t half_bin_count(double center_mz) {
     return static_cast<int32_t>(std::isnan(scaled) ? 0.0 : scaled);
 }
 
-bool bin_less(const IntensityGrid::Cell& a, const IntensityGrid::Cell& b) {
-    return a.m_bin < b.m_bin;
-}
-
-// Folds the cells of one bin into one sum, added in slice order from 0.0 exactly
-// as a dense row accumulates them.
-void fold_equal_bins(std::vector<IntensityGrid::Cell>& row) {
-    std::size_t out = 0;
-    for (std::size_t in = 0; in < row.size(); ++in) {
-        if (out > 0 && row[out - 1].m_bin == row[in].m_bin) {
-            row[out - 1].m_sum += row[in].m_sum;
-        } else {
-            row[out++] = IntensityGrid::Cell{row[in].m_bin, 0.0 + row[in].m_sum};
-        }
-    }
-    row.resize(out);
-}
-
 }  // namespace
 
 IntensityGrid::IntensityGrid(double peak_window, const Ms1Slices& clean, const MS2Spectrum& ms2)
@@ -57,20 +39,28 @@ IntensityGrid::IntensityGrid(double peak_window, const Ms1Slices& clean, const M
       m_ki_c_num(2 * half_bin_count(ms2.m_activation_center)) {
     const std::size_t rows = std::min<std::size_t>(clean.size(), m_ki_r_num);
     for (std::size_t r = 0; r < rows; ++r) {
-        std::vector<Cell>& row = m_rows[r];
-        row.reserve(clean[r].size());
+        int64_t lowest = m_ki_c_num;
+        int64_t highest = -1;
         for (const Peak& peak : clean[r]) {
             const int64_t bin = BinOf(peak.m_mz);
             if (bin >= 0 && bin < m_ki_c_num) {
-                row.push_back(Cell{static_cast<int32_t>(bin), peak.m_intensity});
+                lowest = std::min(lowest, bin);
+                highest = std::max(highest, bin);
             }
         }
-        // Slices in peak order give ascending bins already; the stable sort only
-        // matters for an unordered slice and keeps the order of additions per bin.
-        if (!std::is_sorted(row.begin(), row.end(), bin_less)) {
-            std::stable_sort(row.begin(), row.end(), bin_less);
+        if (highest < lowest) {
+            continue;
         }
-        fold_equal_bins(row);
+        Row& row = m_rows[r];
+        row.m_first_bin = lowest;
+        row.m_sums.assign(static_cast<std::size_t>(highest - lowest + 1), 0.0);
+        // Peaks that share a bin add up in slice order, as in the dense table.
+        for (const Peak& peak : clean[r]) {
+            const int64_t bin = BinOf(peak.m_mz);
+            if (bin >= 0 && bin < m_ki_c_num) {
+                row.m_sums[static_cast<std::size_t>(bin - lowest)] += peak.m_intensity;
+            }
+        }
     }
 }
 
@@ -81,12 +71,11 @@ int64_t IntensityGrid::BinOf(double mz) const {
 double IntensityGrid::RangeSum(int32_t row, int64_t first, int64_t end) const {
     const int32_t r = row;
     KS_ASSERT(0 <= r && r < m_ki_r_num, "0 <= r && r < m_ki_r_num");
-    const std::vector<Cell>& cells = m_rows[r];
-    auto it = std::lower_bound(cells.begin(), cells.end(), first,
-                               [](const Cell& cell, int64_t bin) { return cell.m_bin < bin; });
+    const Row& bins = m_rows[r];
+    const int64_t stored_end = bins.m_first_bin + static_cast<int64_t>(bins.m_sums.size());
     double sum = 0.0;
-    for (; it != cells.end() && it->m_bin < end; ++it) {
-        sum += it->m_sum;
+    for (int64_t b = std::max(first, bins.m_first_bin); b < std::min(end, stored_end); ++b) {
+        sum += bins.m_sums[static_cast<std::size_t>(b - bins.m_first_bin)];
     }
     return sum;
 }

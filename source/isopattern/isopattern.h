@@ -31,10 +31,12 @@ inline double IsotopePosition(const Precursor& precursor, int32_t offset) {
 // whose centre is the peak window, crossed on purpose: bin 0 starts at
 // m_mz_start = peak_window - activation centre (near m/z 0, usually negative), there
 // are 100 bins per m/z unit and m_ki_c_num = 2 * trunc(centre * 100) of them, so the
-// last bin ends at peak_window + centre. Only the top few hundred bins can ever hold
-// signal, so each row stores just its occupied bins, in ascending bin order; every
-// bin value and range sum equals, bit for bit, what the dense table gives (skipping
-// an empty bin skips adding +0.0, which changes nothing).
+// last bin ends at peak_window + centre. Only the few hundred bins around the
+// isolation target can ever hold signal (the slices reach the search window around
+// it), so each row stores just the stretch from its lowest to its highest occupied
+// bin, a few kilobytes; every bin value and range sum equals, bit for bit, what the
+// dense table gives (a bin outside the stretch would only add +0.0, which changes
+// nothing).
 class IntensityGrid {
   public:
     static constexpr int32_t m_ki_bins_per_mz = 100;
@@ -63,13 +65,12 @@ class IntensityGrid {
     double m_center_mz = 0.0;  // the activation centre, standing in the place of a centre
     int32_t m_ki_c_num = 0;    // bins per row
 
-    // One occupied bin: its index and its summed intensity.
-    struct Cell {
-        int32_t m_bin = 0;
-        double m_sum = 0.0;
+    // The bins of one row from its lowest occupied bin on, up to its highest.
+    struct Row {
+        int64_t m_first_bin = 0;
+        std::vector<double> m_sums;
     };
-    // m_ki_r_num rows of occupied bins, ascending by bin.
-    std::array<std::vector<Cell>, m_ki_r_num> m_rows;
+    std::array<Row, m_ki_r_num> m_rows;
 };
 
 // The observed intensities around one candidate: 11 rows by 12 columns, column
