@@ -42,6 +42,12 @@ void set_current_file(UserParameters& params, const std::string& path);
 std::string output_path(const UserParameters& params, const std::string& suffix);
 std::string sibling_path(const UserParameters& params, const std::string& suffix);
 
+// The resume rule: with m_rewrite_files off and <stem><marker> present in the
+// output directory, logs "<path> has existed results, skipping<what>" and returns
+// true, so the caller skips its work.
+bool has_existing_result(const UserParameters& params, const std::string& marker,
+                         const std::string& what);
+
 // Loads m_ipv_file into the process-wide isotope table unless it is loaded.
 void LoadIpvMatrix(const std::string& path);
 

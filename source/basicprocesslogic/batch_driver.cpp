@@ -93,9 +93,17 @@ void LoadIpvMatrix(const std::string& path) {
     FeaturesExtractor::InstallIpvMatrix(read_ipv_file(path));
 }
 
+bool has_existing_result(const UserParameters& params, const std::string& marker,
+                         const std::string& what) {
+    if (params.m_rewrite_files || !file_exists(output_path(params, marker))) {
+        return false;
+    }
+    log_info(params.m_current_path + " has existed results, skipping" + what);
+    return true;
+}
+
 void process_instrument_file(UserParameters& params) {
-    if (!params.m_rewrite_files && file_exists(output_path(params, ".csv"))) {
-        log_info(params.m_current_path + " has existed results, skipping...");
+    if (has_existing_result(params, ".csv", "...")) {
         return;
     }
     run_extractor(params, "ms");

@@ -67,8 +67,7 @@ bool run_and_relay(const std::string& command) {
 }  // namespace
 
 void run_extractor(UserParameters& params, const std::string& kind) {
-    if (!params.m_rewrite_files && file_exists(output_path(params, ".spexor"))) {
-        log_info(params.m_current_path + " has existed results, skipping spexor process...");
+    if (has_existing_result(params, ".spexor", " spexor process...")) {
         return;
     }
     const std::string command = extractor_command(params, kind);

@@ -7,7 +7,6 @@
 #include "basicprocesslogic.h"
 #include "logger.h"
 #include "spectrumfiles.h"
-#include "utils.h"
 
 namespace ksieve {
 
@@ -35,8 +34,7 @@ void process_mgf_file(UserParameters& params) {
     // The marker looked for is <stem>.mgf, which this flow never writes. With the
     // output beside the input it is the input itself, so such a file only runs
     // with rewrite_files set.
-    if (!params.m_rewrite_files && file_exists(output_path(params, ".mgf"))) {
-        log_info(params.m_current_path + " has existed results, skipping...");
+    if (has_existing_result(params, ".mgf", "...")) {
         return;
     }
     log("WARN",

@@ -39,17 +39,11 @@ struct MsPipeline {
 
 // Back to a default record, keeping the peak buffer's capacity for the next
 // scan: the readers only append, so nothing of the old content can show.
-void reset_keeping_buffer(MS1Spectrum& scan) {
+template <typename Scan>
+void reset_keeping_buffer(Scan& scan) {
     std::vector<Peak> peaks = std::move(scan.m_peaks);
     peaks.clear();
-    scan = MS1Spectrum{};
-    scan.m_peaks = std::move(peaks);
-}
-
-void reset_keeping_buffer(MS2Spectrum& scan) {
-    std::vector<Peak> peaks = std::move(scan.m_peaks);
-    peaks.clear();
-    scan = MS2Spectrum{};
+    scan = Scan{};
     scan.m_peaks = std::move(peaks);
 }
 
@@ -203,8 +197,7 @@ void process_ms_files(UserParameters& params) {
 }
 
 void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
-    if (!params.m_rewrite_files && file_exists(output_path(params, ".csv"))) {
-        log_info(params.m_current_path + " has existed results, skipping...");
+    if (has_existing_result(params, ".csv", "...")) {
         return;
     }
     MsPipeline p;
