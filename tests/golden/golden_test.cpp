@@ -1,10 +1,6 @@
 // Golden-file cases: each directory under cases/ is one run of the real kSieve
 // executable in a fresh working directory, compared byte for byte with what the
 // case expects. README.md in this folder describes the layout of a case.
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -97,31 +93,17 @@ std::string first_difference(const std::string& expected, const std::string& act
 // its exit, its console streams and what it changed in `work`.
 FileSet run_case(std::vector<std::string> args, const fs::path& work, const fs::path& scratch) {
     args.insert(args.begin(), "./kSieve");
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
     const FileSet before = files_under(work);
-    const pid_t child = fork();
-    if (child == 0) {
-        const int in_fd = open("/dev/null", O_RDONLY);
-        const int out_fd = open((scratch / "stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err_fd = open((scratch / "stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (chdir(work.c_str()) == 0 && in_fd >= 0 && out_fd >= 0 && err_fd >= 0 &&
-            dup2(in_fd, 0) >= 0 && dup2(out_fd, 1) >= 0 && dup2(err_fd, 2) >= 0 &&
-            setenv("LC_ALL", "C", 1) == 0) {
-            execv(KSIEVE_EXECUTABLE, argv.data());
-        }
-        _exit(127);
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child) << "could not run " KSIEVE_EXECUTABLE;
-    FileSet outcome = {
-        {"exit_code", WIFEXITED(status) ? std::to_string(WEXITSTATUS(status)) + "\n"
-                                        : "signal " + std::to_string(WTERMSIG(status)) + "\n"},
-        {"stdout", test::read_file(scratch / "stdout")},
-        {"stderr", test::read_file(scratch / "stderr")}};
+    // kSieve looks beside its own executable for the files that ship with it. It
+    // runs from a directory of its own, so that it finds only what the case gives.
+    const fs::path program = scratch / "program" / "kSieve";
+    fs::create_directory(program.parent_path());
+    fs::copy_file(KSIEVE_EXECUTABLE, program);
+    const pid_t child =
+        test::start_program(program, std::move(args), work, scratch / "stdout", scratch / "stderr");
+    FileSet outcome = {{"exit_code", test::wait_for_program(child)},
+                       {"stdout", test::read_file(scratch / "stdout")},
+                       {"stderr", test::read_file(scratch / "stderr")}};
     for (const auto& [name, content] : files_under(work)) {
         const auto old = before.find(name);
         if (old == before.end() || old->second != content) {
