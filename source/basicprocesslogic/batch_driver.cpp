@@ -16,11 +16,38 @@ bool is_format_word(const std::string& word) {
     return word == "ms1" || word == "mgf" || word == "raw" || word == "mzxml" || word == "mzml";
 }
 
+// mzML and mzXML are read compressed too: "run.mzML.gz" is an mzML file.
+bool is_compressed_xml(const std::string& path) {
+    const std::string lower = to_lower(path);
+    return lower.ends_with(".mzml.gz") || lower.ends_with(".mzxml.gz");
+}
+
+std::vector<std::string> instrument_extensions(const std::string& format) {
+    if (format == "mzml" || format == "mzxml") {
+        return {"." + format, "." + format + ".gz"};
+    }
+    return {"." + format};
+}
+
+// Each file of one data path through `flow`, under an exclusive lock on the
+// input itself: a second run on the same input waits here, and its flow's
+// resume check then finds the work done.
+template <typename Flow>
+void run_each(UserParameters& params, const std::vector<std::string>& files, Flow flow) {
+    for (const std::string& file : files) {
+        set_current_file(params, file);
+        const ExclusiveFileLock lock(file, [&params] {
+            log_info("waiting for another kSieve run on " + params.m_current_stem);
+        });
+        flow(params);
+    }
+}
+
 }  // namespace
 
 void run_batch(UserParameters& params) {
     set_peak_format(params.m_peak_format);
-    LoadIpvMatrix(params.m_ipv_file);
+    LoadIpvMatrix(shipped_file(params.m_ipv_file));
     for (const std::string& entry : params.m_datapaths) {
         const std::string word = input_format_of(entry, params);
         // The word stays in force for the paths that follow: a directory after a
@@ -29,24 +56,17 @@ void run_batch(UserParameters& params) {
             params.m_input_format = word;
         }
         if (word == "ms1") {
-            for (const std::string& file : list_files(entry, ".ms1")) {
-                set_current_file(params, file);
-                process_ms_files(params);
-            }
+            run_each(params, list_files(entry, ".ms1"),
+                     [](UserParameters& file) { process_ms_files(file); });
         } else if (word == "mgf") {
-            for (const std::string& file : list_files(entry, ".mgf")) {
-                set_current_file(params, file);
-                process_mgf_file(params);
-            }
+            run_each(params, list_files(entry, ".mgf"), process_mgf_file);
         } else {
             KS_ASSERT(params.m_input_format == "raw" || params.m_input_format == "mzxml" ||
                           params.m_input_format == "mzml",
                       "params.m_input_format == \"raw\" || params.m_input_format == \"mzxml\" "
                       "|| params.m_input_format == \"mzml\"");
-            for (const std::string& file : list_files(entry, "." + params.m_input_format)) {
-                set_current_file(params, file);
-                process_instrument_file(params);
-            }
+            run_each(params, list_files(entry, instrument_extensions(params.m_input_format)),
+                     process_instrument_file);
         }
     }
 }
@@ -54,6 +74,10 @@ void run_batch(UserParameters& params) {
 std::string input_format_of(const std::string& path, const UserParameters& params) {
     if (!file_exists(path)) {
         return params.m_input_format;
+    }
+    if (is_compressed_xml(path)) {
+        const std::string inner = path.substr(0, path.size() - 3);  // without ".gz"
+        return to_lower(inner.substr(inner.rfind('.') + 1));
     }
     const size_t dot = path.rfind('.');
     return to_lower(dot == std::string::npos ? path : path.substr(dot + 1));
@@ -69,7 +93,10 @@ void set_current_file(UserParameters& params, const std::string& path) {
         params.m_current_dir = ".";
         params.m_current_name = path;
     }
-    const size_t i_dot = params.m_current_name.rfind('.');
+    // The stem of "run.mzML.gz" is "run", as that of "run.mzML".
+    const std::string& name = params.m_current_name;
+    const size_t i_dot =
+        name.rfind('.', is_compressed_xml(name) ? name.size() - 4 : std::string::npos);
     KS_ASSERT(i_dot != std::string::npos, "i_dot != string::npos");
     params.m_current_stem = params.m_current_name.substr(0, i_dot);
     params.m_current_ext = params.m_current_name.substr(i_dot + 1);

@@ -7,6 +7,7 @@
 #include "basicprocesslogic.h"
 #include "logger.h"
 #include "spectrumfiles.h"
+#include "utils.h"
 
 namespace ksieve {
 
@@ -42,17 +43,26 @@ void process_mgf_file(UserParameters& params) {
     MgfFile input;
     open_spectrum_file(input.m_head, params.m_current_path, "r");
     std::optional<KsFile> ks2;
-    if (params.m_output_ks) {
-        ks2.emplace();
-        open_ks_file(*ks2, output_path(params, ".ks2"), "wb+", params.m_current_stem);
-    }
-    convert_spectra(input, ks2 ? &*ks2 : nullptr);
-    finish_spectrum_file(input.m_head);
-    release_spectrum_file(input.m_head);
-    if (ks2) {
-        finalize_ks_file(*ks2);
-        finish_spectrum_file(ks2->m_head);
-        release_spectrum_file(ks2->m_head);
+    try {
+        if (params.m_output_ks) {
+            ks2.emplace();
+            open_ks_file(*ks2, output_path(params, ".ks2"), "wb+", params.m_current_stem);
+        }
+        convert_spectra(input, ks2 ? &*ks2 : nullptr);
+        finish_spectrum_file(input.m_head);
+        release_spectrum_file(input.m_head);
+        if (ks2) {
+            finalize_ks_file(*ks2);
+            finish_spectrum_file(ks2->m_head);
+            release_spectrum_file(ks2->m_head);
+        }
+    } catch (const WriteFailure&) {
+        // A short file must not pass for a converted one.
+        if (ks2) {
+            discard_file(output_path(params, ".ks2"));
+            discard_file(output_path(params, ".ks2idx"));
+        }
+        throw;
     }
 }
 

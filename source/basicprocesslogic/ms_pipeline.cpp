@@ -5,6 +5,7 @@
 // Memory stays bounded whatever the length of the run: the MS1 side is a window
 // of kMs1StoreSize FT scans, the MS2 side one scan at a time.
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -35,6 +36,7 @@ struct MsPipeline {
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
     Ms1Store store;
+    std::set<std::string> keys;  // activation-and-instrument keys that had output
 };
 
 // Back to a default record, keeping the peak buffer's capacity for the next
@@ -121,6 +123,7 @@ void remove_invalid_precursors(MS2Spectrum& scan) {
 }
 
 void write_scan(MsPipeline& p, const MS2Spectrum& scan) {
+    p.keys.insert(scan.m_activation_type + scan.m_instrument_type);
     if (p.ks2) {
         write_ks2_record(file_for(*p.ks2, scan), scan);
     }
@@ -179,28 +182,33 @@ void close_pipeline(MsPipeline& p) {
     release_spectrum_file(p.ms2.m_head);
     if (p.ks2) {
         close_file_set(*p.ks2);
-        p.ks2.reset();
     }
     if (p.mgf) {
         close_file_set(*p.mgf);
-        p.mgf.reset();
     }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
     p.store = Ms1Store{};
 }
 
-}  // namespace
-
-void process_ms_files(UserParameters& params) {
-    process_ms_files(params, DetectPrecursors);
+// After a failed write nothing of this input may look usable: its KS files, MGF
+// files and unfinished table go, so that the next run does it again.
+void remove_outputs(const MsPipeline& p, const UserParameters& params) {
+    for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished"}) {
+        discard_file(output_path(params, suffix));
+    }
+    for (const std::string& key : p.keys) {
+        if (p.ks2) {
+            discard_file(member_path(*p.ks2, key));
+            discard_file(member_path(*p.ks2, key) + "idx");
+        }
+        if (p.mgf) {
+            discard_file(member_path(*p.mgf, key));
+        }
+    }
 }
 
-void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
-    if (has_existing_result(params, ".csv", "...")) {
-        return;
-    }
-    MsPipeline p;
+void run_pipeline(MsPipeline& p, const UserParameters& params, const PrecursorDetector& detect) {
     open_pipeline(p, params);
     MS1Spectrum ms1;
     MS2Spectrum ms2;
@@ -215,6 +223,25 @@ void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
         reset_keeping_buffer(ms1);
     }
     close_pipeline(p);
+}
+
+}  // namespace
+
+void process_ms_files(UserParameters& params) {
+    process_ms_files(params, DetectPrecursors);
+}
+
+void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
+    if (has_existing_result(params, ".csv", "...")) {
+        return;
+    }
+    MsPipeline p;
+    try {
+        run_pipeline(p, params, detect);
+    } catch (const WriteFailure&) {
+        remove_outputs(p, params);
+        throw;
+    }
 }
 
 }  // namespace ksieve

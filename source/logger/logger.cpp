@@ -1,5 +1,8 @@
 #include "logger.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <ctime>
 #include <iostream>
 
@@ -20,24 +23,43 @@ Logger::Logger() : m_log_path(g_log_file_name) {
 
 void Logger::set_directory(std::string directory) {
     m_log_path = join_path({std::move(directory), g_log_file_name});
-    m_log_file = open_file(m_log_path, "a+", "Log Dump");
+    open_log_file();
     log_info("kSieve writes logs in " + m_log_path);
 }
 
+// The companion that kSieve starts has no business with the log: the handle is
+// closed for it.
+void Logger::open_log_file() {
+    m_log_file = open_file(m_log_path, "a+", "Log Dump");
+    fcntl(fileno(m_log_file), F_SETFD, FD_CLOEXEC);
+}
+
 void Logger::append(std::string text) {
+    if (m_failed) {
+        return;
+    }
     m_log_buffer += text;
     if (m_log_file != nullptr) {
         dump();
     }
 }
 
+// A log that cannot be written ends the run: the file is given up, so that the
+// failure itself can still be told on the console, and WriteFailure is thrown.
 void Logger::dump() {
     if (m_log_file == nullptr) {
-        m_log_file = open_file(m_log_path, "a+", "Log Dump");
+        open_log_file();
     }
-    std::fputs(m_log_buffer.c_str(), m_log_file);
-    std::fflush(m_log_file);
+    const bool written =
+        std::fputs(m_log_buffer.c_str(), m_log_file) >= 0 && std::fflush(m_log_file) == 0;
     m_log_buffer.clear();
+    if (!written) {
+        const int error = errno;
+        std::fclose(m_log_file);
+        m_log_file = nullptr;
+        m_failed = true;
+        throw WriteFailure(m_log_path, error);
+    }
 }
 
 void write_line(std::ostream& stream, std::string level, std::string message) {

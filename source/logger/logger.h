@@ -37,7 +37,9 @@ class Logger {
     // console. The entry point records the command line this way.
     void append(std::string text);
 
-    // Writes the held text to the file and empties the buffer.
+    // Writes the held text to the file and empties the buffer. Throws
+    // WriteFailure when the file refuses it; from then on the log lives on the
+    // console alone.
     void dump();
 
     Logger(const Logger&) = delete;
@@ -45,11 +47,13 @@ class Logger {
 
   private:
     Logger();
+    void open_log_file();
 
     std::FILE* m_log_file = nullptr;
     std::string m_log_buffer;
     std::string m_log_path;
-    std::mutex m_mutex;  // single-threaded program: constructed and never taken
+    std::mutex m_mutex;     // single-threaded program: constructed and never taken
+    bool m_failed = false;  // the file refused a write: nothing more goes to it
 };
 
 // The common path of all levels: prefix, show on `stream` and flush, then append.

@@ -25,7 +25,7 @@ void open_csv_file(CsvFile& file, std::string path, std::string mode) {
     file.m_head.m_path = std::move(path);
     file.m_head.m_mode = std::move(mode);
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
-    std::fputs(kCsvHeader, file.m_head.m_stream);
+    check_written(std::fputs(kCsvHeader, file.m_head.m_stream) >= 0, file.m_unfinished_path);
 }
 
 // Every field is followed by ", ", the last one too. Precursors are numbered
@@ -36,18 +36,24 @@ void write_csv_row(CsvFile& file, const MS2Spectrum& scan) {
     const bool declared = !scan.m_instrument_precursors.empty();
     const double declared_mz = declared ? scan.m_instrument_precursors.front().m_mz : -1.0;
     const int32_t declared_charge = declared ? scan.m_instrument_precursors.front().m_charge : -1;
-    std::fprintf(stream, "%s, %s, %d, %.6f, %d, %d, ", scan.m_activation_type.c_str(),
-                 scan.m_instrument_type.c_str(), scan.m_scan, declared_mz, declared_charge,
-                 static_cast<int>(scan.m_precursors.size()));
+    bool written =
+        std::fprintf(stream, "%s, %s, %d, %.6f, %d, %d, ", scan.m_activation_type.c_str(),
+                     scan.m_instrument_type.c_str(), scan.m_scan, declared_mz, declared_charge,
+                     static_cast<int>(scan.m_precursors.size())) >= 0;
     int number = 1;
     for (const Precursor& precursor : scan.m_precursors) {
-        std::fprintf(stream, "%d, %.6f, %d, ", number++, precursor.m_mz, precursor.m_charge);
+        written = written && std::fprintf(stream, "%d, %.6f, %d, ", number++, precursor.m_mz,
+                                          precursor.m_charge) >= 0;
     }
-    std::fputs("\n", stream);
+    check_written(written && std::fputs("\n", stream) >= 0, file.m_unfinished_path);
 }
 
 // An older table of the same name stays readable until the new one is complete.
 void finish_csv_file(CsvFile& file) {
+    // The table must be whole on disk before it may take its final name.
+    if (file.m_head.m_stream != nullptr) {
+        check_written(std::fflush(file.m_head.m_stream) == 0, file.m_unfinished_path);
+    }
     finish_spectrum_file(file.m_head);
     delete_file(file.m_head.m_path);
     if (file_exists(file.m_unfinished_path) &&

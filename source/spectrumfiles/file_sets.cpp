@@ -20,9 +20,8 @@ File& member_for(OutputFileSet<File>& set, const MS2Spectrum& spectrum, Open ope
     KS_ASSERT(set.m_extension_length >= 0 &&
                   stem_path.size() >= static_cast<std::size_t>(set.m_extension_length),
               "set.m_template_path.size() >= set.m_extension_length");
-    const std::size_t cut = stem_path.size() - static_cast<std::size_t>(set.m_extension_length);
     auto file = std::make_unique<File>();
-    open(*file, stem_path.substr(0, cut) + key + stem_path.substr(cut), set.m_mode, set.m_title);
+    open(*file, member_path(set, key), set.m_mode, set.m_title);
     return *set.m_files.emplace(key, std::move(file)).first->second;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <type_traits>
 
+#include "logger.h"
 #include "spectrumfiles.h"
 #include "utils.h"
 
@@ -19,42 +20,70 @@ static_assert(std::endian::native == std::endian::little, "KS output assumes a l
 static_assert(sizeof(Peak) == 2 * sizeof(double) && std::is_standard_layout_v<Peak>);
 
 template <typename Number>
-void put(std::FILE* stream, Number value) {
+void put(std::FILE* stream, const std::string& path, Number value) {
     static_assert(std::is_arithmetic_v<Number>);
-    std::fwrite(&value, sizeof value, 1, stream);
+    check_written(std::fwrite(&value, sizeof value, 1, stream) == 1, path);
 }
 
-void put_peaks(std::FILE* stream, const std::vector<Peak>& peaks) {
-    put(stream, static_cast<uint32_t>(peaks.size()));
+void put_peaks(std::FILE* stream, const std::string& path, const std::vector<Peak>& peaks) {
+    put(stream, path, static_cast<uint32_t>(peaks.size()));
     if (!peaks.empty()) {
-        std::fwrite(peaks.data(), sizeof(Peak), peaks.size(), stream);
+        check_written(std::fwrite(peaks.data(), sizeof(Peak), peaks.size(), stream) == peaks.size(),
+                      path);
     }
 }
 
 // One index entry: the scan and the record's 32-bit offset in the data file.
-// The index is only meaningful for data files below 2 GiB.
+// A record that starts beyond the limit cannot be addressed, and the index is
+// given up for good: a partial index would lie about the file.
 void begin_record(KsFile& file, int32_t scan) {
     ++file.m_head.m_scan_count;
-    put(file.m_index_stream, scan);
-    put(file.m_index_stream, static_cast<int32_t>(ftello(file.m_head.m_stream)));
+    const off_t offset = ftello(file.m_head.m_stream);
+    check_written(offset >= 0, file.m_head.m_path);
+    file.m_index_given_up = file.m_index_given_up || offset > file.m_index_limit;
+    if (!file.m_index_given_up) {
+        put(file.m_index_stream, file.m_index_path, scan);
+        put(file.m_index_stream, file.m_index_path, static_cast<int32_t>(offset));
+    }
 }
 
 void write_count(KsFile& file) {
     std::FILE* stream = file.m_head.m_stream;
-    std::fflush(stream);
-    rewind_file(file.m_head.m_path, stream);
-    put(stream, static_cast<uint32_t>(file.m_head.m_scan_count));
-    std::fflush(stream);
+    const std::string& path = file.m_head.m_path;
+    check_written(std::fflush(stream) == 0, path);
+    rewind_file(path, stream);
+    put(stream, path, static_cast<uint32_t>(file.m_head.m_scan_count));
+    check_written(std::fflush(stream) == 0, path);
+}
+
+void close_index(KsFile& file) {
+    const bool closed = std::fclose(file.m_index_stream) == 0;
+    file.m_index_stream = nullptr;
+    if (file.m_index_given_up) {
+        discard_file(file.m_index_path);
+        log("WARN",
+            "Index not written, it cannot address records beyond 2 GiB: " + file.m_index_path);
+        return;
+    }
+    check_written(closed, file.m_index_path);
 }
 
 }  // namespace
 
+KsFile::~KsFile() {
+    if (m_index_stream != nullptr) {
+        std::fclose(m_index_stream);
+    }
+}
+
 void open_ks_file(KsFile& file, std::string path, std::string mode, std::string title) {
     open_spectrum_file(file.m_head, path, mode);
-    file.m_index_stream = open_file(path + "idx", mode, "");
+    file.m_index_path = path + "idx";
+    file.m_index_stream = open_file(file.m_index_path, mode, "");
     write_count(file);
-    put(file.m_head.m_stream, static_cast<uint32_t>(title.size()));
-    std::fwrite(title.data(), 1, title.size(), file.m_head.m_stream);
+    put(file.m_head.m_stream, path, static_cast<uint32_t>(title.size()));
+    check_written(std::fwrite(title.data(), 1, title.size(), file.m_head.m_stream) == title.size(),
+                  path);
 }
 
 // The tail has the shape of a one-entry precursor list: the count 1, the
@@ -62,30 +91,31 @@ void open_ks_file(KsFile& file, std::string path, std::string mode, std::string 
 void write_ks1_record(KsFile& file, const MS1Spectrum& scan) {
     begin_record(file, scan.m_scan);
     std::FILE* stream = file.m_head.m_stream;
-    put(stream, scan.m_scan);
-    put_peaks(stream, scan.m_peaks);
-    put(stream, uint32_t{1});
-    put(stream, scan.m_retention_time);
-    put(stream, int32_t{1});
+    const std::string& path = file.m_head.m_path;
+    put(stream, path, scan.m_scan);
+    put_peaks(stream, path, scan.m_peaks);
+    put(stream, path, uint32_t{1});
+    put(stream, path, scan.m_retention_time);
+    put(stream, path, int32_t{1});
 }
 
 void write_ks2_record(KsFile& file, const MS2Spectrum& scan) {
     begin_record(file, scan.m_scan);
     std::FILE* stream = file.m_head.m_stream;
-    put(stream, scan.m_scan);
-    put_peaks(stream, scan.m_peaks);
-    put(stream, static_cast<uint32_t>(scan.m_precursors.size()));
+    const std::string& path = file.m_head.m_path;
+    put(stream, path, scan.m_scan);
+    put_peaks(stream, path, scan.m_peaks);
+    put(stream, path, static_cast<uint32_t>(scan.m_precursors.size()));
     for (const Precursor& precursor : scan.m_precursors) {
-        put(stream, precursor.m_mz);
-        put(stream, precursor.m_charge);
+        put(stream, path, precursor.m_mz);
+        put(stream, path, precursor.m_charge);
     }
 }
 
 void finalize_ks_file(KsFile& file) {
     write_count(file);
     if (file.m_index_stream != nullptr) {
-        std::fclose(file.m_index_stream);
-        file.m_index_stream = nullptr;
+        close_index(file);
     }
 }
 

@@ -88,12 +88,24 @@ void format_peaks(std::string& text, const std::vector<Peak>& peaks) {
 }
 
 // Negative ions carry their sign behind the number, as in "CHARGE=3-".
-void write_charge(std::FILE* stream, int32_t charge) {
+bool write_charge(std::FILE* stream, int32_t charge) {
     if (charge >= 0) {
-        std::fprintf(stream, "CHARGE=%d+\n", charge);
-    } else {
-        std::fprintf(stream, "CHARGE=%lld-\n", -static_cast<long long>(charge));
+        return std::fprintf(stream, "CHARGE=%d+\n", charge) >= 0;
     }
+    return std::fprintf(stream, "CHARGE=%lld-\n", -static_cast<long long>(charge)) >= 0;
+}
+
+bool write_block(std::FILE* stream, const MgfFile& file, const MS2Spectrum& scan, std::size_t i) {
+    const Precursor& precursor = scan.m_precursors[i];
+    const std::string& peaks = file.m_peak_text;
+    return std::fputs("BEGIN IONS\n", stream) >= 0 &&
+           std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
+                        scan.m_scan, precursor.m_charge, static_cast<int>(i)) >= 0 &&
+           write_charge(stream, precursor.m_charge) &&
+           std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time) >= 0 &&
+           std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz) >= 0 &&
+           std::fwrite(peaks.data(), 1, peaks.size(), stream) == peaks.size() &&
+           std::fputs("END IONS\n", stream) >= 0;
 }
 
 }  // namespace
@@ -111,15 +123,7 @@ void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
         format_peaks(file.m_peak_text, scan.m_peaks);
     }
     for (std::size_t i = 0; i < scan.m_precursors.size(); ++i) {
-        const Precursor& precursor = scan.m_precursors[i];
-        std::fputs("BEGIN IONS\n", stream);
-        std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
-                     scan.m_scan, precursor.m_charge, static_cast<int>(i));
-        write_charge(stream, precursor.m_charge);
-        std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time);
-        std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz);
-        std::fwrite(file.m_peak_text.data(), 1, file.m_peak_text.size(), stream);
-        std::fputs("END IONS\n", stream);
+        check_written(write_block(stream, file, scan, i), file.m_head.m_path);
     }
 }
 

@@ -3,7 +3,9 @@
 // of the isotope table.
 //
 // Opening failures throw the open_file message of utils ("Cannot open  File,
-// Path: <path>", two blanks: the label is empty); output writes are not checked.
+// Path: <path>", two blanks: the label is empty). Every write, flush and close of
+// an output is checked: a failure throws WriteFailure (utils) naming the file and
+// the reason, and the owner removes what the input had written so far.
 // Each opening of a spectrum file logs "Start to process <path>" first; finishing
 // logs "Closed <path>", "Finished Operations on <path>" and
 // "Scan Number in <path>: <count>". Owners call finish_spectrum_file, then
@@ -11,6 +13,7 @@
 #pragma once
 
 #include <array>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -61,10 +64,21 @@ struct MgfFile {
     std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
 };
 
+// The last data offset that an index entry, a signed 32-bit number, can hold.
+inline constexpr int64_t kKsIndexLimit = INT32_MAX;
+
 // One KS data file with its index beside it (path + "idx").
 struct KsFile {
     SpectrumFile m_head;
     std::FILE* m_index_stream = nullptr;
+    std::string m_index_path;
+    // A record that starts beyond this offset cannot be indexed; from then on the
+    // index is given up and removed when the file is finalised.
+    int64_t m_index_limit = kKsIndexLimit;
+    bool m_index_given_up = false;
+
+    // As for SpectrumFile: an index still open when a failure unwinds is closed.
+    ~KsFile();
 };
 
 // The precursor table, written as <path>_unfinished until finish_csv_file.
@@ -125,8 +139,10 @@ void open_ks_file(KsFile& file, std::string path, std::string mode, std::string 
 void write_ks1_record(KsFile& file, const MS1Spectrum& scan);
 void write_ks2_record(KsFile& file, const MS2Spectrum& scan);
 // Rewrites the scan count at offset 0 and closes the index stream, so that the
-// index is complete on disk as soon as the data file is. The owner then
-// finishes and releases the data file.
+// index is complete on disk as soon as the data file is. An index given up is
+// removed instead, with the WARN line
+// "Index not written, it cannot address records beyond 2 GiB: <index path>".
+// The owner then finishes and releases the data file.
 void finalize_ks_file(KsFile& file);
 
 // One output file per activation-and-instrument key, opened on first use: the
@@ -142,6 +158,14 @@ struct OutputFileSet {
     std::map<std::string, std::unique_ptr<File>> m_files;  // by key, byte order
 };
 using KsFileSet = OutputFileSet<KsFile>;
+
+// The path of the set's member for `key`.
+template <typename File>
+std::string member_path(const OutputFileSet<File>& set, const std::string& key) {
+    const std::string& stem_path = set.m_template_path;
+    const std::size_t cut = stem_path.size() - static_cast<std::size_t>(set.m_extension_length);
+    return stem_path.substr(0, cut) + key + stem_path.substr(cut);
+}
 using MgfFileSet = OutputFileSet<MgfFile>;
 
 KsFile& file_for(KsFileSet& set, const MS2Spectrum& spectrum);

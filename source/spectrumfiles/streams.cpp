@@ -10,16 +10,21 @@ namespace ksieve {
 
 namespace {
 
-void close_stream(SpectrumFile& file) {
-    std::fclose(file.m_stream);
+// False when the close failed: the last buffered bytes may not have reached
+// the file.
+bool close_stream(SpectrumFile& file) {
+    const bool closed = std::fclose(file.m_stream) == 0;
     file.m_stream = nullptr;
     // Only now may the buffer go: the stream used it up to the close.
     file.m_read_buffer.reset();
+    return closed;
 }
 
+// An output is finished only when its close succeeded.
 void close_with_log(SpectrumFile& file) {
     if (file.m_stream != nullptr) {
-        close_stream(file);
+        const bool is_output = file.m_mode[0] != 'r';
+        check_written(close_stream(file) || !is_output, file.m_path);
         log_info("Closed " + file.m_path);
     }
 }

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 namespace ksieve {
@@ -32,18 +34,49 @@ bool is_c_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
-// The text as one word for the POSIX shell: inside single quotes nothing is
-// expanded, so '$', '`', '"' and '\' in a directory name reach mkdir as they are.
-std::string shell_quoted(const std::string& text) {
+// A name as mkdir's messages show it in the C locale: in single quotes, with a
+// backslash before a quote or a backslash, and control and non-ASCII bytes as
+// escapes.
+std::string quoted_for_message(const std::string& text) {
+    static const std::string kLetters = "abtnvfr";  // \a (7) to \r (13)
     std::string quoted = "'";
-    for (char c : text) {
-        if (c == '\'') {
-            quoted += "'\\''";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\'' || c == '\\') {
+            quoted += '\\';
+            quoted += c;
+        } else if (byte >= 7 && byte <= 13) {
+            quoted += '\\';
+            quoted += kLetters[byte - 7];
+        } else if (byte < 32 || byte >= 127) {
+            char escape[5];
+            std::snprintf(escape, sizeof escape, "\\%03o", byte);
+            quoted += escape;
         } else {
             quoted += c;
         }
     }
     return quoted + "'";
+}
+
+// One level of a path: made, or already a directory. Otherwise the level and
+// the reason go to standard error as mkdir says them, and false comes back.
+bool make_level(const std::string& level, bool is_last) {
+    if (mkdir(level.c_str(), 0777) == 0) {
+        return true;
+    }
+    int error = errno;
+    if (error == EEXIST) {
+        struct stat info {};
+        if (stat(level.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+            return true;
+        }
+        error = is_last ? EEXIST : ENOTDIR;
+    }
+    std::cout.flush();
+    std::cerr << "mkdir: cannot create directory " << quoted_for_message(level) << ": "
+              << std::strerror(error) << std::endl;
+    return false;
 }
 
 // Where the digits of a number in text begin: after leading white space and one
@@ -184,10 +217,14 @@ void make_directory(std::string path) {
     if (directory_exists(path)) {
         return;
     }
-    const std::string command = "mkdir -p -- " + shell_quoted(path);
-    std::cout.flush();
-    std::cerr.flush();
-    if (std::system(command.c_str()) != 0) {
+    // Each level from the top down, as `mkdir -p` goes; a leading '/' and
+    // repeated separators are no level of their own.
+    for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1)) {
+        if (path[end - 1] != '/' && !make_level(path.substr(0, end), false)) {
+            throw "Can not make the directory: " + path;
+        }
+    }
+    if (!make_level(path, true)) {
         throw "Can not make the directory: " + path;
     }
 }
@@ -196,6 +233,10 @@ void delete_file(std::string path) {
     if (file_exists(path) && std::remove(path.c_str()) != 0) {
         throw "Cannot delete file: " + path;
     }
+}
+
+void discard_file(const std::string& path) {
+    std::remove(path.c_str());
 }
 
 std::string parent_directory(std::string path) {
@@ -210,7 +251,16 @@ std::string parent_directory(std::string path) {
 }
 
 std::vector<std::string> list_files(std::string path, std::string extension) {
-    if (ends_with(to_lower(path), extension) && file_exists(path)) {
+    return list_files(std::move(path), std::vector<std::string>{std::move(extension)});
+}
+
+std::vector<std::string> list_files(std::string path, std::vector<std::string> extensions) {
+    const auto selected = [&extensions](const std::string& name) {
+        return std::any_of(extensions.begin(), extensions.end(), [&name](const std::string& ext) {
+            return ends_with(to_lower(name), ext);
+        });
+    };
+    if (selected(path) && file_exists(path)) {
         return {path};
     }
     DirectoryReader reader(path);
@@ -220,7 +270,7 @@ std::vector<std::string> list_files(std::string path, std::string extension) {
     std::vector<std::string> names;
     std::string name;
     while (reader.next(name)) {
-        if (!name.empty() && name[0] != '.' && ends_with(to_lower(name), extension)) {
+        if (!name.empty() && name[0] != '.' && selected(name)) {
             names.push_back(name);
         }
     }

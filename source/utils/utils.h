@@ -9,7 +9,12 @@
 // g_path_separator.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -55,13 +60,19 @@ bool path_exists(std::string path);
 // Throws "Cannot open " + label + " File, Path: " + path.
 std::FILE* open_file(std::string path, std::string mode, std::string label);
 
-// Creates the directory and any missing parent levels (`mkdir -p`). Does nothing
-// for an existing directory. Throws "Can not make the directory: " + path.
+// Creates the directory and any missing parent levels with mkdir(2), every byte of
+// the name as it stands. Does nothing for an existing directory. A level that
+// cannot be made is named on standard error in mkdir's own words,
+// "mkdir: cannot create directory '<level>': <reason>", and then
+// "Can not make the directory: " + path is thrown.
 void make_directory(std::string path);
 
 // Removes a file that exists; a missing file is no failure.
 // Throws "Cannot delete file: " + path.
 void delete_file(std::string path);
+
+// Removes a file, quietly: what a failed run clears away may not be there.
+void discard_file(const std::string& path);
 
 // An existing directory as it stands; otherwise the text before the last
 // separator; a bare name as it stands; "." for an empty path.
@@ -73,9 +84,65 @@ std::string parent_directory(std::string path);
 // (case-insensitively), joined to the path, sorted by name in byte order.
 // Throws "Cannot open File: " + path when the directory cannot be opened.
 std::vector<std::string> list_files(std::string path, std::string extension);
+// The same with several extensions, any of which selects a file.
+std::vector<std::string> list_files(std::string path, std::vector<std::string> extensions);
 
 // Seeks `file` to offset 0. Throws "Cannot relocate to 0 in " + path.
 void rewind_file(std::string path, std::FILE* file);
+
+// An output (or the log) that could not be written, flushed or closed. The message
+// is "Cannot write file: <path>: <reason>".
+class WriteFailure : public std::runtime_error {
+  public:
+    WriteFailure(const std::string& path, int error);
+};
+
+// Throws WriteFailure for `path` with the reason in errno unless `written`.
+inline void check_written(bool written, const std::string& path) {
+    if (!written) {
+        throw WriteFailure(path, errno);
+    }
+}
+
+// Where a file that ships with kSieve (IPV.txt, the companions) is found: `path`
+// when something is there; else, for a relative path, the same path taken from
+// the directory of kSieve's own executable when it is there; else `path`, so that
+// a failure names what was asked for.
+std::string shipped_file(const std::string& path);
+
+// An exclusive flock on an existing file, held until destruction; it keeps two
+// runs from working on one input at once. When another process holds the lock,
+// `on_wait` is called once and the constructor waits. A file that cannot be
+// opened, or a file system that cannot lock, gives no lock and no word.
+class ExclusiveFileLock {
+  public:
+    ExclusiveFileLock(const std::string& path, const std::function<void()>& on_wait);
+    ~ExclusiveFileLock();
+    ExclusiveFileLock(const ExclusiveFileLock&) = delete;
+    ExclusiveFileLock& operator=(const ExclusiveFileLock&) = delete;
+
+  private:
+    int m_fd = -1;
+};
+
+// How a child program ended.
+struct ChildOutcome {
+    bool m_started = false;    // false: the program could not be run at all
+    bool m_succeeded = false;  // it exited with status 0
+    std::string m_error_text;  // its standard error (the last kMaxErrorText bytes), or
+                               // why it could not be run
+};
+inline constexpr std::size_t kMaxErrorText = 64 * 1024;
+
+// Runs argv[0] with the argument vector `argv`, through no shell, so every byte
+// of every argument reaches it as it stands. Its standard output is handed to
+// `on_output` in the pieces that fgets with a buffer of `piece_size` bytes would
+// give; its standard error is passed on to ours as it comes and kept for the
+// caller. Throws std::runtime_error with `failure_text` when no process can be
+// created, and with `lost_text` when its output cannot be read.
+ChildOutcome run_child(const std::vector<std::string>& argv, std::size_t piece_size,
+                       const std::function<void(const std::string&)>& on_output,
+                       const std::string& failure_text, const std::string& lost_text);
 
 // Weighted standard deviation: sqrt(|B - A*A/W| / W) with W the weight sum, A the
 // weighted sum and B the weighted sum of squares; 0.0 for empty input or a weight

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <limits>
 #include <random>
@@ -13,6 +14,7 @@
 
 #include "spectrumfiles.h"
 #include "test_support.h"
+#include "utils.h"
 
 namespace ksieve {
 namespace {
@@ -182,6 +184,76 @@ TEST(CsvWriter, TheTableTakesItsFinalNameOnlyWhenFinished) {
     }
     EXPECT_EQ(thrown, "Cannot rename file: " + path + "_unfinished");
     EXPECT_TRUE(std::filesystem::exists(path + "_unfinished"));
+}
+
+// An index entry holds a 32-bit offset. Once a record starts beyond what the
+// index can address, the data file is still finished whole and the index is
+// left unwritten, with a warning that names it. The limit is lowered here so
+// that a few records reach it.
+TEST(KsWriter, RecordsBeyondTheIndexLimitLeaveTheIndexUnwritten) {
+    test::TempDir dir;
+    const std::string path = dir.file("r_HCDFT.ks2");
+    KsFile file;
+    test::CaptureStream out(std::cout);
+    open_ks_file(file, path, "wb+", "r");
+    file.m_index_limit = 60;  // header 9 bytes, records of 40: the third starts at 89
+    MS2Spectrum scan;
+    scan.m_peaks = {{100.0, 5.0}};
+    scan.m_precursors = {{500.0, 2}};
+    for (scan.m_scan = 1; scan.m_scan <= 3; ++scan.m_scan) {
+        write_ks2_record(file, scan);
+    }
+    test::CaptureStream errors(std::cerr);
+    finalize_ks_file(file);
+    finish_spectrum_file(file.m_head);
+    release_spectrum_file(file.m_head);
+    EXPECT_EQ(errors.text(),
+              "[kSieve] <WARN> - Index not written, it cannot address records "
+              "beyond 2 GiB: " +
+                  path + "idx\n");
+    EXPECT_FALSE(std::filesystem::exists(path + "idx"));
+    const std::string data = test::read_file(path);
+    EXPECT_EQ(data.size(), 9u + 3 * 40);
+    EXPECT_EQ(data.substr(0, 4), std::string("\3\0\0\0", 4));
+}
+
+// Every write, flush and close of an output is checked: a device that refuses
+// the bytes fails the file, naming it and the reason.
+TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
+    MS2Spectrum scan;
+    scan.m_peaks.assign(4096, Peak{100.0, 5.0});
+    scan.m_precursors = {{500.0, 2}};
+    const std::function<void()> writers[] = {
+        [] {
+            KsFile file;
+            open_ks_file(file, "/dev/full", "wb+", "r");
+        },
+        [&] {
+            MgfFile file;
+            open_mgf_file(file, "/dev/full", "w+", "r");
+            write_mgf_blocks(file, scan);
+            finish_spectrum_file(file.m_head);
+        },
+        [&] {
+            CsvFile table;
+            table.m_unfinished_path = "/dev/full";
+            table.m_head.m_path = "/dev/full";
+            table.m_head.m_mode = "w";
+            table.m_head.m_stream = std::fopen("/dev/full", "w");
+            write_csv_row(table, scan);
+            finish_spectrum_file(table.m_head);
+        },
+    };
+    test::CaptureStream out(std::cout);
+    for (const auto& write : writers) {
+        std::string thrown = "<nothing thrown>";
+        try {
+            write();
+        } catch (const WriteFailure& failure) {
+            thrown = failure.what();
+        }
+        EXPECT_EQ(thrown, "Cannot write file: /dev/full: No space left on device");
+    }
 }
 
 }  // namespace

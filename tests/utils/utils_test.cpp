@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iostream>
 #include <random>
 #include <sstream>
 
@@ -62,6 +64,31 @@ TEST(FileHelpers, MakeDirectoryAndListFiles) {
     EXPECT_EQ(list_files(base + "/", ".raw"),
               (Texts{base + "/C.raw", base + "/a.RAW", base + "/b.raw", base + "/x$HOME.raw"}));
     EXPECT_EQ(list_files(dir.file("a.RAW"), ".raw"), Texts{dir.file("a.RAW")});
+}
+
+// Directories are made by the system call itself, so no program is looked up
+// and no byte of a name is interpreted; a failure prints mkdir's own line,
+// naming the level that could not be made.
+TEST(FileHelpers, MakeDirectoryRunsNoProgram) {
+    test::TempDir dir;
+    const std::string base = dir.path().string();
+    const std::string saved_path = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
+    setenv("PATH", "", 1);
+    make_directory(base + "/$(touch x)/`y`/\"z\"//");
+    setenv("PATH", saved_path.c_str(), 1);
+    EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "$(touch x)" / "`y`" / "\"z\""));
+    test::write_file(dir.file("f"), "x");
+    test::write_file(dir.file("it's\\b\tq"), "x");
+    const std::pair<std::string, std::string> cases[] = {
+        {base + "/f", "'" + base + "/f': File exists"},
+        {base + "/f/sub/deeper", "'" + base + "/f': Not a directory"},
+        {base + "/it's\\b\tq", "'" + base + "/it\\'s\\\\b\\tq': File exists"},
+    };
+    for (const auto& [path, reason] : cases) {
+        test::CaptureStream errors(std::cerr);
+        EXPECT_EQ(message_of([&] { make_directory(path); }), "Can not make the directory: " + path);
+        EXPECT_EQ(errors.text(), "mkdir: cannot create directory " + reason + "\n");
+    }
 }
 
 TEST(Numbers, WeightedStdDev) {
