@@ -2,9 +2,13 @@
 #   make demo   build kSieve and run it on the bundled sample data
 #   make test   build with warnings as errors, run every test, then again under
 #               AddressSanitizer and UndefinedBehaviorSanitizer
+#   make install PREFIX=/opt/ksieve
+#               build, then put kSieve, its two companions and IPV.txt together
+#               in PREFIX/bin, from where kSieve runs in any working directory
 JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
 
-.PHONY: demo test deps build
+.PHONY: demo test deps build install
 
 deps:
 	@bash scripts/install-deps.sh
@@ -12,6 +16,9 @@ deps:
 build: deps
 	cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release
 	cmake --build build/release -j $(JOBS)
+
+install: build
+	cmake --install build/release --prefix $(PREFIX)
 
 demo: build
 	@bash scripts/demo.sh build/release
