@@ -4,8 +4,10 @@
 // Everything here works on the per-file fields of the UserParameters it is given
 // and fails only by throwing (a std::string or std::runtime_error, reported by
 // the entry point); one failing file ends the batch and what it wrote stays
-// behind unfinished, so the next run redoes it. Finished inputs are recognised by
-// their markers and skipped unless m_rewrite_files is set:
+// behind unfinished, so the next run redoes it. A failed write (WriteFailure)
+// is the exception: the input's KS, MGF and unfinished table files are removed
+// first, so that nothing short can pass for output. Finished inputs are
+// recognised by their markers and skipped unless m_rewrite_files is set:
 //   <stem>.csv    in the output directory  - the file was fully processed
 //   <stem>.spexor in the output directory  - the companion has extracted it
 //   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
@@ -26,8 +28,12 @@ namespace ksieve {
 extern const std::set<std::string> g_activation_types;  // CID HCD ETD ETCID ETHCD
 extern const std::set<std::string> g_instrument_types;  // IT FT
 
-// Installs the peak format, loads the isotope table once, then walks
-// m_datapaths in order, sending each file down the flow of its format word.
+// Installs the peak format, loads the isotope table once (from beside the
+// executable when the working directory lacks it), then walks m_datapaths in
+// order, sending each file down the flow of its format word. Each input is
+// locked (flock) for the whole of its flow; a run that finds it locked logs
+// "waiting for another kSieve run on <stem>" and waits. mzML and mzXML inputs
+// may be gzip-compressed (run.mzML.gz).
 void run_batch(UserParameters& params);
 
 // The lower-cased extension of an existing file (the whole path when it has no
@@ -35,7 +41,8 @@ void run_batch(UserParameters& params);
 std::string input_format_of(const std::string& path, const UserParameters& params);
 
 // Sets m_current_path/_dir/_name/_stem/_ext for `path` and, with the output
-// beside the input, m_outputpath. Asserts "i_dot != string::npos".
+// beside the input, m_outputpath. The stem of "run.mzML.gz" is "run". Asserts
+// "i_dot != string::npos".
 void set_current_file(UserParameters& params, const std::string& path);
 
 // <m_outputpath>/<stem><suffix> and <m_current_dir>/<stem><suffix>.
@@ -55,9 +62,11 @@ void LoadIpvMatrix(const std::string& path);
 // the extracted pair; with m_delete_msn the pair and its marker are removed.
 void process_instrument_file(UserParameters& params);
 
-// Runs the companion ("ms" kind) unless its marker exists, passing its output to
-// the log under "SUBPROCESS". Throws std::runtime_error when the pipe fails and
-// "Cannot use spexor to extract signals from: <path>" when the extraction does.
+// Runs the companion ("ms" kind) unless its marker exists, with an argument
+// vector and no shell, passing its output to the log under "SUBPROCESS". Throws
+// std::runtime_error when no process or pipe can be had, and "Cannot use spexor
+// to extract signals from: <path>" when the extraction fails; the companion's
+// standard error then stands in the log just before the ERROR line.
 void run_extractor(UserParameters& params, const std::string& kind);
 
 // One `.ms1` file and its `.ms2` partner beside it: detection for every MS2 scan

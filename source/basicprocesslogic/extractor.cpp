@@ -55,6 +55,7 @@ void run_extractor(UserParameters& params, const std::string& kind) {
     const std::vector<std::string> args = extractor_arguments(params, kind);
     const std::string command = command_text(args);
     log_info(command);
+    // The two messages keep the words users and their scripts know.
     const ChildOutcome outcome = run_child(
         args, kPipeBufferSize, [](const std::string& piece) { log("SUBPROCESS", piece); },
         "popen(\"" + command + "\",\"r\") failed!",

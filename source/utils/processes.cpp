@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <stdexcept>
@@ -42,8 +43,9 @@ void close_fd(int& fd) {
     }
 }
 
-// The two pipes of one child and the child itself. Whatever way the run ends,
-// the read ends are closed and the child is waited for, so no process is left.
+// The two pipes of one child and the child itself. A child still running here
+// belongs to a run that is failing (its output could not be read or logged): it
+// is stopped and waited for, so that no process outlives kSieve's own run.
 struct ChildPipes {
     int out[2] = {-1, -1};
     int err[2] = {-1, -1};
@@ -55,6 +57,7 @@ struct ChildPipes {
             close_fd(*fd);
         }
         if (pid > 0) {
+            kill(pid, SIGTERM);
             while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
             }
         }
