@@ -221,7 +221,6 @@ ChildOutcome run_child(const std::vector<std::string>& argv, std::size_t piece_s
         std::cerr.flush();
         return outcome;
     }
-    outcome.m_started = true;
     PieceSplitter output(piece_size, on_output);
     if (!drain_pipes(child, output, outcome.m_error_text)) {
         throw std::runtime_error(lost_text);

@@ -1,12 +1,12 @@
-// Text, path and file helpers shared by every module, the weighted standard
-// deviation of the features, the fast number readers of the spectrum parsers and
-// the always-on assertion.
+// Text, path and file helpers shared by every module, child programs and file
+// locks, the weighted standard deviation of the features, the fast number readers
+// of the spectrum parsers and the always-on assertion.
 //
 // Text functions work on bytes, take their arguments by value and return new
 // values; none keeps state. File operations that the run cannot work around throw
-// a std::string with the message quoted at each function; existence tests never
-// throw. Paths are taken apart at either '\' or '/', and composed with
-// g_path_separator.
+// a std::string with the message quoted at each function, failed writes a
+// WriteFailure; existence tests never throw. Paths are taken apart at either '\' or '/', and
+// composed with g_path_separator.
 #pragma once
 
 #include <sys/types.h>
@@ -127,8 +127,7 @@ class ExclusiveFileLock {
 
 // How a child program ended.
 struct ChildOutcome {
-    bool m_started = false;    // false: the program could not be run at all
-    bool m_succeeded = false;  // it exited with status 0
+    bool m_succeeded = false;  // it ran and exited with status 0
     std::string m_error_text;  // its standard error (the last kMaxErrorText bytes), or
                                // why it could not be run
 };
