@@ -12,8 +12,12 @@ const std::set<std::string> g_instrument_types = {"IT", "FT"};
 
 namespace {
 
+bool is_instrument_word(const std::string& word) {
+    return word == "raw" || word == "mzxml" || word == "mzml";
+}
+
 bool is_format_word(const std::string& word) {
-    return word == "ms1" || word == "mgf" || word == "raw" || word == "mzxml" || word == "mzml";
+    return word == "ms1" || word == "mgf" || is_instrument_word(word);
 }
 
 }  // namespace
@@ -39,11 +43,14 @@ void run_batch(UserParameters& params) {
                 process_mgf_file(params);
             }
         } else {
-            KS_ASSERT(params.m_input_format == "raw" || params.m_input_format == "mzxml" ||
-                          params.m_input_format == "mzml",
-                      "params.m_input_format == \"raw\" || params.m_input_format == \"mzxml\" "
-                      "|| params.m_input_format == \"mzml\"");
-            for (const std::string& file : list_files(entry, "." + params.m_input_format)) {
+            // A file of unknown extension leaves the configured word in force,
+            // and only the three instrument words have a flow here.
+            const std::string configured = to_lower(params.m_input_format);
+            if (!is_instrument_word(configured)) {
+                throw "Argument input_format(-F) invalid: " + params.m_input_format +
+                    "; input_format should be raw, mzxml or mzml for " + entry;
+            }
+            for (const std::string& file : list_files(entry, "." + configured)) {
                 set_current_file(params, file);
                 process_instrument_file(params);
             }
@@ -52,8 +59,10 @@ void run_batch(UserParameters& params) {
 }
 
 std::string input_format_of(const std::string& path, const UserParameters& params) {
+    // The template's own help writes "mzXML": the configured word is taken in
+    // any case, as the extension of a file always was.
     if (!file_exists(path)) {
-        return params.m_input_format;
+        return to_lower(params.m_input_format);
     }
     const size_t dot = path.rfind('.');
     return to_lower(dot == std::string::npos ? path : path.substr(dot + 1));
