@@ -168,6 +168,8 @@ void open_pipeline(MsPipeline& p, const UserParameters& params) {
 // The precursor table is renamed last: a <stem>.csv on disk means that every
 // other output of the file is complete, which the resume check relies on.
 void close_pipeline(MsPipeline& p) {
+    report_dropped_values(p.ms1.m_head.m_path, p.ms1.m_dropped);
+    report_dropped_values(p.ms2.m_head.m_path, p.ms2.m_dropped);
     finish_spectrum_file(p.ms1.m_head);
     release_spectrum_file(p.ms1.m_head);
     if (p.ks1) {
