@@ -115,8 +115,13 @@ void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
         std::fputs("BEGIN IONS\n", stream);
         std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
                      scan.m_scan, precursor.m_charge, static_cast<int>(i));
+        if (file.m_conventions) {
+            std::fprintf(stream, "SCANS=%d\n", scan.m_scan);
+        }
         write_charge(stream, precursor.m_charge);
-        std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time);
+        const double seconds = file.m_conventions ? scan.m_retention_time * 60.0
+                                                  : scan.m_retention_time;
+        std::fprintf(stream, "RTINSECONDS=%.7f\n", seconds);
         std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz);
         std::fwrite(file.m_peak_text.data(), 1, file.m_peak_text.size(), stream);
         std::fputs("END IONS\n", stream);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -213,6 +214,10 @@ void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan) {
 
 bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan) {
     char* line = file.m_line;
+    // A pending line was the last one read: the scan begins where it began.
+    const off_t after = ftello(file.m_head.m_stream);
+    scan.m_source_offset =
+        after < 0 ? -1 : static_cast<int64_t>(after) - static_cast<int64_t>(std::strlen(line));
     while (pending_or_next_line(file.m_head, line)) {
         if (is_digit(line[0])) {
             add_peak_line(line, scan.m_peaks, file.m_dropped);

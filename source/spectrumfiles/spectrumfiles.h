@@ -69,6 +69,9 @@ struct MgfFile {
     char m_line[kLineBufferSize] = {};
     std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
     DroppedValues m_dropped;  // input only
+    // Output only: RTINSECONDS in seconds (the input's minutes times 60) and a
+    // SCANS= line after each TITLE, as search engines read them.
+    bool m_conventions = false;
 };
 
 // One KS data file with its index beside it (path + "idx").
