@@ -205,7 +205,10 @@ std::string option_table_markdown() {
             continue;
         }
         const std::string letter = *row.m_letter != '\0' ? "`-" + std::string(row.m_letter) + "`" : "";
-        const std::string accepted = row.m_range ? accepted_text(*row.m_range) : "";
+        std::string accepted = row.m_range ? accepted_text(*row.m_range) : "";
+        if (std::holds_alternative<bool UserParameters::*>(row.m_field)) {
+            accepted = row.m_original ? "`0` is off, anything else on" : "0 or 1";
+        }
         table += "| " + letter + " | `" + row.m_key + "` | " + row.m_shown_default + " | " +
                  accepted + " | " + row.m_meaning + " |\n";
     }
