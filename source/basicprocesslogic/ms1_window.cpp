@@ -60,8 +60,7 @@ void read_again(Ms1Window& window, MS1Spectrum& scan) {
         head.m_stream = open_file(window.m_path, "r", "");
     }
     if (fseeko(head.m_stream, static_cast<off_t>(scan.m_source_offset), SEEK_SET) != 0) {
-        throw "Cannot relocate to " + std::to_string(scan.m_source_offset) + " in " +
-            window.m_path;
+        throw "Cannot relocate to " + std::to_string(scan.m_source_offset) + " in " + window.m_path;
     }
     window.m_reread.m_line[0] = '\0';
     MS1Spectrum again;
@@ -107,8 +106,8 @@ std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2S
 }
 
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range) {
-    for (std::size_t i = range.first;
-         i < range.second && i < window.m_first_held && window.m_held_bytes > window.m_ceiling_bytes;
+    for (std::size_t i = range.first; i < range.second && i < window.m_first_held &&
+                                      window.m_held_bytes > window.m_ceiling_bytes;
          ++i) {
         MS1Spectrum& scan = window.m_store[i];
         if (can_let_go(scan)) {

@@ -134,8 +134,8 @@ Ms1Slices CollectMs1Slices(double err_tol, const Ms1Store& store, const MS2Spect
     // of the store leaves the outer slices empty.
     const std::size_t parent = range->m_parent;
     for (std::size_t position = range->m_first; position < range->m_end; ++position) {
-        const std::span<const Peak> window = PeaksInWindow(store[position].m_peaks,
-                                                           ms2.m_activation_center, err_tol, false);
+        const std::span<const Peak> window =
+            PeaksInWindow(store[position].m_peaks, ms2.m_activation_center, err_tol, false);
         slices[position + kParentSlice - parent].assign(window.begin(), window.end());
     }
     return slices;

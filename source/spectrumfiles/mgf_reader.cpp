@@ -64,7 +64,8 @@ int32_t read_charge(char* line) {
 std::optional<int32_t> scan_from_title(const char* title) {
     for (const char* at = std::strstr(title, "scan="); at != nullptr;
          at = std::strstr(at + 1, "scan=")) {
-        const bool word_start = at == title || std::isalnum(static_cast<unsigned char>(at[-1])) == 0;
+        const bool word_start =
+            at == title || std::isalnum(static_cast<unsigned char>(at[-1])) == 0;
         if (word_start && is_digit(at[5])) {
             return text_to_int(at + 5);
         }

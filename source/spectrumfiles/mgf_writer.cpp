@@ -119,8 +119,8 @@ void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
             std::fprintf(stream, "SCANS=%d\n", scan.m_scan);
         }
         write_charge(stream, precursor.m_charge);
-        const double seconds = file.m_conventions ? scan.m_retention_time * 60.0
-                                                  : scan.m_retention_time;
+        const double seconds =
+            file.m_conventions ? scan.m_retention_time * 60.0 : scan.m_retention_time;
         std::fprintf(stream, "RTINSECONDS=%.7f\n", seconds);
         std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz);
         std::fwrite(file.m_peak_text.data(), 1, file.m_peak_text.size(), stream);

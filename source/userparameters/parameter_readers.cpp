@@ -33,8 +33,7 @@ UserParameters finish_parameters(const ParameterMap& map) {
 
 // "isolation_width(-W)", or the bare key of a parameter-file key.
 std::string option_name(const OptionRow& row) {
-    return *row.m_letter == '\0' ? row.m_key
-                                 : std::string(row.m_key) + "(-" + row.m_letter + ")";
+    return *row.m_letter == '\0' ? row.m_key : std::string(row.m_key) + "(-" + row.m_letter + ")";
 }
 
 bool in_range(double value, const OptionRange& range) {

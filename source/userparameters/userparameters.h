@@ -78,8 +78,8 @@ struct OptionRange {
 // the echo when it differs from its default.
 struct OptionRow {
     const char* m_key = "";
-    const char* m_letter = "";   // without the dash; "" for a parameter-file key
-    OptionField m_field;         // its default is that of a fresh record
+    const char* m_letter = "";  // without the dash; "" for a parameter-file key
+    OptionField m_field;        // its default is that of a fresh record
     std::optional<OptionRange> m_range;
     const char* m_help = nullptr;  // template and usage text; original rows only
     bool m_original = true;
