@@ -161,15 +161,9 @@ bool read_mgf_lines(MgfFile& file, MS2Spectrum& scan) {
 }  // namespace
 
 bool ReadMgfScan(MgfFile& file, MS2Spectrum& scan) {
-    while (read_mgf_lines(file, scan)) {
-        if (has_finite_targets(scan)) {
-            finish_ms2_scan(file.m_head, scan);
-            return true;
-        }
-        ++file.m_dropped.m_scans;
-        scan = MS2Spectrum{};
-    }
-    return false;
+    return read_scan_with_finite_targets(file.m_head, file.m_dropped, scan, [&](MS2Spectrum& read) {
+        return read_mgf_lines(file, read);
+    });
 }
 
 }  // namespace ksieve

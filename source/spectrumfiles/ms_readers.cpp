@@ -266,15 +266,9 @@ bool read_ms2_lines(LineFile& file, MS2Spectrum& scan) {
 }  // namespace
 
 bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan) {
-    while (read_ms2_lines(file, scan)) {
-        if (has_finite_targets(scan)) {
-            finish_ms2_scan(file.m_head, scan);
-            return true;
-        }
-        ++file.m_dropped.m_scans;
-        scan = MS2Spectrum{};
-    }
-    return false;
+    return read_scan_with_finite_targets(file.m_head, file.m_dropped, scan, [&](MS2Spectrum& read) {
+        return read_ms2_lines(file, read);
+    });
 }
 
 }  // namespace ksieve

@@ -138,6 +138,21 @@ void sort_peaks(PeakList& peaks);
 // instrument's, and the file's count raised. A scan without finite targets is
 // skipped whole and counted by the readers before this runs.
 void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan);
+// The MS2 readers' loop: `read_lines(scan)` gathers one scan's lines; a scan
+// with finite targets is finished and kept, any other is counted and skipped.
+template <typename ReadLines>
+bool read_scan_with_finite_targets(SpectrumFile& head, DroppedValues& dropped, MS2Spectrum& scan,
+                                   ReadLines read_lines) {
+    while (read_lines(scan)) {
+        if (has_finite_targets(scan)) {
+            finish_ms2_scan(head, scan);
+            return true;
+        }
+        ++dropped.m_scans;
+        scan = MS2Spectrum{};
+    }
+    return false;
+}
 
 // ---- KS binary output (little-endian, no padding) -------------------------
 
