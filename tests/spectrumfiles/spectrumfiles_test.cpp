@@ -18,10 +18,11 @@ namespace ksieve {
 namespace {
 
 // Every scan of `text`, read through a real file with `read` until it reports
-// the end; the end must then hold on a second call too, and the file must have
-// counted each scan once.
+// the end, and what the reader left out of the file; the end must then hold on
+// a second call too, and the file must have counted each scan it kept once.
 template <typename File, typename Scan>
-std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) {
+std::pair<std::vector<Scan>, DroppedValues> read_counting(const std::string& text,
+                                                          bool (*read)(File&, Scan&)) {
     test::TempDir dir;
     test::write_file(dir.file("in.txt"), text);
     File file;
@@ -35,7 +36,12 @@ std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) 
     EXPECT_EQ(file.m_head.m_scan_count, static_cast<int32_t>(scans.size()));
     finish_spectrum_file(file.m_head);
     release_spectrum_file(file.m_head);
-    return scans;
+    return {scans, file.m_dropped};
+}
+
+template <typename File, typename Scan>
+std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) {
+    return read_counting(text, read).first;
 }
 
 // Peaks or precursors as (m/z, intensity or charge) pairs, to compare lists whole.
@@ -189,22 +195,6 @@ TEST(CsvWriter, TheTableTakesItsFinalNameOnlyWhenFinished) {
 
 namespace ksieve {
 namespace {
-
-// Every scan of `text` and what the reader left out of the file.
-template <typename File, typename Scan>
-std::pair<std::vector<Scan>, DroppedValues> read_counting(const std::string& text,
-                                                          bool (*read)(File&, Scan&)) {
-    test::TempDir dir;
-    test::write_file(dir.file("in"), text);
-    File file;
-    open_spectrum_file(file.m_head, dir.file("in"), "r");
-    std::vector<Scan> scans;
-    for (Scan scan; read(file, scan); scan = Scan{}) {
-        scans.push_back(scan);
-    }
-    release_spectrum_file(file.m_head);
-    return {scans, file.m_dropped};
-}
 
 std::string failure_of_title(const std::string& text) {
     return test::failure_of<const char*>([&] { read_counting(text, ReadMgfScan); });
