@@ -85,7 +85,7 @@ struct Ms1Window {
     Ms1Store m_store = make_ms1_store();
     std::size_t m_ceiling_bytes = 0;
     std::size_t m_held_bytes = 0;  // capacity of the peak lists in m_store
-    std::size_t m_first_held = 0;  // no record before it has been kept past the ceiling
+    std::size_t m_first_held = 0;  // records before it were let go, or cannot be
     std::string m_path;            // the `.ms1` file
     LineFile m_reread;             // a second stream on it, opened on first need
 };
