@@ -13,12 +13,15 @@
 //   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "records.h"
+#include "spectrumfiles.h"
 #include "userparameters.h"
 
 namespace ksieve {
@@ -81,6 +84,32 @@ void process_ms_files(UserParameters& params);
 using PrecursorDetector = std::function<std::vector<Precursor>(
     const UserParameters&, const Ms1Store&, const MS2Spectrum&)>;
 void process_ms_files(UserParameters& params, const PrecursorDetector& detect);
+
+// The MS1 window of the pipeline under a ceiling on the bytes of peak lists it
+// holds. Past the ceiling the oldest lists are let go, and read again from the
+// `.ms1` file (by the offset the reader noted) when a parent scan needs them, so
+// detection sees the same peaks at any ceiling. Records whose offset is unknown
+// are never let go.
+struct Ms1Window {
+    Ms1Store m_store = make_ms1_store();
+    std::size_t m_ceiling_bytes = 0;
+    std::size_t m_held_bytes = 0;  // capacity of the peak lists in m_store
+    std::size_t m_first_held = 0;  // records before it were let go, or cannot be
+    std::string m_path;            // the `.ms1` file
+    LineFile m_reread;             // a second stream on it, opened on first need
+};
+// The ceiling from memory_ceiling_mib, for the file at `path`.
+void start_ms1_window(Ms1Window& window, const UserParameters& params, const std::string& path);
+// Appends an FT scan, dropping the front record into `scan` (its buffers are
+// reused), then lets the oldest lists go down to the ceiling.
+void push_ms1_scan(Ms1Window& window, MS1Spectrum& scan);
+// Drops the front record, as the end of the MS1 file does once per pull.
+void pop_ms1_scan(Ms1Window& window);
+// Reads again the let-go lists that detection of `ms2` reads; returns the range
+// to hand to release_ms1_scans afterwards.
+std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2Spectrum& ms2);
+// Lets the lists of [first, end) go again while the window is over its ceiling.
+void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
 void process_mgf_file(UserParameters& params);

@@ -12,8 +12,12 @@ const std::set<std::string> g_instrument_types = {"IT", "FT"};
 
 namespace {
 
+bool is_instrument_word(const std::string& word) {
+    return word == "raw" || word == "mzxml" || word == "mzml";
+}
+
 bool is_format_word(const std::string& word) {
-    return word == "ms1" || word == "mgf" || word == "raw" || word == "mzxml" || word == "mzml";
+    return word == "ms1" || word == "mgf" || is_instrument_word(word);
 }
 
 // mzML and mzXML are read compressed too: "run.mzML.gz" is an mzML file.
@@ -61,19 +65,24 @@ void run_batch(UserParameters& params) {
         } else if (word == "mgf") {
             run_each(params, list_files(entry, ".mgf"), process_mgf_file);
         } else {
-            KS_ASSERT(params.m_input_format == "raw" || params.m_input_format == "mzxml" ||
-                          params.m_input_format == "mzml",
-                      "params.m_input_format == \"raw\" || params.m_input_format == \"mzxml\" "
-                      "|| params.m_input_format == \"mzml\"");
-            run_each(params, list_files(entry, instrument_extensions(params.m_input_format)),
+            // A file of unknown extension leaves the configured word in force,
+            // and only the three instrument words have a flow here.
+            const std::string configured = to_lower(params.m_input_format);
+            if (!is_instrument_word(configured)) {
+                throw "Argument input_format(-F) invalid: " + params.m_input_format +
+                    "; input_format should be raw, mzxml or mzml for " + entry;
+            }
+            run_each(params, list_files(entry, instrument_extensions(configured)),
                      process_instrument_file);
         }
     }
 }
 
 std::string input_format_of(const std::string& path, const UserParameters& params) {
+    // The template's own help writes "mzXML": the configured word is taken in
+    // any case, as the extension of a file always was.
     if (!file_exists(path)) {
-        return params.m_input_format;
+        return to_lower(params.m_input_format);
     }
     if (is_compressed_xml(path)) {
         const std::string inner = path.substr(0, path.size() - 3);  // without ".gz"

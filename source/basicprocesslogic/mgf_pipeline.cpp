@@ -49,6 +49,7 @@ void process_mgf_file(UserParameters& params) {
             open_ks_file(*ks2, output_path(params, ".ks2"), "wb+", params.m_current_stem);
         }
         convert_spectra(input, ks2 ? &*ks2 : nullptr);
+        report_dropped_values(input.m_head.m_path, input.m_dropped);
         finish_spectrum_file(input.m_head);
         release_spectrum_file(input.m_head);
         if (ks2) {

@@ -3,7 +3,8 @@
 // written as KS, MGF and the precursor table.
 //
 // Memory stays bounded whatever the length of the run: the MS1 side is a window
-// of kMs1StoreSize FT scans, the MS2 side one scan at a time.
+// of kMs1StoreSize FT scans under a ceiling on its peak lists, the MS2 side one
+// scan at a time.
 #include <optional>
 #include <set>
 #include <string>
@@ -35,7 +36,8 @@ struct MsPipeline {
     std::optional<KsFile> ks1;
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
-    Ms1Store store;
+    Ms1Window window;
+    bool mgf_conventions = false;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
 };
 
@@ -53,10 +55,10 @@ void reset_keeping_buffer(Scan& scan) {
 // scan also enters the window, pushing out the oldest record, whose buffers come
 // back in `scan` for reuse (the caller resets it before the next pull). At the
 // end of the stream the window loses its front record and false is returned.
-bool pull_ms1_scan(MS1Spectrum& scan, Ms1Store& store, LineFile& reader, KsFile* ks1) {
+bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1) {
     if (!ReadMs1Scan(reader, scan)) {
-        if (!store.empty()) {
-            store.pop_front();
+        if (!window.m_store.empty()) {
+            pop_ms1_scan(window);
         }
         return false;
     }
@@ -64,11 +66,7 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Store& store, LineFile& reader, KsFile*
         write_ks1_record(*ks1, scan);
     }
     if (scan.m_instrument_type == "FT") {
-        KS_ASSERT(store.size() > 0, "ms1Store.size() > 0");
-        MS1Spectrum leaving = std::move(store.front());
-        store.pop_front();
-        store.push_back(std::move(scan));
-        scan = std::move(leaving);
+        push_ms1_scan(window, scan);
     }
     const int32_t count = reader.m_head.m_scan_count;
     if (count % kProgressStep == 0) {
@@ -82,9 +80,10 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Store& store, LineFile& reader, KsFile*
 void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
     reset_keeping_buffer(ms1);
-    while (p.store.size() > kMinWindow &&
-           p.store[p.store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
-        if (!pull_ms1_scan(ms1, p.store, p.ms1, ks1)) {
+    const Ms1Store& store = p.window.m_store;
+    while (store.size() > kMinWindow &&
+           store[store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
+        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1)) {
             return;
         }
         reset_keeping_buffer(ms1);
@@ -99,12 +98,14 @@ bool passes_gate(const MS2Spectrum& scan) {
 // Detection runs only for a scan with a positive declared charge and a window
 // large enough to slice; when it finds nothing the declared precursors stand.
 void determine_precursors(const UserParameters& params, const PrecursorDetector& detect,
-                          const Ms1Store& store, MS2Spectrum& scan) {
+                          Ms1Window& window, MS2Spectrum& scan) {
     if (scan.m_precursors.empty() || scan.m_precursors.front().m_charge < 1 ||
-        store.size() < kMinWindow) {
+        window.m_store.size() < kMinWindow) {
         return;
     }
-    scan.m_precursors = detect(params, store, scan);
+    const auto held = hold_ms1_scans(window, scan);
+    scan.m_precursors = detect(params, window.m_store, scan);
+    release_ms1_scans(window, held);
     if (scan.m_precursors.empty()) {
         scan.m_precursors = scan.m_instrument_precursors;
     }
@@ -130,6 +131,7 @@ void write_scan(MsPipeline& p, const MS2Spectrum& scan) {
     if (p.mgf) {
         MgfFile& mgf = file_for(*p.mgf, scan);
         ++mgf.m_head.m_scan_count;  // scans, not blocks
+        mgf.m_conventions = p.mgf_conventions;
         write_mgf_blocks(mgf, scan);
     }
     write_csv_row(p.table, scan);
@@ -145,7 +147,7 @@ void handle_ms2_scan(MsPipeline& p, const UserParameters& params, const Precurso
     if (count % kProgressStep == 0) {
         log_info("Extracting MS2, Scan Num = " + std::to_string(count));
     }
-    determine_precursors(params, detect, p.store, scan);
+    determine_precursors(params, detect, p.window, scan);
     remove_invalid_precursors(scan);
     if (!scan.m_precursors.empty()) {
         write_scan(p, scan);
@@ -165,12 +167,15 @@ void open_pipeline(MsPipeline& p, const UserParameters& params) {
     if (params.m_output_mgf) {
         p.mgf.emplace(MgfFileSet{4, output_path(params, "_.mgf"), "w+", title, {}});
     }
-    p.store = make_ms1_store();
+    start_ms1_window(p.window, params, params.m_current_path);
+    p.mgf_conventions = params.m_mgf_conventions;
 }
 
 // The precursor table is renamed last: a <stem>.csv on disk means that every
 // other output of the file is complete, which the resume check relies on.
 void close_pipeline(MsPipeline& p) {
+    report_dropped_values(p.ms1.m_head.m_path, p.ms1.m_dropped);
+    report_dropped_values(p.ms2.m_head.m_path, p.ms2.m_dropped);
     finish_spectrum_file(p.ms1.m_head);
     release_spectrum_file(p.ms1.m_head);
     if (p.ks1) {
@@ -188,7 +193,7 @@ void close_pipeline(MsPipeline& p) {
     }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
-    p.store = Ms1Store{};
+    p.window.m_store = Ms1Store{};
 }
 
 // After a failed write nothing of this input may look usable: its KS files, MGF
@@ -219,7 +224,7 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const PrecursorDe
     }
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.store, p.ms1, p.ks1 ? &*p.ks1 : nullptr)) {
+    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr)) {
         reset_keeping_buffer(ms1);
     }
     close_pipeline(p);

@@ -14,8 +14,8 @@ namespace ksieve {
 namespace {
 
 // The parent scan and the scans four before and five after it.
-constexpr int64_t kSlicesBefore = 4;
-constexpr int64_t kSlicesAfter = 5;
+constexpr std::size_t kSlicesBefore = 4;
+constexpr std::size_t kSlicesAfter = 5;
 constexpr std::size_t kSliceCount = kSlicesBefore + 1 + kSlicesAfter;
 constexpr std::size_t kParentSlice = kSlicesBefore;
 
@@ -111,28 +111,32 @@ double ActivationTolerance(const UserParameters& params, const MS2Spectrum& ms2)
     return params.m_mstolppm ? params.m_mstol * ms2.m_activation_center / 1e6 : params.m_mstol;
 }
 
-Ms1Slices CollectMs1Slices(double err_tol, const Ms1Store& store, const MS2Spectrum& ms2) {
+std::optional<SliceRange> FindSliceRange(const Ms1Store& store, const MS2Spectrum& ms2) {
     if (store.empty()) {
-        return {};
+        return std::nullopt;
     }
     const uint32_t target = static_cast<uint32_t>(ms2.m_precursor_scan);
     const std::size_t index = LowerBoundScan(store, target);
     if (index >= store.size() || store[index].m_scan != ms2.m_precursor_scan) {
+        return std::nullopt;
+    }
+    const std::size_t first = index >= kSlicesBefore ? index - kSlicesBefore : 0;
+    return SliceRange{first, index, std::min(store.size(), index + kSlicesAfter + 1)};
+}
+
+Ms1Slices CollectMs1Slices(double err_tol, const Ms1Store& store, const MS2Spectrum& ms2) {
+    const std::optional<SliceRange> range = FindSliceRange(store, ms2);
+    if (!range) {
         return {};
     }
     Ms1Slices slices(kSliceCount);
-    const int64_t parent = static_cast<int64_t>(index);
-    const int64_t size = static_cast<int64_t>(store.size());
-    for (int64_t offset = -kSlicesBefore; offset <= kSlicesAfter; ++offset) {
-        const int64_t position = parent + offset;
-        if (position < 0 || position >= size) {
-            continue;
-        }
+    // The parent stands at slice kParentSlice; a window cut short at either end
+    // of the store leaves the outer slices empty.
+    const std::size_t parent = range->m_parent;
+    for (std::size_t position = range->m_first; position < range->m_end; ++position) {
         const std::span<const Peak> window =
-            PeaksInWindow(store[static_cast<std::size_t>(position)].m_peaks,
-                          ms2.m_activation_center, err_tol, false);
-        slices[static_cast<std::size_t>(offset + kSlicesBefore)].assign(window.begin(),
-                                                                        window.end());
+            PeaksInWindow(store[position].m_peaks, ms2.m_activation_center, err_tol, false);
+        slices[position + kParentSlice - parent].assign(window.begin(), window.end());
     }
     return slices;
 }

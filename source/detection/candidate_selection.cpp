@@ -53,6 +53,10 @@ bool PassesCandidateFilters(FeaturesExtractor& candidate, const UserParameters& 
     if (candidate.charge() > 3 && run < 3) {
         return false;
     }
+    // A mass beyond the isotope table has no theory to correlate with.
+    if (!candidate.HasIpvRow()) {
+        return false;
+    }
     if (candidate.corr_0() < 0.5) {
         return false;
     }

@@ -18,7 +18,9 @@
 // exactly the tolerance is out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "featuresextractor.h"
@@ -47,6 +49,14 @@ double ActivationTolerance(const UserParameters& params, const MS2Spectrum& ms2)
 // numbers compared as unsigned 32-bit values, which relies on the store never
 // falling from front to back. No lists at all when the parent is not in the store.
 Ms1Slices CollectMs1Slices(double err_tol, const Ms1Store& store, const MS2Spectrum& ms2);
+// The store position of the parent scan as CollectMs1Slices finds it, and the
+// range of records whose peaks the slices read: [first, end).
+struct SliceRange {
+    std::size_t m_first = 0;
+    std::size_t m_parent = 0;
+    std::size_t m_end = 0;
+};
+std::optional<SliceRange> FindSliceRange(const Ms1Store& store, const MS2Spectrum& ms2);
 
 // Each slice thinned to the peaks of at least 0.02 times the most intense peak
 // strictly within 1.05 m/z of the activation centre. A slice without a peak near

@@ -47,6 +47,9 @@ class FeaturesExtractor {
     // "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()": it fails before the
     // table is loaded, for a mass of 15000 or more, and for a negative index.
     const std::array<double, 5>& GetIpvRow() const;
+    // Whether the loaded table has a row for the candidate's mass; a candidate
+    // without one is dropped before any feature asks for the row.
+    bool HasIpvRow() const;
 
     // Best Pearson correlation, over the 11 pattern rows, of the table row with the
     // observed cells from isotope offset `shift` (0, -1 or -2) to +4; at a negative

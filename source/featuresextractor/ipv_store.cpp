@@ -18,15 +18,26 @@ void FeaturesExtractor::InstallIpvMatrix(std::vector<std::array<double, 5>> rows
     m_h_is_IPV_inited = true;
 }
 
-const std::array<double, 5>& FeaturesExtractor::GetIpvRow() const {
-    const double z = m_precursor.m_charge;
-    const double mz = z * m_precursor.m_mz - z * kProtonMass + kProtonMass;
+namespace {
+
+double singly_protonated_mass(const Precursor& precursor) {
+    const double z = precursor.m_charge;
+    return z * precursor.m_mz - z * kProtonMass + kProtonMass;
+}
+
+}  // namespace
+
+bool FeaturesExtractor::HasIpvRow() const {
     // The row is the mass truncated toward zero, and an index below 0 is as far
     // out of the table as one past its end. Tested on the mass itself so that no
     // out-of-range value is ever converted.
-    const bool in_table = mz > -1.0 && mz < static_cast<double>(m_h_IPV_Matrix.size());
-    KS_ASSERT(m_h_is_IPV_inited && in_table,
-              "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()");
+    const double mz = singly_protonated_mass(m_precursor);
+    return m_h_is_IPV_inited && mz > -1.0 && mz < static_cast<double>(m_h_IPV_Matrix.size());
+}
+
+const std::array<double, 5>& FeaturesExtractor::GetIpvRow() const {
+    KS_ASSERT(HasIpvRow(), "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()");
+    const double mz = singly_protonated_mass(m_precursor);
     return m_h_IPV_Matrix[static_cast<std::size_t>(static_cast<int32_t>(mz))];
 }
 

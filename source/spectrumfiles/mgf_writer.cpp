@@ -98,11 +98,15 @@ bool write_charge(std::FILE* stream, int32_t charge) {
 bool write_block(std::FILE* stream, const MgfFile& file, const MS2Spectrum& scan, std::size_t i) {
     const Precursor& precursor = scan.m_precursors[i];
     const std::string& peaks = file.m_peak_text;
+    // The opt-in conventions of most search engines: seconds, and the scan on its own line.
+    const double seconds =
+        file.m_conventions ? scan.m_retention_time * 60.0 : scan.m_retention_time;
     return std::fputs("BEGIN IONS\n", stream) >= 0 &&
            std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
                         scan.m_scan, precursor.m_charge, static_cast<int>(i)) >= 0 &&
+           (!file.m_conventions || std::fprintf(stream, "SCANS=%d\n", scan.m_scan) >= 0) &&
            write_charge(stream, precursor.m_charge) &&
-           std::fprintf(stream, "RTINSECONDS=%.7f\n", scan.m_retention_time) >= 0 &&
+           std::fprintf(stream, "RTINSECONDS=%.7f\n", seconds) >= 0 &&
            std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz) >= 0 &&
            std::fwrite(peaks.data(), 1, peaks.size(), stream) == peaks.size() &&
            std::fputs("END IONS\n", stream) >= 0;

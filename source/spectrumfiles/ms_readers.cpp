@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -14,6 +15,8 @@ namespace {
 // A singly protonated mass MH at charge z stands at m/z (MH + (z - 1) * proton) / z.
 constexpr double kProtonMass = 1.007276;
 constexpr double kZeroGuard = 1e-6;
+constexpr double kMaxIntensity = 1e30;
+constexpr double kMaxMz = 100000.0;
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -36,18 +39,15 @@ class LineView {
 
 // The next token of `cursor` cut at `delimiter`, as strtok cuts: runs of
 // delimiters are skipped and the one that ends the token becomes a terminator.
+// The delimiters are a set of bytes.
 // Null when no token is left.
-char* next_token(char*& cursor, char delimiter) {
-    while (*cursor == delimiter) {
-        ++cursor;
-    }
+char* next_token(char*& cursor, const char* delimiters) {
+    cursor += std::strspn(cursor, delimiters);
     if (*cursor == '\0') {
         return nullptr;
     }
     char* token = cursor;
-    while (*cursor != '\0' && *cursor != delimiter) {
-        ++cursor;
-    }
+    cursor += std::strcspn(cursor, delimiters);
     if (*cursor != '\0') {
         *cursor++ = '\0';
     }
@@ -107,8 +107,8 @@ void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
 // and gets an m/z of -1, which the end of the scan drops.
 Precursor read_charge_line(char* line, double activation_center) {
     char* cursor = LineView(line).from(2);
-    const char* charge_field = next_token(cursor, '\t');
-    const char* mass_field = next_token(cursor, '\t');
+    const char* charge_field = next_token(cursor, "\t");
+    const char* mass_field = next_token(cursor, "\t");
     const int32_t charge = charge_field != nullptr ? text_to_int(charge_field) : 0;
     const double mass = mass_field != nullptr ? text_to_double(mass_field) : 0.0;
     if (std::fabs(mass) < kZeroGuard) {
@@ -157,9 +157,38 @@ bool pending_or_next_line(SpectrumFile& file, char* line) {
 
 Peak parse_peak_line(char* line) {
     char* cursor = line;
-    const char* mz = next_token(cursor, ' ');
-    const char* intensity = next_token(cursor, ' ');
+    // Converters write blanks or tabs between the two numbers.
+    const char* mz = next_token(cursor, " \t");
+    const char* intensity = next_token(cursor, " \t");
     return {text_to_double(mz), intensity != nullptr ? text_to_double(intensity) : 0.0};
+}
+
+void add_peak_line(char* line, PeakList& peaks, DroppedValues& dropped) {
+    const Peak peak = parse_peak_line(line);
+    // Written by no instrument: such values only come from damaged or hostile
+    // files, and would poison every sum and window search they reach.
+    const bool plausible = std::isfinite(peak.m_intensity) && peak.m_intensity <= kMaxIntensity &&
+                           peak.m_mz > 0.0 && peak.m_mz < kMaxMz;
+    if (plausible) {
+        peaks.push_back(peak);
+    } else {
+        ++dropped.m_peaks;
+    }
+}
+
+bool has_finite_targets(const MS2Spectrum& scan) {
+    return std::isfinite(scan.m_activation_center) &&
+           std::all_of(scan.m_precursors.begin(), scan.m_precursors.end(),
+                       [](const Precursor& p) { return std::isfinite(p.m_mz); });
+}
+
+void report_dropped_values(const std::string& path, const DroppedValues& dropped) {
+    if (dropped.m_peaks == 0 && dropped.m_scans == 0) {
+        return;
+    }
+    log("WARN", "Dropped " + std::to_string(dropped.m_peaks) + " peaks and " +
+                    std::to_string(dropped.m_scans) + " scans of " + path +
+                    ": numbers not finite or out of range");
 }
 
 void sort_peaks(PeakList& peaks) {
@@ -185,9 +214,13 @@ void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan) {
 
 bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan) {
     char* line = file.m_line;
+    // A pending line was the last one read: the scan begins where it began.
+    const off_t after = ftello(file.m_head.m_stream);
+    scan.m_source_offset =
+        after < 0 ? -1 : static_cast<int64_t>(after) - static_cast<int64_t>(std::strlen(line));
     while (pending_or_next_line(file.m_head, line)) {
         if (is_digit(line[0])) {
-            scan.m_peaks.push_back(parse_peak_line(line));
+            add_peak_line(line, scan.m_peaks, file.m_dropped);
         } else if (line[0] == 'S') {
             if (!scan.m_peaks.empty()) {
                 return finish_ms1_scan(file, scan);  // the S line opens the next scan
@@ -201,18 +234,21 @@ bool ReadMs1Scan(LineFile& file, MS1Spectrum& scan) {
     return !scan.m_peaks.empty() && finish_ms1_scan(file, scan);
 }
 
-bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan) {
+namespace {
+
+// One scan's lines, up to the S line of the next scan (left pending) or the end
+// of the file. False when no peak was read.
+bool read_ms2_lines(LineFile& file, MS2Spectrum& scan) {
     char* line = file.m_line;
     bool same_scan = false;
     while (pending_or_next_line(file.m_head, line)) {
         if (is_digit(line[0])) {
-            scan.m_peaks.push_back(parse_peak_line(line));
+            add_peak_line(line, scan.m_peaks, file.m_dropped);
         } else if (line[0] == 'S') {
             const int32_t number = read_scan_number(line);
             if (number == scan.m_scan) {
                 same_scan = true;
             } else if (!scan.m_peaks.empty()) {
-                finish_ms2_scan(file.m_head, scan);
                 return true;  // the S line opens the next scan
             } else {
                 scan.m_scan = number;
@@ -224,11 +260,15 @@ bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan) {
         }
         line[0] = '\0';
     }
-    if (scan.m_peaks.empty()) {
-        return false;
-    }
-    finish_ms2_scan(file.m_head, scan);
-    return true;
+    return !scan.m_peaks.empty();
+}
+
+}  // namespace
+
+bool ReadMs2Scan(LineFile& file, MS2Spectrum& scan) {
+    return read_scan_with_finite_targets(file.m_head, file.m_dropped, scan, [&](MS2Spectrum& read) {
+        return read_ms2_lines(file, read);
+    });
 }
 
 }  // namespace ksieve

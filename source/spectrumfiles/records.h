@@ -44,6 +44,9 @@ struct MS1Spectrum {
     double m_ion_injection_time = 0.0;
     std::string m_instrument_type;  // "FT", "IT" or "Unknown"
     std::vector<Peak> m_peaks;      // peak order
+    // Where the reader began this scan in its file, so that its peaks can be read
+    // again after the window let them go; -1 when the stream cannot tell.
+    int64_t m_source_offset = -1;
 };
 
 struct MS2Spectrum {

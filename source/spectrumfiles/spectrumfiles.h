@@ -49,11 +49,20 @@ struct SpectrumFile {
     ~SpectrumFile();
 };
 
+// What a reader left out of one input file: peaks whose numbers are not finite,
+// whose intensity is above 1e30 or whose m/z lies outside (0, 100000), and MS2
+// scans whose activation centre or a declared precursor m/z is not finite.
+struct DroppedValues {
+    int64_t m_peaks = 0;
+    int64_t m_scans = 0;
+};
+
 // A `.ms1` or `.ms2` input. m_line is also the reader's one-line look-ahead: a
 // line whose first byte is not 0 has not been consumed yet.
 struct LineFile {
     SpectrumFile m_head;
     char m_line[kLineBufferSize] = {};
+    DroppedValues m_dropped;
 };
 
 // An MGF input, or one MGF output file (m_title is the stem printed in titles).
@@ -62,6 +71,10 @@ struct MgfFile {
     std::string m_title;
     char m_line[kLineBufferSize] = {};
     std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
+    DroppedValues m_dropped;  // input only
+    // Output only: RTINSECONDS in seconds (the input's minutes times 60) and a
+    // SCANS= line after each TITLE, as search engines read them.
+    bool m_conventions = false;
 };
 
 // The last data offset that an index entry, a signed 32-bit number, can hold.
@@ -101,7 +114,8 @@ bool GetLine(SpectrumFile& file, char* line);
 
 // ---- readers -------------------------------------------------------------
 // `scan` must be a default record. True: one scan filled in and m_scan_count
-// raised by 1, peaks in peak order. False: the file is finished. Invalid declared
+// raised by 1, peaks in peak order. False: the file is finished. Values no
+// instrument writes are left out and counted in the file's m_dropped. Invalid declared
 // precursors are dropped with the "WARN" line
 // "Scan <n> has incorrect precursor infomation, skipping this precursor...".
 
@@ -119,16 +133,40 @@ inline constexpr char kMgfTitleFailure[] =
 // The pending line in `line` (first byte not 0), or else the next one from the
 // stream. False at the end of the stream, with line[0] set to 0.
 bool pending_or_next_line(SpectrumFile& file, char* line);
-// A peak line "<m/z> <intensity>": the line is cut at blanks in place and the
-// two first tokens are read as atof reads them; a missing intensity reads as 0.
+// A peak line "<m/z> <intensity>": the line is cut at blanks and tabs in place
+// and the two first tokens are read as atof reads them; a missing intensity
+// reads as 0.
 Peak parse_peak_line(char* line);
+// Parses the line and appends the peak unless it is one that no instrument
+// writes (see DroppedValues), which is counted instead.
+void add_peak_line(char* line, PeakList& peaks, DroppedValues& dropped);
+// Whether the scan's activation centre and declared precursor m/z are all finite.
+bool has_finite_targets(const MS2Spectrum& scan);
+// One "WARN" line naming the file and the counts, when anything was dropped.
+void report_dropped_values(const std::string& path, const DroppedValues& dropped);
 // Sorts into peak order. A NaN, which only junk text produces, goes behind every
 // number so that the order stays a strict one and the sort stays defined.
 void sort_peaks(PeakList& peaks);
 // The end of an MS2 scan: peaks sorted, invalid precursors dropped from the
 // last to the first with their "WARN" line, the valid ones kept as the
-// instrument's, and the file's count raised.
+// instrument's, and the file's count raised. A scan without finite targets is
+// skipped whole and counted by the readers before this runs.
 void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan);
+// The MS2 readers' loop: `read_lines(scan)` gathers one scan's lines; a scan
+// with finite targets is finished and kept, any other is counted and skipped.
+template <typename ReadLines>
+bool read_scan_with_finite_targets(SpectrumFile& head, DroppedValues& dropped, MS2Spectrum& scan,
+                                   ReadLines read_lines) {
+    while (read_lines(scan)) {
+        if (has_finite_targets(scan)) {
+            finish_ms2_scan(head, scan);
+            return true;
+        }
+        ++dropped.m_scans;
+        scan = MS2Spectrum{};
+    }
+    return false;
+}
 
 // ---- KS binary output (little-endian, no padding) -------------------------
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "logger.h"
@@ -30,34 +31,50 @@ UserParameters finish_parameters(const ParameterMap& map) {
     return record;
 }
 
-// A flag is off only for the exact text "0": "false", "no" and "" switch it on.
-void apply_flag(const ParameterMap& map, const char* key, bool& field) {
-    const auto row = map.find(key);
-    if (row != map.end()) {
-        field = row->second != "0";
+// "isolation_width(-W)", or the bare key of a parameter-file key.
+std::string option_name(const OptionRow& row) {
+    return *row.m_letter == '\0' ? row.m_key : std::string(row.m_key) + "(-" + row.m_letter + ")";
+}
+
+bool in_range(double value, const OptionRange& range) {
+    const bool above_low = range.m_low_open ? value > range.m_low : value >= range.m_low;
+    const bool below_high = range.m_high_open ? value < range.m_high : value <= range.m_high;
+    return above_low && below_high;  // false for NaN
+}
+
+void check_range(const OptionRow& row, const std::string& text, double value) {
+    if (row.m_range && !in_range(value, *row.m_range)) {
+        throw "Argument " + option_name(row) + " invalid: " + text + "; " + row.m_key +
+            " should be " + accepted_text(*row.m_range);
     }
 }
 
-void apply_int(const ParameterMap& map, const char* key, int32_t& field) {
-    const auto row = map.find(key);
-    if (row != map.end()) {
-        field = to_int(row->second, std::string("User Defined Parameter: ") + key);
-    }
-}
+// Copies one present key into its field. An original flag is off only for the
+// exact text "0": "false", "no" and "" switch it on; a later flag is 0 or 1.
+struct ApplyValue {
+    const OptionRow& m_row;
+    const std::string& m_text;
+    UserParameters& m_record;
 
-void apply_double(const ParameterMap& map, const char* key, double& field) {
-    const auto row = map.find(key);
-    if (row != map.end()) {
-        field = to_double(row->second, std::string("User Defined Parameter: ") + key);
+    std::string name() const { return std::string("User Defined Parameter: ") + m_row.m_key; }
+    void operator()(std::monostate) const {}
+    void operator()(bool UserParameters::*field) const {
+        if (!m_row.m_original && m_text != "0" && m_text != "1") {
+            throw "Argument " + option_name(m_row) + " invalid: " + m_text + "; " + m_row.m_key +
+                " should be 0 or 1";
+        }
+        m_record.*field = m_text != "0";
     }
-}
-
-void apply_text(const ParameterMap& map, const char* key, std::string& field) {
-    const auto row = map.find(key);
-    if (row != map.end()) {
-        field = row->second;
+    void operator()(int32_t UserParameters::*field) const {
+        m_record.*field = to_int(m_text, name());
+        check_range(m_row, m_text, m_record.*field);
     }
-}
+    void operator()(double UserParameters::*field) const {
+        m_record.*field = to_double(m_text, name());
+        check_range(m_row, m_text, m_record.*field);
+    }
+    void operator()(std::string UserParameters::*field) const { m_record.*field = m_text; }
+};
 
 // The paths as named: datapath1..datapathN when datanum is given (datapath is
 // then ignored), otherwise the one datapath.
@@ -187,26 +204,13 @@ UserParameters read_command_line(int argc, char** argv) {
 }
 
 void apply_parameters(UserParameters& record, ParameterMap map) {
-    // This order decides which of several bad values the user hears about.
-    apply_flag(map, "rewrite_files", record.m_rewrite_files);
-    apply_flag(map, "co-elute", record.m_co_elute);
-    apply_flag(map, "cut_similiar_mono", record.m_cut_similiar_mono);
-    apply_flag(map, "delete_msn", record.m_delete_msn);
-    apply_flag(map, "check_activationcenter", record.m_check_activationcenter);
-    apply_flag(map, "output_ks", record.m_output_ks);
-    apply_flag(map, "output_mgf", record.m_output_mgf);
-    apply_int(map, "intensity", record.m_intensity_digits);
-    apply_int(map, "m/z", record.m_mz_digits);
-    apply_int(map, "mars_model", record.m_mars_model);
-    apply_double(map, "mars_threshold", record.m_mars_threshold);
-    apply_double(map, "isolation_width", record.m_isolation_width);
-    apply_double(map, "recalibrate_window", record.m_recalibrate_window);
-    apply_double(map, "mstol", record.m_mstol);
-    apply_flag(map, "mstolppm", record.m_mstolppm);
-    apply_text(map, "logfilepath", record.m_logfilepath);
-    apply_text(map, "ipv_file", record.m_ipv_file);
-    apply_text(map, "input_format", record.m_input_format);
-    apply_text(map, "outputpath", record.m_outputpath);
+    // The order of the rows decides which of several bad values the user hears about.
+    for (const OptionRow& row : option_rows()) {
+        const auto value = map.find(row.m_key);
+        if (value != map.end()) {
+            std::visit(ApplyValue{row, value->second, record}, row.m_field);
+        }
+    }
     apply_data_paths(map, record);
 }
 

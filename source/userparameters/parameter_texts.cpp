@@ -47,6 +47,18 @@ void print_parameters(const UserParameters& record) {
         ++counter;
     }
     log_info("--------- END PARAMETERS -------------");
+    // Keys beyond the original set speak only when set: a run that leaves them
+    // alone logs exactly what it always did.
+    const UserParameters defaults;
+    for (const OptionRow& row : option_rows()) {
+        if (row.m_original) {
+            continue;
+        }
+        const std::string value = field_text(record, row.m_field);
+        if (value != field_text(defaults, row.m_field)) {
+            log_info(std::string(row.m_key) + " = " + value);
+        }
+    }
 }
 
 void write_parameter_template() {

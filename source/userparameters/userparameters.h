@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace ksieve {
@@ -42,6 +44,8 @@ struct UserParameters {
     std::string m_input_format = "raw";    // input_format, stored as given
     std::string m_outputpath;              // outputpath; empty: beside each input
     std::vector<std::string> m_datapaths;  // datapath / datanum + datapathN
+    int32_t m_memory_ceiling_mib = 1024;   // memory_ceiling_mib: MS1 peak lists held
+    bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
     // Set by finalising or per input file; no key.
     bool m_output_beside_input = false;
     std::string m_peak_format;  // printf format of one MGF peak line
@@ -53,6 +57,46 @@ struct UserParameters {
     double m_peak_window = 3.0;    // isolation_width + 1, after finalising
     double m_search_window = 3.5;  // peak window + tolerance margin, after finalising
 };
+
+// Where a key's value lands in the record; empty for the data path keys, which
+// apply_parameters gathers on its own.
+using OptionField = std::variant<std::monostate, bool UserParameters::*, int32_t UserParameters::*,
+                                 double UserParameters::*, std::string UserParameters::*>;
+
+// The numbers a key accepts; each end is open or closed. Anything else, NaN and
+// infinities included, stops the run while the parameters are read.
+struct OptionRange {
+    double m_low = 0.0;
+    double m_high = 0.0;
+    bool m_low_open = false;
+    bool m_high_open = false;
+};
+
+// One option: the single source of its name, letter, default, accepted values,
+// help and documentation. Only the original rows reach the parameter echo, the
+// template and the usage text; a later row is a parameter-file key, logged after
+// the echo when it differs from its default.
+struct OptionRow {
+    const char* m_key = "";
+    const char* m_letter = "";  // without the dash; "" for a parameter-file key
+    OptionField m_field;        // its default is that of a fresh record
+    std::optional<OptionRange> m_range;
+    const char* m_help = nullptr;  // template and usage text; original rows only
+    bool m_original = true;
+    const char* m_shown_default = nullptr;  // README; nullptr: the row is not listed
+    const char* m_meaning = "";             // README
+};
+
+// Every option, in the order in which apply_parameters copies them.
+const std::vector<OptionRow>& option_rows();
+// The text form of one field of `record`: a flag "1" or "0", an integer in
+// decimal, a double as format_double, a string as it stands.
+std::string field_text(const UserParameters& record, const OptionField& field);
+// The README table of options (Markdown), generated from option_rows.
+std::string option_table_markdown();
+// "a number in [0, 1048576]", or "a number, not NaN" for an unbounded range: the
+// accepted values as the messages and the README write them.
+std::string accepted_text(const OptionRange& range);
 
 // Option letter (without the dash) to long key; 18 rows, case-sensitive.
 extern ParameterMap g_short_options;
@@ -77,9 +121,12 @@ UserParameters read_parameter_file(std::string path);
 // argument that is not "-x", or an unknown letter. Returns the finalised record.
 UserParameters read_command_line(int argc, char** argv);
 
-// Copies the keys present in `map` into `record`, in the fixed order booleans,
-// integers, doubles, mstolppm, strings, data paths; the first bad value ends it.
-// A flag is false only for the text "0". Paths come from datapath1..datapathN
+// Copies the keys present in `map` into `record`, in the order of option_rows
+// (booleans, integers, doubles, mstolppm, strings, then the later keys), then the
+// data paths; the first bad value ends it. An original flag is false only for the
+// text "0"; a later flag takes "0" or "1" only. A number outside its row's range
+// throws "Argument <key>(-<letter>) invalid: <value>; <key> should be " +
+// accepted_text (no letter part for a parameter-file key). Paths come from datapath1..datapathN
 // when datanum is present (a missing one throws "Unable to find User Defined
 // Parameter: datapathK"), otherwise from datapath (throws when absent); trailing
 // separators are stripped, and a path that names nothing is dropped with the
@@ -103,7 +150,8 @@ double to_double(std::string value, std::string name);
 void parameters_to_map(const UserParameters& record, ParameterMap& map);
 // "%f" of a value.
 std::string format_double(double value);
-// The numbered parameter echo, through the log at INFO.
+// The numbered parameter echo of the original keys, through the log at INFO,
+// then one "<key> = <value>" line for each later key that is not at its default.
 void print_parameters(const UserParameters& record);
 // Writes "kSieve<Y><M><D><h><m><s>.params" in the working directory unless a file
 // of that name exists.

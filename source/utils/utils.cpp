@@ -209,6 +209,13 @@ std::FILE* open_file(std::string path, std::string mode, std::string label) {
     if (file == nullptr) {
         throw "Cannot open " + label + " File, Path: " + path;
     }
+    // A directory opens for reading and then reads as an empty file: an input
+    // silently empty, or an isotope table silently all zeros.
+    struct stat info {};
+    if (fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode)) {
+        std::fclose(file);
+        throw "Cannot open " + label + " File, Path: " + path + " is a directory";
+    }
     return file;
 }
 

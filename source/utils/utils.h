@@ -57,7 +57,8 @@ bool directory_exists(std::string path);
 bool path_exists(std::string path);
 
 // fopen(path, mode); the caller owns the handle.
-// Throws "Cannot open " + label + " File, Path: " + path.
+// Throws "Cannot open " + label + " File, Path: " + path, with " is a directory"
+// added when the path names a directory.
 std::FILE* open_file(std::string path, std::string mode, std::string label);
 
 // Creates the directory and any missing parent levels with mkdir(2), every byte of

@@ -20,10 +20,11 @@ namespace ksieve {
 namespace {
 
 // Every scan of `text`, read through a real file with `read` until it reports
-// the end; the end must then hold on a second call too, and the file must have
-// counted each scan once.
+// the end, and what the reader left out of the file; the end must then hold on
+// a second call too, and the file must have counted each scan it kept once.
 template <typename File, typename Scan>
-std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) {
+std::pair<std::vector<Scan>, DroppedValues> read_counting(const std::string& text,
+                                                          bool (*read)(File&, Scan&)) {
     test::TempDir dir;
     test::write_file(dir.file("in.txt"), text);
     File file;
@@ -37,7 +38,12 @@ std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) 
     EXPECT_EQ(file.m_head.m_scan_count, static_cast<int32_t>(scans.size()));
     finish_spectrum_file(file.m_head);
     release_spectrum_file(file.m_head);
-    return scans;
+    return {scans, file.m_dropped};
+}
+
+template <typename File, typename Scan>
+std::vector<Scan> read_all(const std::string& text, bool (*read)(File&, Scan&)) {
+    return read_counting(text, read).first;
 }
 
 // Peaks or precursors as (m/z, intensity or charge) pairs, to compare lists whole.
@@ -254,6 +260,115 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
         }
         EXPECT_EQ(thrown, "Cannot write file: /dev/full: No space left on device");
     }
+}
+
+}  // namespace
+}  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+std::string failure_of_title(const std::string& text) {
+    return test::failure_of<const char*>([&] { read_counting(text, ReadMgfScan); });
+}
+
+// Numbers no instrument writes are left out and counted, whatever the reader;
+// blanks and tabs both separate the two numbers of a peak line. Lines that do
+// not begin with a digit ("nan 1", "-3 1") are no peak lines at all.
+TEST(ImplausibleValues, PeaksOutsideTheRangeAreDroppedAndCountedByEveryReader) {
+    const std::string peaks =
+        "100\t5\n0 1\n-3 1\n100000 1\nnan 1\ninf 1\n200 nan\n300 -inf\n400 2e30\n500 \t1e30\n";
+    const Pairs kept{{100, 5}, {500, 1e30}};
+    const auto [ms1, ms1_dropped] = read_counting("S\t1\t1\n" + peaks, ReadMs1Scan);
+    const auto [ms2, ms2_dropped] = read_counting("S\t1\t1\nZ\t2\t1000\n" + peaks, ReadMs2Scan);
+    const auto [mgf, mgf_dropped] = read_counting(
+        "BEGIN IONS\nTITLE=a.1.1.2.dta\nPEPMASS=500\n" + peaks + "END IONS\n", ReadMgfScan);
+    ASSERT_EQ(ms1.size(), 1u);
+    ASSERT_EQ(ms2.size(), 1u);
+    ASSERT_EQ(mgf.size(), 1u);
+    EXPECT_EQ(pairs(ms1[0].m_peaks, &Peak::m_intensity), kept);
+    EXPECT_EQ(pairs(ms2[0].m_peaks, &Peak::m_intensity), kept);
+    EXPECT_EQ(pairs(mgf[0].m_peaks, &Peak::m_intensity), kept);
+    for (const DroppedValues& dropped : {ms1_dropped, ms2_dropped, mgf_dropped}) {
+        EXPECT_EQ(dropped.m_peaks, 5);
+        EXPECT_EQ(dropped.m_scans, 0);
+    }
+}
+
+// A scan whose isolation target or declared precursor is not a number is left
+// out whole; its neighbours are read as ever.
+TEST(ImplausibleValues, ScansWithoutFiniteTargetsAreSkipped) {
+    const std::string ms2_text =
+        "S\t1\t1\nI\tActivationCenter\tnan\nZ\t2\t1000\n10 1\n"
+        "S\t2\t2\nI\tActivationCenter\t500\nZ\t2\tinf\n10 1\n"
+        "S\t3\t3\nI\tActivationCenter\t500\nZ\t2\t999\n10 1\n";
+    const auto [ms2, ms2_dropped] = read_counting(ms2_text, ReadMs2Scan);
+    ASSERT_EQ(ms2.size(), 1u);
+    EXPECT_EQ(ms2[0].m_scan, 3);
+    EXPECT_EQ(ms2_dropped.m_scans, 2);
+    const auto [mgf, mgf_dropped] = read_counting(
+        "TITLE=a.1.1.2.dta\nPEPMASS=-nan\n10 1\nEND IONS\nTITLE=a.2.2.2.dta\nPEPMASS=500\n10 "
+        "1\nEND IONS\n",
+        ReadMgfScan);
+    ASSERT_EQ(mgf.size(), 1u);
+    EXPECT_EQ(mgf[0].m_scan, 2);
+    EXPECT_EQ(mgf_dropped.m_scans, 1);
+}
+
+// Titles of other converters: the scan comes from "scan=N", else from the
+// block's SCANS= line; a title the grammar reads keeps its number.
+TEST(MgfReader, ScanNumbersOfOtherConvertersTitles) {
+    struct Case {
+        const char* m_blocks;
+        std::vector<int32_t> m_scans;
+    };
+    const Case cases[] = {
+        {"TITLE=controllerType=0 controllerNumber=1 scan=17\n10 1\nEND IONS\n"
+         "TITLE=controllerType=0 controllerNumber=1 scan=18\n10 1\nEND IONS\n",
+         {17, 18}},
+        {"BEGIN IONS\nTITLE=Spectrum one\nPEPMASS=500\nSCANS=41\n10 1\nEND IONS\n"
+         "BEGIN IONS\nTITLE=Spectrum two\nSCANS=42-43\n10 1\nEND IONS\n",
+         {41, 42}},
+        {"TITLE=run.7.7.2.dta scan=9\nSCANS=8\n10 1\nEND IONS\n", {7}},
+        {"TITLE=run.x.2.dta\nSCANS=8\n10 1\nEND IONS\n", {8}},
+        // Neither: the piece reads as scan 0, the default record's own number,
+        // so the block folds into it and brings no peaks, as it always did.
+        {"TITLE=run.x.2.dta\n10 1\nEND IONS\nSCANS=8\n", {}},
+        {"TITLE=run.xscan=4.2.dta\n10 1\nEND IONS\n", {}},
+    };
+    for (const Case& c : cases) {
+        std::vector<int32_t> scans;
+        for (const MS2Spectrum& scan : read_counting(c.m_blocks, ReadMgfScan).first) {
+            scans.push_back(scan.m_scan);
+        }
+        EXPECT_EQ(scans, c.m_scans) << c.m_blocks;
+    }
+    EXPECT_EQ(failure_of_title("TITLE=Spectrum one\n10 1\nEND IONS\n"), kMgfTitleFailure);
+}
+
+// With the conventions on, retention time goes out in seconds and the scan
+// number follows the title; off, the block is as it always was.
+TEST(MgfWriter, ConventionsGiveSecondsAndAScansLine) {
+    MS2Spectrum scan;
+    scan.m_scan = 12;
+    scan.m_retention_time = 1.5;
+    scan.m_precursors = {{500.25, 2}};
+    scan.m_peaks = {{100, 2}};
+    const auto block = [&](bool conventions) {
+        test::TempDir dir;
+        MgfFile file;
+        open_mgf_file(file, dir.file("out.mgf"), "w+", "run");
+        file.m_conventions = conventions;
+        write_mgf_blocks(file, scan);
+        release_spectrum_file(file.m_head);
+        return test::read_file(dir.file("out.mgf"));
+    };
+    EXPECT_EQ(block(false),
+              "BEGIN IONS\nTITLE=run.12.12.2.0.dta\nCHARGE=2+\nRTINSECONDS=1.5000000\n"
+              "PEPMASS=500.250000\n100.00000 2.0\nEND IONS\n");
+    EXPECT_EQ(block(true),
+              "BEGIN IONS\nTITLE=run.12.12.2.0.dta\nSCANS=12\nCHARGE=2+\nRTINSECONDS=90.0000000\n"
+              "PEPMASS=500.250000\n100.00000 2.0\nEND IONS\n");
 }
 
 }  // namespace

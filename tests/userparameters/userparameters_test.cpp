@@ -94,3 +94,77 @@ TEST(CommandLine, OptionsAreADashAndOneLetter) {
 
 }  // namespace
 }  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+// README's table of options is the one the option table generates; to refresh
+// it, paste the text this test prints between the two markers.
+TEST(OptionTable, ReadmeListsTheGeneratedTable) {
+    const std::string readme = test::read_file(std::string(KSIEVE_SOURCE_DIR) + "/README.md");
+    const std::string begin = "<!-- option table: generated -->\n";
+    const std::string end = "<!-- end of option table -->";
+    const size_t first = readme.find(begin);
+    const size_t last = readme.find(end);
+    ASSERT_NE(first, std::string::npos);
+    ASSERT_NE(last, std::string::npos);
+    const std::string listed = readme.substr(first + begin.size(), last - first - begin.size());
+    EXPECT_EQ(listed, option_table_markdown()) << option_table_markdown();
+}
+
+// Values that would stop the run later (a NaN width or tolerance) are refused
+// while reading, naming the key; everything that completes stays accepted.
+TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
+    struct Case {
+        const char* m_key;
+        const char* m_value;
+        const char* m_failure;
+    };
+    const Case cases[] = {
+        {"isolation_width", "nan",
+         "Argument isolation_width(-W) invalid: nan; isolation_width should be a number, not NaN"},
+        {"recalibrate_window", "-NaN",
+         "Argument recalibrate_window(-R) invalid: -NaN; recalibrate_window should be a number, "
+         "not NaN"},
+        {"mstol", "nan(1)", "Argument mstol invalid: nan(1); mstol should be a number, not NaN"},
+        {"memory_ceiling_mib", "-1",
+         "Argument memory_ceiling_mib invalid: -1; memory_ceiling_mib should be a number in [0, "
+         "1048576]"},
+        {"mgf_conventions", "yes",
+         "Argument mgf_conventions invalid: yes; mgf_conventions should be 0 or 1"},
+        {"isolation_width", "inf", "<nothing thrown>"},
+        {"isolation_width", "-1", "<nothing thrown>"},
+        {"recalibrate_window", "1e300", "<nothing thrown>"},
+        {"mstol", "-inf", "<nothing thrown>"},
+        {"mars_threshold", "nan", "<nothing thrown>"},
+        {"memory_ceiling_mib", "0", "<nothing thrown>"},
+        {"mgf_conventions", "1", "<nothing thrown>"},
+    };
+    for (const Case& c : cases) {
+        UserParameters record;
+        const ParameterMap map{{c.m_key, c.m_value}, {"datanum", "0"}};
+        EXPECT_EQ(failure_of<const std::string&>([&] { apply_parameters(record, map); }),
+                  c.m_failure)
+            << c.m_key << " = " << c.m_value;
+    }
+}
+
+// Only the original keys are echoed; a later key speaks once, after the echo,
+// and only when it is set away from its default.
+TEST(OptionTable, LaterKeysAreLoggedAfterTheEchoWhenSet) {
+    const auto echo = [](const ParameterMap& map) {
+        test::CaptureStream out(std::cout);
+        UserParameters record;
+        apply_parameters(record, map);
+        print_parameters(record);
+        return out.text();
+    };
+    const std::string plain = echo({{"datanum", "0"}, {"memory_ceiling_mib", "1024"}});
+    EXPECT_EQ(plain.find("memory_ceiling_mib"), std::string::npos);
+    EXPECT_EQ(plain.find("mgf_conventions"), std::string::npos);
+    const std::string set = echo({{"datanum", "0"}, {"memory_ceiling_mib", "64"}});
+    EXPECT_EQ(set, plain + "[kSieve] <INFO> - memory_ceiling_mib = 64\n");
+}
+
+}  // namespace
+}  // namespace ksieve
