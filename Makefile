@@ -2,9 +2,15 @@
 #   make demo   build kSieve and run it on the bundled sample data
 #   make test   build with warnings as errors, run every test, then again under
 #               AddressSanitizer and UndefinedBehaviorSanitizer
+#   make workflow INPUT=<folder> FASTA=<file> OUT=<folder> [PROFILE=slurm]
+#               kSieve, Comet and OpenMS FDR on every run of a folder, report in OUT
 JOBS ?= $(shell nproc)
+INPUT ?= data/demo
+FASTA ?= data/demo/bsa_demo.fasta
+OUT ?= results/demo
+PROFILE ?=
 
-.PHONY: demo test deps build
+.PHONY: demo test deps build workflow
 
 deps:
 	@bash scripts/install-deps.sh
@@ -25,3 +31,12 @@ test: deps
 	  -DKSIEVE_SANITIZE=ON -DKSIEVE_BUILD_COMPANION=OFF -DKSIEVE_BUILD_BENCH=OFF
 	cmake --build build/sanitize -j $(JOBS)
 	ctest --test-dir build/sanitize --output-on-failure -j $(JOBS)
+
+# Snakemake runs inside OUT, so each output folder keeps its own record of what
+# is done (a rerun redoes only what is missing) and its own lock.
+workflow: build
+	mkdir -p "$(OUT)"
+	snakemake -s "$(abspath workflow/Snakefile)" --directory "$(abspath $(OUT))" \
+	  --cores all --keep-going $(if $(PROFILE),--profile "$(abspath workflow/profiles/$(PROFILE))") \
+	  --config input="$(abspath $(INPUT))" fasta="$(abspath $(FASTA))" out="$(abspath $(OUT))" \
+	  ksieve_bin="$(abspath build/release/bin)"

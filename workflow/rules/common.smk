@@ -71,6 +71,8 @@ KSIEVE_BIN = Path(config["ksieve_bin"]).resolve()
 RUNS = find_runs(Path(config["input"]).resolve())
 check_fasta(FASTA)
 check_ksieve(KSIEVE_BIN)
+# Cluster jobs write their own logs here; sbatch does not create the folder.
+Path(OUT, "logs", "slurm").mkdir(parents=True, exist_ok=True)
 
 # What the stage scripts need to know of the configuration, as one file.
 SETTINGS = {key: config[key] for key in ("fdr", "enzyme", "decoy_prefix", "comet",

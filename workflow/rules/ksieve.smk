@@ -14,9 +14,6 @@ rule ksieve:
     log:
         f"{OUT}/logs/{{run}}/ksieve.log",
     threads: config["ksieve_threads"]
-    resources:
-        mem_mb=4000,
-        runtime=120,
     run:
         options = [arg for item in config["ksieve_options"].items()
                    for arg in ("--option", *map(str, item))]

@@ -9,9 +9,6 @@ rule run_table:
               for side in ("declared", "ksieve") for kind in ("all", "accepted")],
     output:
         f"{OUT}/runs/{{run}}/summary.json",
-    resources:
-        mem_mb=1000,
-        runtime=10,
     run:
         python_script("run_table.py", "--run", wildcards.run, "--table", input.table,
                       "--info", input.info, "--psms", *input.psms, "--out", output[0])

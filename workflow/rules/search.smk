@@ -37,9 +37,6 @@ rule search:
     log:
         f"{OUT}/logs/{{run}}/search_{{side}}.log",
     threads: config["search_threads"]
-    resources:
-        mem_mb=4000,
-        runtime=240,
     run:
         python_script("search.py", "--side", wildcards.side, "--run", wildcards.run,
                       "--run-dir", f"{OUT}/runs/{wildcards.run}",
@@ -58,9 +55,6 @@ rule fdr:
         accepted=f"{OUT}/runs/{{run}}/fdr/{{side}}_accepted.tsv",
     log:
         f"{OUT}/logs/{{run}}/fdr_{{side}}.log",
-    resources:
-        mem_mb=2000,
-        runtime=60,
     run:
         python_script("fdr.py", "--run", wildcards.run, "--run-dir", f"{OUT}/runs/{wildcards.run}",
                       "--side", wildcards.side, "--hits", input.hits, "--settings", input.settings,

@@ -70,17 +70,20 @@ def charge_states(prefix, charges):
 
 def mass_shifts(prefix, shifts):
     figure, axes = new_axes("Mass shift, kSieve against declared", "MS2 scan", "shift (Da)")
-    points = axes.scatter([s for s, _ in shifts], [d for _, d in shifts], s=9,
-                          color=SIDES[1][2], alpha=0.7)
-    points.set_gid(f"{prefix}-shifts-points")
-    axes.axhline(0, color="#bbbbbb", linewidth=0.6, zorder=0)
     # Isotope-peak corrections lie within a few daltons; a changed charge can move a
-    # precursor much further, and would flatten the rest. Those points stay in the
-    # plot, outside the view, and the title counts them.
-    outside = sum(abs(d) > SHIFT_VIEW for _, d in shifts)
-    if outside:
-        axes.set_ylim(-SHIFT_VIEW, SHIFT_VIEW)
-        axes.set_title(f"Mass shift, kSieve against declared ({outside} beyond ±{SHIFT_VIEW:g} Da)")
+    # precursor much further and would flatten the rest. Those points are drawn at
+    # the edge of the view as triangles, and the title counts them.
+    inside = [(s, d) for s, d in shifts if abs(d) <= SHIFT_VIEW]
+    beyond = [(s, SHIFT_VIEW if d > 0 else -SHIFT_VIEW) for s, d in shifts if abs(d) > SHIFT_VIEW]
+    for points, gid, marker in ((inside, "points", "o"), (beyond, "beyond", "^")):
+        drawn = axes.scatter([s for s, _ in points], [d for _, d in points], s=9, marker=marker,
+                             color=SIDES[1][2], alpha=0.7)
+        drawn.set_gid(f"{prefix}-shifts-{gid}")
+    axes.axhline(0, color="#bbbbbb", linewidth=0.6, zorder=0)
+    axes.set_ylim(-SHIFT_VIEW * 1.1, SHIFT_VIEW * 1.1)
+    if beyond:
+        axes.set_title(f"Mass shift, kSieve against declared ({len(beyond)} beyond "
+                       f"±{SHIFT_VIEW:g} Da)")
     figure.tight_layout()
     return to_svg(figure)
 
