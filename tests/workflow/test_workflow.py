@@ -27,13 +27,15 @@ SCRATCH = Path(sys.argv[2]).resolve() if len(sys.argv) > 2 else None
 DEMO_OUT = SCRATCH / "demo" if SCRATCH else None
 
 
-def run_workflow(input_dir, fasta, out, *extra):
+def run_workflow(input_dir, fasta, out, *extra, path=None):
     """Snakemake as `make workflow` runs it, in the output folder."""
     out.mkdir(parents=True, exist_ok=True)
+    env = dict(os.environ, PATH=f"{path}:{os.environ['PATH']}") if path else None
     command = ["snakemake", "-s", ROOT / "workflow" / "Snakefile", "--directory", out,
                "--cores", "2", "--keep-going", *extra, "--config", f"input={input_dir}",
                f"fasta={fasta}", f"out={out}", f"ksieve_bin={KSIEVE_BIN}"]
-    return subprocess.run([str(c) for c in command], capture_output=True, text=True, check=False)
+    return subprocess.run([str(c) for c in command], capture_output=True, text=True, check=False,
+                          env=env)
 
 
 def read_tsv(path):
@@ -64,6 +66,8 @@ class DemoRun(unittest.TestCase):
         self.assertFalse((ksieve_dir / "bsa_demo.ms1").exists())
         self.assertFalse((ksieve_dir / "bsa_demo.ms2").exists())
         self.assertTrue((ksieve_dir / "bsa_demo_CIDIT.mgf").is_file())
+        log = (DEMO_OUT / "logs" / "bsa_demo" / "ksieve.log").read_text(encoding="utf-8")
+        self.assertIn("KSIEVE_THREADS=2\n", log)
 
 
 class DemoTable(unittest.TestCase):
@@ -148,23 +152,42 @@ class BadInput(unittest.TestCase):
                 self.assertIn(message, done.stderr)
                 self.assertFalse((out / "runs").exists(), "nothing may run")
 
-    def test_a_failing_run_is_named_and_the_others_finish(self):
+    def test_failing_runs_are_named_and_the_others_finish(self):
         runs = fresh(SCRATCH / "bad_mixed")
         with open(DEMO_MZML, "rb") as plain, gzip.open(runs / "good.mzML.gz", "wb") as packed:
             shutil.copyfileobj(plain, packed)
         (runs / "broken.mzML").write_bytes(b"<?xml version='1.0'?><mzML><run>\x00\x01")
+        (runs / "thermo.raw").write_bytes(b"\x01\xa1F\x00i\x00n\x00n\x00i\x00g\x00a\x00n")
+        shutil.copy(DEMO_MZML, runs / "cometfail.mzML")
         out = fresh(SCRATCH / "bad_mixed_out")
-        done = run_workflow(runs, DEMO_FASTA, out)
+        done = run_workflow(runs, DEMO_FASTA, out, path=self.failing_comet())
         self.assertNotEqual(done.returncode, 0)
-        self.assertIn("run broken: kSieve failed", done.stderr)
         summary = {row["run"]: row for row in read_tsv(out / "summary.tsv")}
         self.assertEqual(summary["good"]["status"], "ok")
         self.assertGreater(int(summary["good"]["psms_ksieve"]), 0)
-        self.assertTrue(summary["broken"]["status"].startswith("failed: kSieve failed"))
-        self.assertIn("broken.mzML", summary["broken"]["status"])
         report = (out / "report.html").read_text(encoding="utf-8")
         self.assertIn("Failed runs", report)
-        self.assertIn("<b>broken</b>", report)
+        cases = [("broken", "kSieve failed", "broken.mzML"),
+                 ("thermo", "kSieve failed", "Convert the file to mzML first"),
+                 ("cometfail", "search_ksieve failed", "cannot read the spectra")]
+        for run, stage, cause in cases:
+            with self.subTest(run):
+                self.assertIn(f"run {run}: {stage}", done.stderr)
+                self.assertIn(stage, summary[run]["status"])
+                self.assertIn(cause, summary[run]["status"])
+                self.assertEqual(summary[run]["psms_ksieve"], "NA")
+                self.assertIn(f"<b>{run}</b>", report)
+
+    def failing_comet(self):
+        """A stand-in for comet-ms that fails on one run's spectra, as Comet does on a bad file."""
+        shim = fresh(SCRATCH / "comet_shim")
+        script = shim / "comet-ms"
+        script.write_text("#!/bin/sh\n"
+                          'case "$*" in *cometfail*) echo "Error - cannot read the spectra" >&2;'
+                          " exit 1;; esac\n"
+                          'exec /usr/bin/comet-ms "$@"\n')
+        script.chmod(0o755)
+        return shim
 
 
 if __name__ == "__main__":

@@ -97,13 +97,14 @@ def ksieve(args, log):
     outdir.mkdir(parents=True)
     source, inflated = inflate_if_compressed(Path(args.input).resolve(), args.run_dir)
     env = dict(os.environ, KSIEVE_THREADS=str(args.threads))
+    log.write(f"KSIEVE_THREADS={args.threads}\n")
     command = ["./kSieve", "-D", source, "-O", outdir]
     for letter, value in args.option:
         command += [letter, value]
     try:
         stdout = run_tool(command, log, cwd=args.bin, env=env)
     except StageError as error:
-        raise StageError(f"kSieve failed on {args.input}: {ksieve_error(outdir) or error}") from error
+        raise StageError(f"{args.input}: {ksieve_error(error.output) or error}") from error
     finally:
         if inflated:
             inflated.unlink(missing_ok=True)
@@ -122,14 +123,15 @@ def ksieve(args, log):
     })
 
 
-def ksieve_error(outdir):
-    """kSieve's own ERROR line from its log, which says best what went wrong."""
-    log = outdir / "kSievePlusLog.txt"
-    if not log.is_file():
-        return None
-    errors = [line for line in log.read_text(encoding="utf-8", errors="replace").splitlines()
-              if "ERROR" in line]
-    return errors[-1].split("- ", 1)[-1].strip() if errors else None
+def ksieve_error(output):
+    """The line that says best what went wrong: the companion's own message when
+    it failed (it names the file and the cause), else kSieve's ERROR line."""
+    lines = output.splitlines()
+    for prefix in ("spexor_xml.exe:", "spexor_raw.exe:", "[kSieve] <ERROR>"):
+        found = [line for line in lines if line.startswith(prefix)]
+        if found:
+            return found[-1].split("<ERROR> - ", 1)[-1].strip()
+    return None
 
 
 def main():

@@ -19,7 +19,14 @@ SPECTRUM_ID = re.compile(r"\.(\d+)\.(\d+)\.(-?\d+)(?:\.(\d+)\.dta)?$")
 
 
 class StageError(Exception):
-    """A stage of one run failed; the text says why, in the user's words."""
+    """A stage of one run failed; the text says why, in the user's words.
+
+    `output` holds what the failed program printed, when a program failed.
+    """
+
+    def __init__(self, message, output=""):
+        super().__init__(message)
+        self.output = output
 
 
 def scan_of(spectrum_reference):
@@ -49,8 +56,9 @@ def run_tool(args, log, cwd=None, env=None):
     log.write(done.stderr)
     log.flush()
     if done.returncode != 0:
+        output = done.stdout + done.stderr
         raise StageError(f"{Path(str(args[0])).name} exited with {done.returncode}: "
-                         f"{last_error_line(done.stdout + done.stderr)}")
+                         f"{last_error_line(output)}", output)
     return done.stdout
 
 
