@@ -91,38 +91,57 @@ class DemoTable(unittest.TestCase):
         self.assertLessEqual({int(p["scan"]) for p in declared}, written)
 
 
-class SpectrumIdentity(unittest.TestCase):
-    """Two precursors of one scan with one charge must stay two spectra to the end."""
+class SearchStage(unittest.TestCase):
+    """The search and FDR stages on MGF files made from the sample's, run as the rules run them."""
 
-    def test_two_blocks_of_one_scan_and_charge_give_two_psm_rows(self):
-        work = fresh(SCRATCH / "identity")
-        source = DEMO_OUT / "runs" / "bsa_demo"
+    def search_and_fdr(self, work, mgfs):
+        """Writes the MGF files (name -> text), searches them; returns the PSM table and log."""
         ksieve_dir = fresh(work / "ksieve")
-        mgf_text = (source / "ksieve" / "bsa_demo_CIDIT.mgf").read_text(encoding="utf-8")
-        block = mgf_text[mgf_text.index("BEGIN IONS\nTITLE=bsa_demo.41.41.2.0.dta"):]
-        block = block[:block.index("END IONS\n") + len("END IONS\n")]
-        twin = block.replace("bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta")
-        (ksieve_dir / "bsa_demo_CIDIT.mgf").write_text(mgf_text + twin, encoding="utf-8")
+        for name, text in mgfs.items():
+            (ksieve_dir / name).write_text(text, encoding="utf-8")
         info = work / "info.json"
-        info.write_text(json.dumps({"mgf": ["bsa_demo_CIDIT.mgf"]}), encoding="utf-8")
-        common = ["--run", "bsa_demo", "--run-dir", work]
-        self.run_script("search.py", "--side", "ksieve", *common, "--ksieve-dir", ksieve_dir,
-                        "--info", info, "--database", DEMO_OUT / "work" / "target_decoy.fasta",
-                        "--settings", DEMO_OUT / "work" / "settings.json",
+        info.write_text(json.dumps({"mgf": sorted(mgfs)}), encoding="utf-8")
+        common = ["--run", "bsa_demo", "--run-dir", work, "--side", "ksieve",
+                  "--settings", DEMO_OUT / "work" / "settings.json"]
+        self.run_script("search.py", *common, "--ksieve-dir", ksieve_dir, "--info", info,
+                        "--database", DEMO_OUT / "work" / "target_decoy.fasta",
                         "--template", ROOT / "workflow" / "resources" / "comet.params.template",
                         "--out", work / "hits.idXML", "--log", work / "search.log")
-        self.run_script("fdr.py", *common, "--side", "ksieve", "--hits", work / "hits.idXML",
-                        "--settings", DEMO_OUT / "work" / "settings.json",
+        self.run_script("fdr.py", *common, "--hits", work / "hits.idXML",
                         "--all", work / "all.tsv", "--accepted", work / "accepted.tsv",
                         "--log", work / "fdr.log")
-        rows = [p for p in read_tsv(work / "all.tsv") if p["scan"] == "41" and p["charge"] == "2"]
-        self.assertEqual(sorted(p["spectrum"] for p in rows),
-                         ["bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta"])
+        return read_tsv(work / "all.tsv"), (work / "search.log").read_text(encoding="utf-8")
 
     def run_script(self, name, *args):
         done = subprocess.run(["/usr/bin/python3", str(SCRIPTS / name), *map(str, args)],
                               capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 0, done.stderr)
+
+    def demo_mgf(self):
+        return (DEMO_OUT / "runs" / "bsa_demo" / "ksieve" / "bsa_demo_CIDIT.mgf").read_text()
+
+    def test_two_blocks_of_one_scan_and_charge_give_two_psm_rows(self):
+        text = self.demo_mgf()
+        block = text[text.index("BEGIN IONS\nTITLE=bsa_demo.41.41.2.0.dta"):]
+        block = block[:block.index("END IONS\n") + len("END IONS\n")]
+        twin = block.replace("bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta")
+        psms, _ = self.search_and_fdr(fresh(SCRATCH / "identity"),
+                                      {"bsa_demo_CIDIT.mgf": text + twin})
+        rows = [p for p in psms if p["scan"] == "41" and p["charge"] == "2"]
+        self.assertEqual(sorted(p["spectrum"] for p in rows),
+                         ["bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta"])
+
+    def test_each_analyzer_gets_its_settings_and_one_fdr_covers_both(self):
+        blocks = ["BEGIN IONS\n" + b for b in self.demo_mgf().split("BEGIN IONS\n")[1:]]
+        half = len(blocks) // 2
+        psms, log = self.search_and_fdr(fresh(SCRATCH / "analyzers"), {
+            "bsa_demo_CIDIT.mgf": "".join(blocks[:half]),
+            "bsa_demo_HCDFT.mgf": "".join(blocks[half:])})
+        for key, analyzer in (("CIDIT", "IT"), ("HCDFT", "FT")):
+            self.assertRegex(log, rf"comet-ms -P\S*comet_{analyzer}\.params \S+ \S*bsa_demo_{key}.mgf")
+        first_of_second = int(blocks[half].split("\n")[1].split(".")[1])
+        scans = {int(p["scan"]) for p in psms}
+        self.assertTrue(min(scans) < first_of_second <= max(scans), scans)
 
 
 class BadInput(unittest.TestCase):

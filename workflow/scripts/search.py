@@ -133,7 +133,7 @@ def search(args, log):
     if len(found) == 1:
         shutil.copyfile(found[0], merged)
     else:
-        run_tool(["IDMerger", "-in", *found, "-out", merged, "-merge_proteins_add_PSMs"], log)
+        run_tool(["IDMerger", "-in", *found, "-out", merged], log)
     index_hits(args, settings, merged, out, log)
     shutil.rmtree(work)
 
