@@ -35,9 +35,9 @@ def precursor_table(path):
     return rows
 
 
-def psm_count(path):
+def distinct_q_values(path):
     with open(path, encoding="utf-8") as table:
-        return sum(1 for _ in csv.DictReader(table, delimiter="\t"))
+        return len({float(row["q_value"]) for row in csv.DictReader(table, delimiter="\t")})
 
 
 class ReportInBrowser(unittest.TestCase):
@@ -90,19 +90,20 @@ class ReportInBrowser(unittest.TestCase):
         for kind in ("precursors", "charges", "shifts", "qvalue"):
             figure = self.driver.find_element(By.ID, f"{prefix}-{kind}")
             self.assertTrue(figure.find_element(By.TAG_NAME, "svg").is_displayed(), kind)
-        values = json.loads(self.driver.find_element(By.ID, f"{prefix}-precursors")
-                            .get_attribute("data-values"))
-        self.assertEqual(values, dict(per_scan))
+        self.assertEqual(self.values(f"{prefix}-precursors"), dict(per_scan))
         self.assertEqual(self.bars(f"{prefix}-precursors-bar"), len(per_scan))
         self.assertEqual(self.bars(f"{prefix}-charges-declared-bar"), len(declared))
         self.assertEqual(self.bars(f"{prefix}-charges-ksieve-bar"), len(ksieve))
         with_charge = sum(1 for z, charges in rows if z > 0 and any(c > 0 for c in charges))
-        shown = (self.marks(f"{prefix}-shifts-points", "use")
-                 + self.marks(f"{prefix}-shifts-beyond", "use"))
-        self.assertEqual(shown, with_charge)
+        shifts = self.values(f"{prefix}-shifts")
+        self.assertEqual(sum(shifts["bins"].values()) + shifts["off_scale"], with_charge)
+        self.assertEqual(self.bars(f"{prefix}-shifts-bar"), len(shifts["bins"]))
         for side in ("declared", "ksieve"):
             self.assertEqual(self.marks(f"{prefix}-qvalue-{side}-points", "use"),
-                             psm_count(run_dir / "fdr" / f"{side}_all.tsv"), side)
+                             distinct_q_values(run_dir / "fdr" / f"{side}_all.tsv"), side)
+
+    def values(self, figure_id):
+        return json.loads(self.driver.find_element(By.ID, figure_id).get_attribute("data-values"))
 
 
 if __name__ == "__main__":

@@ -120,6 +120,19 @@ class PrecursorTable(unittest.TestCase):
         self.assertAlmostEqual(shifts[40], 1.00336, places=4)   # one isotope peak up
         self.assertEqual(shifts[41], 0.0)                       # the same ion kept
 
+    def test_shift_histogram_pools_bins_and_counts_off_scale(self):
+        shifts = [[1, 0.004], [2, -0.009], [3, 1.00335], [4, 0.961], [5, -2.0067], [6, 435.2],
+                  [7, -4.6]]
+        self.assertEqual(run_table.shift_histogram(shifts),
+                         {"bins": {"-2.00": 1, "0.00": 2, "0.96": 1, "1.00": 1}, "off_scale": 2})
+
+    def test_q_curve_counts_psms_at_or_below_each_q_value(self):
+        cases = [([], []), ([0.0, 0.0, 0.0], [[0.0, 3]]),
+                 ([0.02, 0.0, 0.01, 0.0, 0.02], [[0.0, 2], [0.01, 3], [0.02, 5]])]
+        for q_values, curve in cases:
+            with self.subTest(q_values):
+                self.assertEqual(run_table.q_curve(q_values), curve)
+
 
 if __name__ == "__main__":
     unittest.main()

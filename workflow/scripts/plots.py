@@ -16,7 +16,6 @@ import matplotlib.pyplot as plt  # noqa: E402
 plt.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "ksieve-report",
                      "font.size": 9, "figure.dpi": 72})
 
-SHIFT_VIEW = 4.5  # daltons either side of the declared mass
 SIDES = (("declared", "declared precursors", "#888888"), ("ksieve", "kSieve precursors", "#1f6fb4"))
 
 
@@ -68,21 +67,18 @@ def charge_states(prefix, charges):
     return to_svg(figure)
 
 
-def mass_shifts(prefix, shifts):
-    figure, axes = new_axes("Mass shift, kSieve against declared", "MS2 scan", "shift (Da)")
-    # Isotope-peak corrections lie within a few daltons; a changed charge can move a
-    # precursor much further and would flatten the rest. Those points are drawn at
-    # the edge of the view as triangles, and the title counts them.
-    inside = [(s, d) for s, d in shifts if abs(d) <= SHIFT_VIEW]
-    beyond = [(s, SHIFT_VIEW if d > 0 else -SHIFT_VIEW) for s, d in shifts if abs(d) > SHIFT_VIEW]
-    for points, gid, marker in ((inside, "points", "o"), (beyond, "beyond", "^")):
-        drawn = axes.scatter([s for s, _ in points], [d for _, d in points], s=9, marker=marker,
-                             color=SIDES[1][2], alpha=0.7)
-        drawn.set_gid(f"{prefix}-shifts-{gid}")
-    axes.axhline(0, color="#bbbbbb", linewidth=0.6, zorder=0)
-    axes.set_ylim(-SHIFT_VIEW * 1.1, SHIFT_VIEW * 1.1)
-    if beyond:
-        axes.set_title(f"Mass shift against declared ({len(beyond)} off scale)")
+def mass_shifts(prefix, histogram):
+    figure, axes = new_axes("Mass shift against declared", "kSieve minus declared mass (Da)",
+                            "MS2 scans")
+    # Scans that kept their precursor outnumber the corrected ones by far: a log
+    # scale keeps the isotope steps at +-1.003 Da visible.
+    centres = [float(c) for c in histogram["bins"]]
+    bars = axes.bar(centres, list(histogram["bins"].values()), width=0.08, color=SIDES[1][2])
+    label_bars(bars, f"{prefix}-shifts-bar")
+    axes.set_yscale("log")
+    axes.set_xlim(-4.7, 4.7)
+    if histogram["off_scale"]:
+        axes.set_title(f"Mass shift against declared ({histogram['off_scale']} off scale)")
     figure.tight_layout()
     return to_svg(figure)
 
@@ -90,12 +86,11 @@ def mass_shifts(prefix, shifts):
 def psms_against_q(prefix, sides, threshold):
     figure, axes = new_axes("PSMs against q-value", "q-value", "target PSMs at or below")
     for side, label, colour in SIDES:
-        q_values = sides[side]["q_values"]
-        (line,) = axes.plot(q_values, range(1, len(q_values) + 1), marker="o", markersize=2.5,
-                            drawstyle="steps-post", label=label, color=colour)
+        curve = sides[side]["q_curve"]
+        (line,) = axes.plot([q for q, _ in curve], [n for _, n in curve], marker="o",
+                            markersize=2.5, drawstyle="steps-post", label=label, color=colour)
         line.set_gid(f"{prefix}-qvalue-{side}-points")
     axes.axvline(threshold, color="#cc3333", linewidth=0.8, linestyle="--")
     axes.legend(frameon=False, loc="lower right")
     figure.tight_layout()
     return to_svg(figure)
-

@@ -116,7 +116,7 @@ def run_section(index, numbers, threshold):
                numbers["mass_shifts"]),
         figure("qvalue", prefix, run,
                plots.psms_against_q(prefix, numbers, threshold),
-               {s: numbers[s]["q_values"] for s in ("declared", "ksieve")}),
+               {s: numbers[s]["q_curve"] for s in ("declared", "ksieve")}),
     ]
     return (f'<section class="run" id="{prefix}" data-run="{html.escape(run, quote=True)}">'
             f"<h2>{html.escape(run)}</h2>"

@@ -17,6 +17,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 from wfcommon import read_json, write_json  # noqa: E402
 
 PROTON = 1.007276
+SHIFT_BIN = 0.02  # daltons: fine enough to part isotope steps (1.003 Da) from 1 Da, coarse enough to pool ppm noise
+SHIFT_VIEW = 4.5  # daltons either side of the declared mass; shifts beyond are counted apart
 
 
 def parse_args():
@@ -63,6 +65,30 @@ def mass_shifts(rows):
     return shifts
 
 
+def shift_histogram(shifts):
+    """Mass shifts pooled in bins of SHIFT_BIN: {bin centre: scans}, and how many lie off scale.
+
+    A project's report holds every run, so each plot keeps a bounded number of marks
+    however many scans the run has.
+    """
+    bins = Counter()
+    for _, shift in shifts:
+        if abs(shift) <= SHIFT_VIEW:
+            bins[f"{round(shift / SHIFT_BIN) * SHIFT_BIN:.2f}"] += 1
+    return {"bins": dict(sorted(bins.items(), key=lambda item: float(item[0]))),
+            "off_scale": sum(1 for _, shift in shifts if abs(shift) > SHIFT_VIEW)}
+
+
+def q_curve(q_values):
+    """[q, target PSMs with a q-value at or below q] at each distinct q-value OpenMS gave."""
+    counts = Counter(q_values)
+    curve, total = [], 0
+    for q in sorted(counts):
+        total += counts[q]
+        curve.append([q, total])
+    return curve
+
+
 def read_psms(path):
     with open(path, encoding="utf-8") as table:
         return list(csv.DictReader(table, delimiter="\t"))
@@ -70,12 +96,11 @@ def read_psms(path):
 
 def side_numbers(all_path, accepted_path):
     accepted = read_psms(accepted_path)
-    q_values = sorted(float(p["q_value"]) for p in read_psms(all_path))
     return {
         "psms": len(accepted),
         "scans": len({p["scan"] for p in accepted}),
         "peptides": len({re.sub(r"\(.*?\)|\.", "", p["sequence"]) for p in accepted}),
-        "q_values": q_values,
+        "q_curve": q_curve([float(p["q_value"]) for p in read_psms(all_path)]),
     }
 
 
@@ -90,7 +115,7 @@ def main():
         "precursors": sum(len(p) for *_, p in rows),
         "precursors_per_scan": Counter(str(len(p)) for *_, p in rows),
         "charges": {"declared": declared_charges, "ksieve": ksieve_charges},
-        "mass_shifts": mass_shifts(rows),
+        "mass_shifts": shift_histogram(mass_shifts(rows)),
         "declared": side_numbers(*args.psms[0:2]),
         "ksieve": side_numbers(*args.psms[2:4]),
         "info": read_json(args.info),
