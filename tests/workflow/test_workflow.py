@@ -196,6 +196,11 @@ class BadInput(unittest.TestCase):
                 self.assertIn(cause, summary[run]["status"])
                 self.assertEqual(summary[run]["psms_ksieve"], "NA")
                 self.assertIn(f"<b>{run}</b>", report)
+        again = run_workflow(runs, DEMO_FASTA, out, "--dry-run", path=self.failing_comet())
+        planned = again.stdout + again.stderr
+        for run in ("broken", "thermo", "cometfail"):
+            self.assertIn(f"run={run}", planned)
+        self.assertNotIn("run=good", planned)
 
     def failing_comet(self):
         """A stand-in for comet-ms that fails on one run's spectra, as Comet does on a bad file."""
