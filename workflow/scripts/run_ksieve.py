@@ -108,6 +108,7 @@ def ksieve(args, log):
     finally:
         if inflated:
             inflated.unlink(missing_ok=True)
+            inflated.parent.rmdir()
     table = outdir / f"{args.run}.csv"
     if not table.is_file():
         raise StageError(f"kSieve wrote no precursor table for {args.input}")

@@ -128,7 +128,7 @@ def search(args, log):
         run_tool(["IDFileConverter", "-in", f"{base}.pep.xml", "-out", f"{base}.idXML"], log)
         found.append(f"{base}.idXML")
     if not found:
-        raise StageError("no MS2 spectra to search (kSieve wrote no MGF)")
+        raise StageError("no MS2 spectra to search: kSieve wrote no MS2 scan for this run")
     merged = work / "merged.idXML"
     if len(found) == 1:
         shutil.copyfile(found[0], merged)
