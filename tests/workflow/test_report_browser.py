@@ -35,9 +35,9 @@ def precursor_table(path):
     return rows
 
 
-def distinct_q_values(path):
+def q_values(path):
     with open(path, encoding="utf-8") as table:
-        return len({float(row["q_value"]) for row in csv.DictReader(table, delimiter="\t")})
+        return [float(row["q_value"]) for row in csv.DictReader(table, delimiter="\t")]
 
 
 class ReportInBrowser(unittest.TestCase):
@@ -98,9 +98,14 @@ class ReportInBrowser(unittest.TestCase):
         shifts = self.values(f"{prefix}-shifts")
         self.assertEqual(sum(shifts["bins"].values()) + shifts["off_scale"], with_charge)
         self.assertEqual(self.bars(f"{prefix}-shifts-bar"), len(shifts["bins"]))
+        curves = self.values(f"{prefix}-qvalue")
         for side in ("declared", "ksieve"):
+            psms = q_values(run_dir / "fdr" / f"{side}_all.tsv")
+            expected = [[q, sum(1 for v in psms if v <= q)] for q, _ in curves[side]]
+            self.assertEqual(curves[side], expected, side)
+            self.assertEqual(curves[side][-1][0], 0.1)
             self.assertEqual(self.marks(f"{prefix}-qvalue-{side}-points", "use"),
-                             distinct_q_values(run_dir / "fdr" / f"{side}_all.tsv"), side)
+                             len(curves[side]), side)
 
     def values(self, figure_id):
         return json.loads(self.driver.find_element(By.ID, figure_id).get_attribute("data-values"))

@@ -126,12 +126,16 @@ class PrecursorTable(unittest.TestCase):
         self.assertEqual(run_table.shift_histogram(shifts),
                          {"bins": {"-2.00": 1, "0.00": 2, "0.96": 1, "1.00": 1}, "off_scale": 2})
 
-    def test_q_curve_counts_psms_at_or_below_each_q_value(self):
-        cases = [([], []), ([0.0, 0.0, 0.0], [[0.0, 3]]),
-                 ([0.02, 0.0, 0.01, 0.0, 0.02], [[0.0, 2], [0.01, 3], [0.02, 5]])]
-        for q_values, curve in cases:
+    def test_q_curve_counts_psms_at_or_below_each_grid_point(self):
+        cases = [([], {0.0: 0, 0.01: 0, 0.1: 0}),
+                 ([0.0, 0.0, 0.0], {0.0: 3, 0.05: 3}),
+                 ([0.02, 0.0, 0.01, 0.0, 0.0105, 0.5], {0.0: 2, 0.009: 2, 0.01: 3, 0.011: 4,
+                                                        0.02: 5, 0.1: 5})]
+        for q_values, expected in cases:
             with self.subTest(q_values):
-                self.assertEqual(run_table.q_curve(q_values), curve)
+                curve = dict(run_table.q_curve(q_values))
+                self.assertEqual(len(curve), 101)
+                self.assertEqual({q: curve[q] for q in expected}, expected)
 
 
 if __name__ == "__main__":

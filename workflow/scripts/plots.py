@@ -88,7 +88,7 @@ def psms_against_q(prefix, sides, threshold):
     for side, label, colour in SIDES:
         curve = sides[side]["q_curve"]
         (line,) = axes.plot([q for q, _ in curve], [n for _, n in curve], marker="o",
-                            markersize=2.5, drawstyle="steps-post", label=label, color=colour)
+                            markersize=1.5, drawstyle="steps-post", label=label, color=colour)
         line.set_gid(f"{prefix}-qvalue-{side}-points")
     axes.axvline(threshold, color="#cc3333", linewidth=0.8, linestyle="--")
     axes.legend(frameon=False, loc="lower right")

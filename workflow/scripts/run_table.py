@@ -7,6 +7,7 @@ distinct amino-acid sequences among the accepted PSMs, modifications ignored.
 """
 
 import argparse
+import bisect
 import csv
 import re
 import sys
@@ -18,6 +19,7 @@ from wfcommon import read_json, write_json  # noqa: E402
 
 PROTON = 1.007276
 SHIFT_BIN = 0.02  # daltons: fine enough to part isotope steps (1.003 Da) from 1 Da, coarse enough to pool ppm noise
+Q_GRID = [i / 1000 for i in range(101)]  # 0 to 0.1 in steps of 0.001
 SHIFT_VIEW = 4.5  # daltons either side of the declared mass; shifts beyond are counted apart
 
 
@@ -80,13 +82,13 @@ def shift_histogram(shifts):
 
 
 def q_curve(q_values):
-    """[q, target PSMs with a q-value at or below q] at each distinct q-value OpenMS gave."""
-    counts = Counter(q_values)
-    curve, total = [], 0
-    for q in sorted(counts):
-        total += counts[q]
-        curve.append([q, total])
-    return curve
+    """[q, target PSMs with a q-value at or below q] on a fixed grid of q from 0 to 0.1.
+
+    The grid keeps the plot the same size for a run of 100 PSMs or 100,000, and
+    covers the range in which an FDR threshold is chosen.
+    """
+    ordered = sorted(q_values)
+    return [[q, bisect.bisect_right(ordered, q)] for q in Q_GRID]
 
 
 def read_psms(path):
