@@ -5,10 +5,16 @@
 #   make install PREFIX=/opt/ksieve
 #               build, then put kSieve, its two companions and IPV.txt together
 #               in PREFIX/bin, from where kSieve runs in any working directory
+#   make workflow INPUT=<folder> FASTA=<file> OUT=<folder> [PROFILE=slurm]
+#               kSieve, Comet and OpenMS FDR on every run of a folder, report in OUT
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
+INPUT ?= data/demo
+FASTA ?= data/demo/bsa_demo.fasta
+OUT ?= results/demo
+PROFILE ?=
 
-.PHONY: demo test deps build install
+.PHONY: demo test deps build install workflow
 
 deps:
 	@bash scripts/install-deps.sh
@@ -32,3 +38,12 @@ test: deps
 	  -DKSIEVE_SANITIZE=ON -DKSIEVE_BUILD_COMPANION=OFF -DKSIEVE_BUILD_BENCH=OFF
 	cmake --build build/sanitize -j $(JOBS)
 	ctest --test-dir build/sanitize --output-on-failure -j $(JOBS)
+
+# Snakemake runs inside OUT, so each output folder keeps its own record of what
+# is done (a rerun redoes only what is missing) and its own lock.
+workflow: build
+	mkdir -p "$(OUT)"
+	snakemake -s "$(abspath workflow/Snakefile)" --directory "$(abspath $(OUT))" \
+	  --cores all --keep-going $(if $(PROFILE),--profile "$(abspath workflow/profiles/$(PROFILE))") \
+	  --config input="$(abspath $(INPUT))" fasta="$(abspath $(FASTA))" out="$(abspath $(OUT))" \
+	  ksieve_bin="$(abspath build/release/bin)"

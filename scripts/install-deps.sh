@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that kSieve needs to build, test and benchmark.
+# Installs the Debian packages that kSieve needs to build, test and benchmark,
+# and that its Snakemake workflow needs to run. (Slurm and munge, for the
+# cluster test only, are installed by scripts/slurm-test.sh when asked.)
 # Idempotent: packages already present are left alone and apt is not touched.
 set -euo pipefail
 
@@ -10,7 +12,10 @@ packages=(
   clang-format                        # formatting check in CI
   libopenms-dev zlib1g-dev            # the mzML/mzXML companion extractor
   qtbase5-dev libboost-dev            # headers that the OpenMS headers include
-  openms                              # reference converter for the companion benchmark
+  openms                              # reference converter; the workflow's FDR tools
+  snakemake comet-ms                  # the workflow (workflow/): engine and search engine
+  python3-matplotlib                  # the workflow report's plots, as inline SVG
+  chromium chromium-driver python3-selenium  # the browser test of the workflow report
 )
 
 missing=()

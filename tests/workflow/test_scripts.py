@@ -1,0 +1,142 @@
+"""The workflow scripts' own rules, case by case, without running the programs."""
+
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
+
+import run_ksieve  # noqa: E402
+import run_table  # noqa: E402
+import search  # noqa: E402
+from wfcommon import StageError, scan_of  # noqa: E402
+
+TEMPLATE = ROOT / "workflow" / "resources" / "comet.params.template"
+SETTINGS = {"decoy_prefix": "DECOY_", "comet": {
+    "common": {"peptide_mass_tolerance": 10.0, "isotope_error": 0},
+    "IT": {"fragment_bin_tol": 1.0005, "fragment_bin_offset": 0.4},
+    "FT": {"fragment_bin_tol": 0.02, "fragment_bin_offset": 0.0}}}
+
+
+def params_of(text):
+    values = {}
+    for line in text.splitlines():
+        if "=" in line and not line.startswith("#"):
+            key, value = line.split("=", 1)
+            values[key.strip()] = value.split("#", 1)[0].strip()
+    return values
+
+
+class SpectrumIdentity(unittest.TestCase):
+    def test_scan_numbers_from_titles_and_comet_names(self):
+        cases = [
+            ("bsa_demo.4021.4021.2.0.dta", 4021),     # kSieve MGF title
+            ("my.run.v2.17.17.3.12.dta", 17),          # dots in the stem
+            ("neg.5.5.-2.1.dta", 5),                   # negative charge
+            ("out_d.00037.00037.3", 37),               # Comet's name for an .ms2 spectrum
+            ("controllerType=0 scan=12", None),
+        ]
+        for reference, scan in cases:
+            with self.subTest(reference):
+                self.assertEqual(scan_of(reference), scan)
+
+
+class FragmentSettings(unittest.TestCase):
+    def test_analyzer_comes_from_the_end_of_the_mgf_key(self):
+        cases = [("run", "run_CIDIT.mgf", "IT"), ("run", "run_HCDFT.mgf", "FT"),
+                 ("a_b", "a_b_ETHCDFT.mgf", "FT"), ("x_IT", "x_IT_ETCIDIT.mgf", "IT")]
+        for run, name, analyzer in cases:
+            with self.subTest(name):
+                self.assertEqual(search.analyzer_of(name, run), analyzer)
+        with self.assertRaisesRegex(StageError, "cannot tell the MS2 analyzer"):
+            search.analyzer_of("run_UVPDXX.mgf", "run")
+
+    def test_parameter_file_gets_the_analyzers_values(self):
+        for analyzer, tolerance, offset in (("IT", "1.0005", "0.4"), ("FT", "0.02", "0.0")):
+            with self.subTest(analyzer):
+                values = params_of(search.comet_parameters(TEMPLATE, SETTINGS, analyzer,
+                                                           "/db/td.fasta", 3))
+                self.assertEqual(values["fragment_bin_tol"], tolerance)
+                self.assertEqual(values["fragment_bin_offset"], offset)
+                self.assertEqual(values["database_name"], "/db/td.fasta")
+                self.assertEqual(values["num_threads"], "3")
+                self.assertEqual(values["num_output_lines"], "1")
+                self.assertEqual(values["decoy_search"], "0")
+
+    def test_an_unknown_parameter_is_refused(self):
+        settings = {**SETTINGS, "comet": {**SETTINGS["comet"], "common": {"fragment_tol": 1}}}
+        with self.assertRaisesRegex(StageError, "no parameter named fragment_tol"):
+            search.comet_parameters(TEMPLATE, settings, "IT", "/db", 1)
+
+
+class DeclaredScans(unittest.TestCase):
+    def test_ms2_cut_keeps_header_and_listed_scans_only(self):
+        ms2 = ("H\tExtractor\tspexor_xml.exe\n"
+               "S\t5\t5\t400.0\nZ\t2\t799.0\n100.0 1.0\n"
+               "S\t6\t6\t500.0\nZ\t2\t999.0\nZ\t3\t1498.0\n200.0 2.0\n"
+               "S\t7\t7\t600.0\nZ\t2\t1199.0\n300.0 3.0\n")
+        with tempfile.TemporaryDirectory() as folder:
+            source, target = Path(folder) / "in.ms2", Path(folder) / "out.ms2"
+            source.write_text(ms2)
+            self.assertEqual(search.cut_ms2(source, {6, 7, 99}, target), 2)
+            self.assertEqual(target.read_text(), "H\tExtractor\tspexor_xml.exe\n"
+                             + ms2[ms2.index("S\t6"):])
+
+
+class CompanionAccount(unittest.TestCase):
+    def test_marker_lines_of_either_form_are_kept_in_order(self):
+        cases = [
+            ("MS1 scans written: 31\nMS2 scans written: 120\n",
+             [["MS1 scans written", "31"], ["MS2 scans written", "120"]]),
+            ("ms2_read\t186\nms2_written_ETHCD\t62\nfaims_cv_values\t0\n",
+             [["ms2_read", "186"], ["ms2_written_ETHCD", "62"], ["faims_cv_values", "0"]]),
+            ("no separator here\n\nms1_read\t3\n", [["ms1_read", "3"]]),
+        ]
+        for text, expected in cases:
+            with self.subTest(text):
+                with tempfile.TemporaryDirectory() as folder:
+                    marker = Path(folder) / "run.spexor"
+                    marker.write_text(text)
+                    self.assertEqual(run_ksieve.marker_counts(marker), expected)
+
+
+class PrecursorTable(unittest.TestCase):
+    HEADER = "ActivationType, InstrumentType, MS2Scan, OrigMZ, OrigCharge, TotleNumOfPrecursor\n"
+
+    def test_rows_and_the_nearest_mass_shift(self):
+        text = self.HEADER + (
+            "CID, IT, 33, 379.146302, 4, 2, 1, 379.145970, 4, 2, 379.145970, 2, \n"
+            "HCD, FT, 40, 500.000000, 2, 1, 1, 500.501682, 2, \n"
+            "HCD, FT, 41, 600.000000, 2, 2, 1, 900.000000, 1, 2, 600.000000, 2, \n")
+        with tempfile.TemporaryDirectory() as folder:
+            table = Path(folder) / "run.csv"
+            table.write_text(text)
+            rows = run_table.precursor_rows(table)
+        self.assertEqual([(r[0], len(r[3])) for r in rows], [(33, 2), (40, 1), (41, 2)])
+        shifts = dict(run_table.mass_shifts(rows))
+        self.assertAlmostEqual(shifts[33], -0.00133, places=4)
+        self.assertAlmostEqual(shifts[40], 1.00336, places=4)   # one isotope peak up
+        self.assertEqual(shifts[41], 0.0)                       # the same ion kept
+
+    def test_shift_histogram_pools_bins_and_counts_off_scale(self):
+        shifts = [[1, 0.004], [2, -0.009], [3, 1.00335], [4, 0.961], [5, -2.0067], [6, 435.2],
+                  [7, -4.6]]
+        self.assertEqual(run_table.shift_histogram(shifts),
+                         {"bins": {"-2.00": 1, "0.00": 2, "0.96": 1, "1.00": 1}, "off_scale": 2})
+
+    def test_q_curve_counts_psms_at_or_below_each_grid_point(self):
+        cases = [([], {0.0: 0, 0.01: 0, 0.1: 0}),
+                 ([0.0, 0.0, 0.0], {0.0: 3, 0.05: 3}),
+                 ([0.02, 0.0, 0.01, 0.0, 0.0105, 0.5], {0.0: 2, 0.009: 2, 0.01: 3, 0.011: 4,
+                                                        0.02: 5, 0.1: 5})]
+        for q_values, expected in cases:
+            with self.subTest(q_values):
+                curve = dict(run_table.q_curve(q_values))
+                self.assertEqual(len(curve), 101)
+                self.assertEqual({q: curve[q] for q in expected}, expected)
+
+
+if __name__ == "__main__":
+    unittest.main()

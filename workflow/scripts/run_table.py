@@ -1,0 +1,128 @@
+"""One run's numbers and plot data, from kSieve's precursor table and the two PSM tables.
+
+Counts: MS2 scans (rows of the precursor table: the scans kSieve wrote, which are
+the scans both searches cover), precursors, and for each side the PSMs, the
+identified MS2 scans and the peptides at the FDR threshold. Peptides are the
+distinct amino-acid sequences among the accepted PSMs, modifications ignored.
+"""
+
+import argparse
+import bisect
+import csv
+import re
+import sys
+from collections import Counter
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from wfcommon import read_json, write_json  # noqa: E402
+
+PROTON = 1.007276
+SHIFT_BIN = 0.02  # daltons: fine enough to part isotope steps (1.003 Da) from 1 Da, coarse enough to pool ppm noise
+Q_GRID = [i / 1000 for i in range(101)]  # 0 to 0.1 in steps of 0.001
+SHIFT_VIEW = 4.5  # daltons either side of the declared mass; shifts beyond are counted apart
+
+
+def parse_args():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--run", required=True)
+    parser.add_argument("--table", required=True, help="kSieve's precursor table")
+    parser.add_argument("--info", required=True)
+    parser.add_argument("--psms", nargs=4, required=True,
+                        metavar=("DECLARED_ALL", "DECLARED_ACCEPTED", "KSIEVE_ALL", "KSIEVE_ACCEPTED"))
+    parser.add_argument("--out", required=True)
+    return parser.parse_args()
+
+
+def precursor_rows(table):
+    """(scan, declared m/z, declared charge, [(m/z, charge), ...]) per row of the table."""
+    rows = []
+    with open(table, encoding="utf-8", errors="replace") as lines:
+        next(lines, None)
+        for line in lines:
+            fields = [f.strip() for f in line.rstrip("\r\n").rstrip(", ").split(",")]
+            if len(fields) < 6:
+                continue
+            precursors = [(float(fields[i + 1]), int(fields[i + 2]))
+                          for i in range(6, len(fields) - 2, 3)]
+            rows.append((int(fields[2]), float(fields[3]), int(fields[4]), precursors))
+    return rows
+
+
+def neutral_mass(mz, charge):
+    return (mz - PROTON) * charge
+
+
+def mass_shifts(rows):
+    """Per scan with a declared charge: kSieve's precursor nearest in mass to the declared one."""
+    shifts = []
+    for scan, mz, charge, precursors in rows:
+        if charge <= 0 or not precursors:
+            continue
+        declared = neutral_mass(mz, charge)
+        nearest = min((neutral_mass(m, z) - declared for m, z in precursors if z > 0),
+                      key=abs, default=None)
+        if nearest is not None:
+            shifts.append([scan, round(nearest, 5)])
+    return shifts
+
+
+def shift_histogram(shifts):
+    """Mass shifts pooled in bins of SHIFT_BIN: {bin centre: scans}, and how many lie off scale.
+
+    A project's report holds every run, so each plot keeps a bounded number of marks
+    however many scans the run has.
+    """
+    bins = Counter()
+    for _, shift in shifts:
+        if abs(shift) <= SHIFT_VIEW:
+            bins[f"{round(shift / SHIFT_BIN) * SHIFT_BIN:.2f}"] += 1
+    return {"bins": dict(sorted(bins.items(), key=lambda item: float(item[0]))),
+            "off_scale": sum(1 for _, shift in shifts if abs(shift) > SHIFT_VIEW)}
+
+
+def q_curve(q_values):
+    """[q, target PSMs with a q-value at or below q] on a fixed grid of q from 0 to 0.1.
+
+    The grid keeps the plot the same size for a run of 100 PSMs or 100,000, and
+    covers the range in which an FDR threshold is chosen.
+    """
+    ordered = sorted(q_values)
+    return [[q, bisect.bisect_right(ordered, q)] for q in Q_GRID]
+
+
+def read_psms(path):
+    with open(path, encoding="utf-8") as table:
+        return list(csv.DictReader(table, delimiter="\t"))
+
+
+def side_numbers(all_path, accepted_path):
+    accepted = read_psms(accepted_path)
+    return {
+        "psms": len(accepted),
+        "scans": len({p["scan"] for p in accepted}),
+        "peptides": len({re.sub(r"\(.*?\)|\.", "", p["sequence"]) for p in accepted}),
+        "q_curve": q_curve([float(p["q_value"]) for p in read_psms(all_path)]),
+    }
+
+
+def main():
+    args = parse_args()
+    rows = precursor_rows(args.table)
+    declared_charges = Counter(str(charge) for _, _, charge, _ in rows)
+    ksieve_charges = Counter(str(z) for *_, precursors in rows for _, z in precursors)
+    write_json(args.out, {
+        "run": args.run,
+        "ms2_scans": len(rows),
+        "precursors": sum(len(p) for *_, p in rows),
+        "precursors_per_scan": Counter(str(len(p)) for *_, p in rows),
+        "charges": {"declared": declared_charges, "ksieve": ksieve_charges},
+        "mass_shifts": shift_histogram(mass_shifts(rows)),
+        "declared": side_numbers(*args.psms[0:2]),
+        "ksieve": side_numbers(*args.psms[2:4]),
+        "info": read_json(args.info),
+    })
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,158 @@
+"""Searches one run's spectra with Comet and indexes the hits against the target-decoy database.
+
+Side "ksieve": every MGF kSieve wrote for the run, one block per precursor. Each
+block keeps its own identity through the search: Comet carries the MGF title
+(<stem>.<scan>.<scan>.<charge>.<index>.dta) into its results, and OpenMS keeps
+it as the spectrum reference, so two co-eluted precursors of one scan and one
+charge stay two spectra and give two PSMs.
+
+Side "declared": the companion's .ms2 file, which holds the precursors the
+instrument declared, cut to the scans of each MGF, so both sides search the
+same scans with the same fragment settings.
+
+The fragment settings follow the MS2 analyzer named at the end of the MGF name
+(`IT` ion trap, `FT` Orbitrap/FT): coarse bins for ion-trap spectra, fine bins
+for high-resolution ones.
+"""
+
+import argparse
+import shutil
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from wfcommon import StageError, read_json, run_stage, run_tool, scan_of  # noqa: E402
+
+
+def parse_args():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--side", choices=["ksieve", "declared"], required=True)
+    parser.add_argument("--run", required=True)
+    parser.add_argument("--run-dir", required=True)
+    parser.add_argument("--ksieve-dir", required=True)
+    parser.add_argument("--info", required=True)
+    parser.add_argument("--database", required=True, help="target-decoy FASTA")
+    parser.add_argument("--settings", required=True, help="search settings (JSON)")
+    parser.add_argument("--template", required=True, help="Comet parameter file to start from")
+    parser.add_argument("--threads", type=int, default=1)
+    parser.add_argument("--out", required=True, help="indexed hits, idXML")
+    parser.add_argument("--log", required=True)
+    return parser.parse_args()
+
+
+def analyzer_of(mgf_name, run):
+    """`IT` or `FT`: the last two letters of the <activation><instrument> key."""
+    key = mgf_name[len(run) + 1:-len(".mgf")]
+    if key[-2:] not in ("IT", "FT"):
+        raise StageError(f"{mgf_name}: cannot tell the MS2 analyzer from '{key}' (expected IT or FT)")
+    return key[-2:]
+
+
+def comet_parameters(template, settings, analyzer, database, threads):
+    """The template with the configured values put in; an unknown key is an error."""
+    values = dict(settings["comet"]["common"])
+    values.update(settings["comet"][analyzer])
+    values.update({"database_name": database, "num_threads": threads, "decoy_search": 0,
+                   "num_output_lines": 1, "output_pepxmlfile": 1, "output_txtfile": 0,
+                   "output_sqtfile": 0, "output_percolatorfile": 0,
+                   "decoy_prefix": settings["decoy_prefix"]})
+    lines, seen = [], set()
+    for line in Path(template).read_text(encoding="utf-8").splitlines():
+        key = line.split("=", 1)[0].strip()
+        if "=" in line and not line.startswith("#") and key in values:
+            comment = line.split("#", 1)[1] if "#" in line else ""
+            line = f"{key} = {values[key]}" + (f"  # {comment.strip()}" if comment else "")
+            seen.add(key)
+        lines.append(line)
+    unknown = sorted(set(values) - seen)
+    if unknown:
+        raise StageError(f"Comet has no parameter named {', '.join(unknown)}")
+    return "\n".join(lines) + "\n"
+
+
+def mgf_scans(mgf):
+    scans = set()
+    with open(mgf, encoding="utf-8", errors="replace") as lines:
+        for line in lines:
+            if line.startswith("TITLE="):
+                scan = scan_of(line[6:].strip())
+                if scan is not None:
+                    scans.add(scan)
+    return scans
+
+
+def cut_ms2(ms2, scans, target):
+    """Copies the header and the scans in `scans` of an .ms2 file; returns how many scans."""
+    kept, keep = 0, True
+    with open(ms2, encoding="utf-8", errors="replace") as source, \
+            open(target, "w", encoding="utf-8") as out:
+        for line in source:
+            if line.startswith("S\t"):
+                fields = line.split("\t")
+                keep = len(fields) > 1 and fields[1].strip().isdigit() and int(fields[1]) in scans
+                kept += keep
+            if keep:
+                out.write(line)
+    return kept
+
+
+def search_inputs(args, work):
+    """(spectrum file, analyzer) pairs for the side, in MGF name order."""
+    run_ksieve_dir = Path(args.ksieve_dir)
+    mgfs = read_json(args.info)["mgf"]
+    if args.side == "ksieve":
+        return [(run_ksieve_dir / name, analyzer_of(name, args.run)) for name in mgfs]
+    ms2 = run_ksieve_dir / f"{args.run}.ms2"
+    pairs = []
+    for name in mgfs:
+        cut = work / (Path(name).stem + "_declared.ms2")
+        if cut_ms2(ms2, mgf_scans(run_ksieve_dir / name), cut):
+            pairs.append((cut, analyzer_of(name, args.run)))
+    return pairs
+
+
+def search(args, log):
+    settings = read_json(args.settings)
+    out = Path(args.out)
+    work = out.parent / f"{args.side}_work"
+    shutil.rmtree(work, ignore_errors=True)
+    work.mkdir(parents=True)
+    found = []
+    for spectra, analyzer in search_inputs(args, work):
+        params = work / f"comet_{analyzer}.params"
+        params.write_text(comet_parameters(args.template, settings, analyzer,
+                                           Path(args.database).resolve(), args.threads),
+                          encoding="utf-8")
+        base = work / spectra.stem
+        run_tool(["comet-ms", f"-P{params}", f"-N{base}", spectra], log)
+        run_tool(["IDFileConverter", "-in", f"{base}.pep.xml", "-out", f"{base}.idXML"], log)
+        found.append(f"{base}.idXML")
+    if not found:
+        raise StageError("no MS2 spectra to search: kSieve wrote no MS2 scan for this run")
+    merged = work / "merged.idXML"
+    if len(found) == 1:
+        shutil.copyfile(found[0], merged)
+    else:
+        run_tool(["IDMerger", "-in", *found, "-out", merged], log)
+    index_hits(args, settings, merged, out, log)
+    shutil.rmtree(work)
+
+
+def index_hits(args, settings, merged, out, log):
+    """Marks each hit target or decoy from the database; a run without hits stays empty."""
+    if "<PeptideHit" not in merged.read_text(encoding="utf-8", errors="replace"):
+        shutil.copyfile(merged, out)
+        return
+    run_tool(["PeptideIndexer", "-in", merged, "-fasta", Path(args.database).resolve(),
+              "-out", out, "-decoy_string", settings["decoy_prefix"],
+              "-decoy_string_position", "prefix", "-enzyme:name", settings["enzyme"],
+              "-enzyme:specificity", "full", "-missing_decoy_action", "warn"], log)
+
+
+def main():
+    args = parse_args()
+    run_stage(args.run, args.run_dir, f"search_{args.side}", args.log, lambda log: search(args, log))
+
+
+if __name__ == "__main__":
+    main()
