@@ -29,6 +29,13 @@ void append_fixed(std::string& text, double value, int digits) {
     text.append(buffer, result.ptr);
 }
 
+// Volts as the file gives them: "-45", "-47.5".
+void append_shortest(std::string& text, double value) {
+    char buffer[32];
+    auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    text.append(buffer, result.ptr);
+}
+
 void append_int(std::string& text, int value) {
     char buffer[16];
     auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
@@ -69,6 +76,11 @@ void append_scan(std::string& text, const ScanRecord& scan, const Options& digit
     append_info(text, "Centroiding");
     text += scan.centroiding;
     text += '\n';
+    if (scan.faims_cv) {
+        append_info(text, "CompensationVoltage");
+        append_shortest(text, *scan.faims_cv);
+        text += '\n';
+    }
     ms2_extra();
     for (const PeakPoint& peak : scan.peaks) {
         append_fixed(text, peak.mz, digits.mz_digits);

@@ -1,0 +1,31 @@
+// The end of a companion run as kSieve sees it: progress lines and the account
+// on standard output, or one line on standard error and exit code 1.
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "spexor.h"
+
+namespace ksieve::spexor {
+
+int convert_and_report(const char* program, const Options& options,
+                       const std::string& source_name) {
+    auto progress = [](const std::string& line) {
+        std::fprintf(stdout, "%s\n", line.c_str());
+        std::fflush(stdout);
+    };
+    try {
+        ScanAccount account = extract_run(options, source_name, progress);
+        std::string text = account_text(account);
+        if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0) {
+            return 1;  // the account did not reach kSieve
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: cannot convert %s: %s\n", program, source_name.c_str(),
+                     error.what());
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace ksieve::spexor

@@ -1,0 +1,801 @@
+// Reading mzML and mzXML runs, plain or gzip-compressed, in one streaming pass:
+// expat parses the XML, zlib decompresses the file and the peak arrays, and
+// ProteoWizard supplies the PSI-MS vocabulary (is-a relations) and the
+// MS-Numpress decoders. Each spectrum is handed on as soon as its element
+// closes, so memory holds one spectrum whatever the length of the run.
+#include <expat.h>
+#include <zlib.h>
+
+#include <pwiz/data/common/cv.hpp>
+#include <pwiz/data/msdata/MSNumpress.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "xml_reader.h"
+
+namespace ksieve::spexor {
+namespace {
+
+namespace cv = pwiz::cv;
+
+constexpr unsigned kChunkBytes = 1 << 20;
+
+enum class Context {
+    kOther,
+    kSpectrum,
+    kScan,
+    kPrecursor,
+    kIsolation,
+    kSelectedIon,
+    kActivation,
+    kArray,
+    kAnalyzer,
+    kParamGroup,
+    kMzxmlScan,
+};
+
+struct Param {
+    std::string accession;
+    std::string value;
+    std::string unit;
+};
+
+// How one binary data array is stored.
+struct ArrayForm {
+    enum Kind { kIgnored, kMz, kIntensity } kind = kIgnored;
+    int bytes = 8;  // 4 or 8
+    bool integer = false;
+    bool zlib = false;
+    char numpress = 0;  // 'l'inear, 'p'ic, 's'lof, or 0
+    long long length = -1;
+};
+
+bool is_a(cv::CVID term, cv::CVID parent) {
+    return term == parent || cv::cvIsA(term, parent);
+}
+
+cv::CVID term_of(const std::string& accession) {
+    return cv::cvTermInfo(accession).cvid;
+}
+
+void add_analyzer(RunAnalyzers& analyzers, cv::CVID kind) {
+    if (is_a(kind, cv::MS_orbitrap) ||
+        is_a(kind, cv::MS_fourier_transform_ion_cyclotron_resonance_mass_spectrometer)) {
+        analyzers.fourier_transform = true;
+    } else if (is_a(kind, cv::MS_time_of_flight)) {
+        analyzers.time_of_flight = true;
+    } else if (is_a(kind, cv::MS_ion_trap)) {
+        analyzers.ion_trap = true;
+    }
+}
+
+// mzXML names analyzers in free text ("FTMS", "orbitrap", "ITMS", "TOF").
+void add_mzxml_analyzer(RunAnalyzers& analyzers, std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (text.find("orbitrap") != std::string::npos || text.find("ft") != std::string::npos ||
+        text.find("icr") != std::string::npos) {
+        analyzers.fourier_transform = true;
+    } else if (text.find("tof") != std::string::npos) {
+        analyzers.time_of_flight = true;
+    } else if (text.find("trap") != std::string::npos || text.find("it") == 0) {
+        analyzers.ion_trap = true;
+    }
+}
+
+// A method's short name as the vocabulary gives it: its shortest one-word
+// synonym ("ECD", "IRMPD"), else its name with blanks as underscores.
+std::string short_name_of(cv::CVID method) {
+    const cv::CVTermInfo& info = cv::cvTermInfo(method);
+    std::string best;
+    for (const std::string& synonym : info.exactSynonyms) {
+        if (synonym.find(' ') == std::string::npos &&
+            (best.empty() || synonym.size() < best.size())) {
+            best = synonym;
+        }
+    }
+    if (best.empty()) {
+        best = info.name;
+        std::replace(best.begin(), best.end(), ' ', '_');
+    }
+    return best;
+}
+
+void add_activation_term(ActivationTerms& terms, const std::string& accession) {
+    const cv::CVID id = term_of(accession);
+    if (id == cv::MS_supplemental_beam_type_collision_induced_dissociation) {
+        terms.supplemental_beam_type = true;
+    } else if (id == cv::MS_supplemental_collision_induced_dissociation) {
+        terms.supplemental_collision = true;
+    } else if (id == cv::MS_supplemental_collision_energy) {
+        terms.supplemental_energy = true;
+    } else if (id == cv::MS_EThcD) {
+        terms.ethcd = true;
+    } else if (is_a(id, cv::MS_electron_transfer_dissociation)) {
+        terms.electron_transfer = true;
+    } else if (is_a(id, cv::MS_beam_type_collision_induced_dissociation)) {
+        terms.beam_type = true;
+    } else if (is_a(id, cv::MS_collision_induced_dissociation) ||
+               is_a(id, cv::MS_low_energy_collision_induced_dissociation)) {
+        // Low-energy CID stands beside CID in the vocabulary, not under it.
+        terms.collision = true;
+    } else if (is_a(id, cv::MS_dissociation_method) && terms.other.empty()) {
+        terms.other = short_name_of(id);
+    }
+}
+
+double to_double(const std::string& text, const char* what) {
+    char* end = nullptr;
+    errno = 0;
+    double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || end == text.c_str() || errno == ERANGE) {
+        throw std::runtime_error(std::string("unreadable ") + what + " \"" + text + "\"");
+    }
+    return value;
+}
+
+int to_int(const std::string& text, const char* what) {
+    double value = to_double(text, what);
+    if (value < -1e6 || value > 1e6) {
+        throw std::runtime_error(std::string("unreadable ") + what + " \"" + text + "\"");
+    }
+    return static_cast<int>(value);
+}
+
+// mzXML retention times are xs:duration values such as "PT1000.14828S".
+double duration_seconds(const std::string& text) {
+    if (text.size() < 3 || text.compare(0, 2, "PT") != 0) {
+        return to_double(text, "retention time");
+    }
+    double seconds = 0.0;
+    std::size_t at = 2;
+    while (at < text.size()) {
+        std::size_t end = text.find_first_of("HMS", at);
+        if (end == std::string::npos) {
+            throw std::runtime_error("unreadable retention time \"" + text + "\"");
+        }
+        double value = to_double(text.substr(at, end - at), "retention time");
+        seconds += value * (text[end] == 'H' ? 3600.0 : text[end] == 'M' ? 60.0 : 1.0);
+        at = end + 1;
+    }
+    return seconds;
+}
+
+// Decodes strict base64 (blanks and line ends allowed between groups).
+void decode_base64(std::string_view text, std::vector<unsigned char>& out) {
+    static const auto table = [] {
+        std::array<signed char, 256> t{};
+        t.fill(-1);
+        const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        for (int i = 0; i < 64; ++i) {
+            t[static_cast<unsigned char>(alphabet[i])] = static_cast<signed char>(i);
+        }
+        return t;
+    }();
+    out.clear();
+    out.reserve(text.size() / 4 * 3);
+    unsigned buffer = 0;
+    int bits = 0;
+    std::size_t padding = 0;
+    std::size_t symbols = 0;
+    for (char c : text) {
+        if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
+            continue;
+        }
+        if (c == '=') {
+            ++padding;
+            ++symbols;
+            continue;
+        }
+        int value = table[static_cast<unsigned char>(c)];
+        if (value < 0 || padding > 0) {
+            throw std::runtime_error("bad base64 in a peak array");
+        }
+        ++symbols;
+        buffer = (buffer << 6) | static_cast<unsigned>(value);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out.push_back(static_cast<unsigned char>((buffer >> bits) & 0xFF));
+        }
+    }
+    if (symbols % 4 != 0 || padding > 2) {
+        throw std::runtime_error("bad base64 in a peak array (length not a multiple of 4)");
+    }
+}
+
+void inflate_all(const std::vector<unsigned char>& in, std::vector<unsigned char>& out) {
+    z_stream stream{};
+    if (inflateInit(&stream) != Z_OK) {
+        throw std::runtime_error("cannot start zlib");
+    }
+    out.resize(std::max<std::size_t>(in.size() * 4, 1024));
+    stream.next_in = const_cast<unsigned char*>(in.data());
+    stream.avail_in = static_cast<uInt>(in.size());
+    int status = Z_OK;
+    while (status == Z_OK) {
+        if (stream.total_out == out.size()) {
+            out.resize(out.size() * 2);
+        }
+        stream.next_out = out.data() + stream.total_out;
+        stream.avail_out = static_cast<uInt>(out.size() - stream.total_out);
+        status = inflate(&stream, Z_NO_FLUSH);
+        if (status == Z_BUF_ERROR && stream.avail_out > 0) {
+            break;  // input ended before the stream did
+        }
+        if (status == Z_BUF_ERROR) {
+            status = Z_OK;
+        }
+    }
+    out.resize(stream.total_out);
+    inflateEnd(&stream);
+    if (status != Z_STREAM_END) {
+        throw std::runtime_error("bad zlib compression in a peak array");
+    }
+}
+
+// Little-endian (mzML) or network-order (mzXML) numbers of `bytes` each.
+void unpack_numbers(const std::vector<unsigned char>& raw, int bytes, bool integer, bool big_endian,
+                    std::vector<double>& out) {
+    if (raw.size() % static_cast<std::size_t>(bytes) != 0) {
+        throw std::runtime_error("a peak array's size is not a whole number of values");
+    }
+    const std::size_t count = raw.size() / static_cast<std::size_t>(bytes);
+    out.resize(count);
+    unsigned char word[8];
+    for (std::size_t i = 0; i < count; ++i) {
+        const unsigned char* at = raw.data() + i * static_cast<std::size_t>(bytes);
+        for (int b = 0; b < bytes; ++b) {
+            word[b] = big_endian ? at[bytes - 1 - b] : at[b];
+        }
+        if (bytes == 8) {
+            if (integer) {
+                std::int64_t v;
+                std::memcpy(&v, word, 8);
+                out[i] = static_cast<double>(v);
+            } else {
+                double v;
+                std::memcpy(&v, word, 8);
+                out[i] = v;
+            }
+        } else if (integer) {
+            std::int32_t v;
+            std::memcpy(&v, word, 4);
+            out[i] = v;
+        } else {
+            float v;
+            std::memcpy(&v, word, 4);
+            out[i] = v;
+        }
+    }
+}
+
+}  // namespace
+
+// ---- the parser state -----------------------------------------------------------
+
+struct XmlReader::State {
+    XML_Parser parser = nullptr;
+    SpectrumSink* sink = nullptr;
+    std::exception_ptr failure;  // set when a handler stops the parse
+    bool mzxml = false;
+
+    std::vector<Context> contexts;
+    std::map<std::string, std::vector<Param>> param_groups;
+    std::string group_id;
+    std::map<std::string, RunAnalyzers> configs;
+    std::string config_id;
+    std::string default_config;
+    RunDescription run;
+
+    RawSpectrum spectrum;
+    bool in_spectrum = false;
+    int precursors = 0;
+    ArrayForm array;
+    bool collecting = false;
+    std::string text;
+    std::vector<unsigned char> bytes, inflated;
+    std::vector<double> values;
+
+    // mzXML
+    std::vector<RawSpectrum> open_scans;  // nested scans, outermost first
+    std::string mzxml_centroided;         // the run's dataProcessing default
+    std::map<std::string, std::string> peaks_attributes, precursor_attributes;
+};
+
+namespace {
+
+using State = XmlReader::State;
+
+std::string local_name(const XML_Char* name) {
+    std::string_view full(name);
+    std::size_t colon = full.rfind(':');
+    return std::string(colon == std::string_view::npos ? full : full.substr(colon + 1));
+}
+
+const char* attribute(const XML_Char** attributes, const char* key) {
+    for (int i = 0; attributes[i] != nullptr; i += 2) {
+        if (std::strcmp(attributes[i], key) == 0) {
+            return attributes[i + 1];
+        }
+    }
+    return nullptr;
+}
+
+std::string attribute_or(const XML_Char** attributes, const char* key, const char* fallback) {
+    const char* value = attribute(attributes, key);
+    return value != nullptr ? value : fallback;
+}
+
+// What every spectrum carries about the run, once its configurations are known.
+void describe_run(State& s) {
+    s.run = RunDescription{};
+    for (const auto& [id, analyzers] : s.configs) {
+        s.run.analyzers.fourier_transform |= analyzers.fourier_transform;
+        s.run.analyzers.time_of_flight |= analyzers.time_of_flight;
+        s.run.analyzers.ion_trap |= analyzers.ion_trap;
+    }
+    s.run.several_configurations = s.configs.size() > 1;
+}
+
+void spectrum_param(State& s, const Param& p) {
+    RawSpectrum& sp = s.spectrum;
+    if (p.accession == "MS:1000511") {
+        sp.ms_level = to_int(p.value, "MS level");
+    } else if (p.accession == "MS:1000128") {
+        sp.profile = true;
+    } else if (p.accession == "MS:1000016") {
+        double value = to_double(p.value, "scan start time");
+        bool minutes = p.unit == "UO:0000031" || p.unit == "MS:1000038";
+        sp.rt_seconds = minutes ? value * 60.0 : value;
+    } else if (p.accession == "MS:1000927") {
+        sp.injection_ms = to_double(p.value, "ion injection time");
+    } else if (p.accession == "MS:1000512") {
+        sp.filter = p.value;
+    } else if (p.accession == "MS:1001581") {
+        sp.faims_cv = to_double(p.value, "compensation voltage");
+    }
+}
+
+void array_param(ArrayForm& a, const std::string& accession) {
+    static const std::map<std::string, void (*)(ArrayForm&)> kForms = {
+        {"MS:1000514", [](ArrayForm& f) { f.kind = ArrayForm::kMz; }},
+        {"MS:1000515", [](ArrayForm& f) { f.kind = ArrayForm::kIntensity; }},
+        {"MS:1000521", [](ArrayForm& f) { f.bytes = 4, f.integer = false; }},
+        {"MS:1000523", [](ArrayForm& f) { f.bytes = 8, f.integer = false; }},
+        {"MS:1000519", [](ArrayForm& f) { f.bytes = 4, f.integer = true; }},
+        {"MS:1000522", [](ArrayForm& f) { f.bytes = 8, f.integer = true; }},
+        {"MS:1000574", [](ArrayForm& f) { f.zlib = true; }},
+        {"MS:1002312", [](ArrayForm& f) { f.numpress = 'l'; }},
+        {"MS:1002313", [](ArrayForm& f) { f.numpress = 'p'; }},
+        {"MS:1002314", [](ArrayForm& f) { f.numpress = 's'; }},
+        {"MS:1002746", [](ArrayForm& f) { f.numpress = 'l', f.zlib = true; }},
+        {"MS:1002747", [](ArrayForm& f) { f.numpress = 'p', f.zlib = true; }},
+        {"MS:1002748", [](ArrayForm& f) { f.numpress = 's', f.zlib = true; }},
+    };
+    auto form = kForms.find(accession);
+    if (form != kForms.end()) {
+        form->second(a);
+    }
+}
+
+void handle_param(State& s, const Param& p) {
+    switch (s.contexts.empty() ? Context::kOther : s.contexts.back()) {
+        case Context::kSpectrum:
+        case Context::kScan:
+            spectrum_param(s, p);
+            break;
+        case Context::kIsolation:
+            if (s.precursors == 1 && p.accession == "MS:1000827") {
+                s.spectrum.isolation_target = to_double(p.value, "isolation target");
+            }
+            break;
+        case Context::kSelectedIon: {
+            RawSpectrum::Ion& ion = s.spectrum.ions.back();
+            if (p.accession == "MS:1000744" || p.accession == "MS:1000040") {
+                ion.mz = to_double(p.value, "selected ion m/z");
+            } else if (p.accession == "MS:1000041") {
+                ion.charge = to_int(p.value, "charge state");
+            } else if (p.accession == "MS:1000633") {
+                ion.possible_charges.push_back(to_int(p.value, "possible charge state"));
+            }
+            break;
+        }
+        case Context::kActivation:
+            if (s.precursors == 1) {
+                add_activation_term(s.spectrum.activation, p.accession);
+            }
+            break;
+        case Context::kArray:
+            array_param(s.array, p.accession);
+            break;
+        case Context::kAnalyzer:
+            add_analyzer(s.configs[s.config_id], term_of(p.accession));
+            break;
+        case Context::kParamGroup:
+            s.param_groups[s.group_id].push_back(p);
+            break;
+        default:
+            break;
+    }
+}
+
+void decode_array(State& s) {
+    const ArrayForm& a = s.array;
+    if (a.kind == ArrayForm::kIgnored) {
+        return;
+    }
+    std::vector<double>& out = a.kind == ArrayForm::kMz ? s.spectrum.mz : s.spectrum.intensity;
+    decode_base64(s.text, s.bytes);
+    const std::vector<unsigned char>* raw = &s.bytes;
+    // An empty array is stored as nothing, compressed or not.
+    if (a.zlib && !s.bytes.empty()) {
+        inflate_all(s.bytes, s.inflated);
+        raw = &s.inflated;
+    }
+    if (raw->empty()) {
+        out.clear();
+    } else if (a.numpress == 0) {
+        unpack_numbers(*raw, a.bytes, a.integer, false, out);
+    } else {
+        namespace np = pwiz::msdata::MSNumpress;
+        out.resize(raw->size() * 2 + 8);
+        std::size_t n = a.numpress == 'l'   ? np::decodeLinear(raw->data(), raw->size(), out.data())
+                        : a.numpress == 'p' ? np::decodePic(raw->data(), raw->size(), out.data())
+                                            : np::decodeSlof(raw->data(), raw->size(), out.data());
+        out.resize(n);
+    }
+    const long long expected = a.length >= 0 ? a.length : s.spectrum.declared_length;
+    if (static_cast<long long>(out.size()) != expected) {
+        throw std::runtime_error("spectrum " + s.spectrum.id + " has a peak array of " +
+                                 std::to_string(out.size()) + " values where it declares " +
+                                 std::to_string(expected));
+    }
+}
+
+void start_mzml(State& s, const std::string& name, const XML_Char** attributes) {
+    Context context = Context::kOther;
+    if (name == "cvParam") {
+        handle_param(
+            s, {attribute_or(attributes, "accession", ""), attribute_or(attributes, "value", ""),
+                attribute_or(attributes, "unitAccession", "")});
+    } else if (name == "userParam") {
+        // Some writers put vocabulary terms in user parameters named by accession.
+        std::string term = attribute_or(attributes, "name", "");
+        if (term == "filter string") {
+            term = "MS:1000512";
+        }
+        if (term.compare(0, 3, "MS:") == 0) {
+            handle_param(s, {term, attribute_or(attributes, "value", ""),
+                             attribute_or(attributes, "unitAccession", "")});
+        }
+    } else if (name == "referenceableParamGroupRef") {
+        auto group = s.param_groups.find(attribute_or(attributes, "ref", ""));
+        if (group != s.param_groups.end()) {
+            for (const Param& p : group->second) {
+                handle_param(s, p);
+            }
+        }
+    } else if (name == "spectrum") {
+        s.spectrum = RawSpectrum{};
+        s.spectrum.id = attribute_or(attributes, "id", "");
+        s.spectrum.declared_length =
+            to_int(attribute_or(attributes, "defaultArrayLength", "0"), "defaultArrayLength");
+        s.spectrum.config_analyzers = s.configs[s.default_config];
+        s.spectrum.run = s.run;
+        s.precursors = 0;
+        s.in_spectrum = true;
+        context = Context::kSpectrum;
+    } else if (name == "scan" && s.in_spectrum) {
+        const char* config = attribute(attributes, "instrumentConfigurationRef");
+        if (config != nullptr) {
+            s.spectrum.config_analyzers = s.configs[config];
+        }
+        context = Context::kScan;
+    } else if (name == "precursor" && s.in_spectrum) {
+        if (++s.precursors == 1) {
+            s.spectrum.has_precursor = true;
+            s.spectrum.precursor_ref = attribute_or(attributes, "spectrumRef", "");
+        }
+        context = Context::kPrecursor;
+    } else if (name == "isolationWindow" && s.contexts.back() == Context::kPrecursor) {
+        context = Context::kIsolation;
+    } else if (name == "selectedIon" && s.precursors > 0) {
+        s.spectrum.ions.emplace_back();
+        context = Context::kSelectedIon;
+    } else if (name == "activation" && s.contexts.back() == Context::kPrecursor) {
+        context = Context::kActivation;
+    } else if (name == "binaryDataArray" && s.in_spectrum) {
+        s.array = ArrayForm{};
+        const char* length = attribute(attributes, "arrayLength");
+        s.array.length = length != nullptr ? to_int(length, "arrayLength") : -1;
+        context = Context::kArray;
+    } else if (name == "binary" && s.contexts.back() == Context::kArray) {
+        s.collecting = true;
+        s.text.clear();
+    } else if (name == "referenceableParamGroup") {
+        s.group_id = attribute_or(attributes, "id", "");
+        context = Context::kParamGroup;
+    } else if (name == "instrumentConfiguration") {
+        s.config_id = attribute_or(attributes, "id", "");
+        s.configs[s.config_id];
+    } else if (name == "analyzer") {
+        context = Context::kAnalyzer;
+    } else if (name == "run") {
+        s.default_config = attribute_or(attributes, "defaultInstrumentConfigurationRef", "");
+        describe_run(s);
+    }
+    s.contexts.push_back(context);
+}
+
+void end_mzml(State& s, const std::string& name) {
+    Context context = s.contexts.back();
+    s.contexts.pop_back();
+    if (name == "binary" && s.collecting) {
+        s.collecting = false;
+        decode_array(s);
+    } else if (context == Context::kSpectrum) {
+        s.in_spectrum = false;
+        s.sink->spectrum(s.spectrum);
+    }
+}
+
+// ---- mzXML ------------------------------------------------------------------------
+
+// activationMethod values as mzXML writers spell them.
+ActivationTerms mzxml_activation(std::string method) {
+    std::transform(method.begin(), method.end(), method.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    ActivationTerms terms;
+    if (method == "CID" || method == "LCID" || method == "TRAP") {
+        terms.collision = true;
+    } else if (method == "HCD" || method == "HCID" || method == "BEAM") {
+        terms.beam_type = true;
+    } else if (method == "ETD") {
+        terms.electron_transfer = true;
+    } else if (method == "ETD+SA" || method == "ETDSA") {
+        terms.electron_transfer = true;
+        terms.supplemental_energy = true;
+    } else if (method == "ETHCD") {
+        terms.ethcd = true;
+    } else if (method == "ETCID") {
+        terms.electron_transfer = true;
+        terms.supplemental_collision = true;
+    } else if (!method.empty()) {
+        terms.other = method;
+    }
+    return terms;
+}
+
+void start_mzxml_scan(State& s, const XML_Char** attributes) {
+    if (s.open_scans.empty()) {
+        describe_run(s);
+    }
+    RawSpectrum scan;
+    scan.id = "scan=" + attribute_or(attributes, "num", "");
+    scan.ms_level = to_int(attribute_or(attributes, "msLevel", "0"), "msLevel");
+    scan.declared_length = to_int(attribute_or(attributes, "peaksCount", "0"), "peaksCount");
+    const char* rt = attribute(attributes, "retentionTime");
+    scan.rt_seconds = rt != nullptr ? duration_seconds(rt) : 0.0;
+    scan.filter = attribute_or(attributes, "filterLine", "");
+    std::string centroided = attribute_or(attributes, "centroided", s.mzxml_centroided.c_str());
+    scan.profile = centroided == "0";
+    const char* voltage = attribute(attributes, "compensationVoltage");
+    if (voltage != nullptr) {
+        scan.faims_cv = to_double(voltage, "compensation voltage");
+    }
+    const char* instrument = attribute(attributes, "msInstrumentID");
+    scan.config_analyzers = s.configs[instrument != nullptr ? instrument : ""];
+    scan.run = s.run;
+    s.open_scans.push_back(std::move(scan));
+}
+
+void start_mzxml(State& s, const std::string& name, const XML_Char** attributes) {
+    if (name == "msInstrument") {
+        s.config_id = attribute_or(attributes, "msInstrumentID", "");
+        s.configs[s.config_id];
+    } else if (name == "msMassAnalyzer") {
+        add_mzxml_analyzer(s.configs[s.config_id], attribute_or(attributes, "value", ""));
+    } else if (name == "dataProcessing") {
+        s.mzxml_centroided = attribute_or(attributes, "centroided", s.mzxml_centroided.c_str());
+    } else if (name == "scan") {
+        start_mzxml_scan(s, attributes);
+    } else if ((name == "precursorMz" || name == "peaks") && !s.open_scans.empty()) {
+        auto& kept = name == "peaks" ? s.peaks_attributes : s.precursor_attributes;
+        kept.clear();
+        for (int i = 0; attributes[i] != nullptr; i += 2) {
+            kept[attributes[i]] = attributes[i + 1];
+        }
+        s.collecting = true;
+        s.text.clear();
+    }
+}
+
+std::string kept_or(const std::map<std::string, std::string>& kept, const char* key,
+                    const char* fallback) {
+    auto found = kept.find(key);
+    return found != kept.end() ? found->second : fallback;
+}
+
+void end_mzxml_precursor(State& s) {
+    RawSpectrum& scan = s.open_scans.back();
+    const auto& a = s.precursor_attributes;
+    RawSpectrum::Ion ion;
+    ion.mz = to_double(s.text, "precursor m/z");
+    ion.charge = to_int(kept_or(a, "precursorCharge", "0"), "precursorCharge");
+    std::string possible = kept_or(a, "possibleCharges", "");
+    for (std::size_t at = 0; at < possible.size();) {
+        std::size_t end = possible.find(',', at);
+        end = end == std::string::npos ? possible.size() : end;
+        ion.possible_charges.push_back(to_int(possible.substr(at, end - at), "possibleCharges"));
+        at = end + 1;
+    }
+    if (!scan.has_precursor) {
+        scan.has_precursor = true;
+        std::string parent = kept_or(a, "precursorScanNum", "");
+        scan.precursor_ref = parent.empty() ? "" : "scan=" + parent;
+        scan.activation = mzxml_activation(kept_or(a, "activationMethod", ""));
+    }
+    scan.ions.push_back(std::move(ion));
+}
+
+void end_mzxml_peaks(State& s) {
+    RawSpectrum& scan = s.open_scans.back();
+    const auto& a = s.peaks_attributes;
+    const int bits = to_int(kept_or(a, "precision", "32"), "precision");
+    if (bits != 32 && bits != 64) {
+        throw std::runtime_error("peaks of precision " + std::to_string(bits) + " in " + scan.id);
+    }
+    decode_base64(s.text, s.bytes);
+    const std::vector<unsigned char>* raw = &s.bytes;
+    if (kept_or(a, "compressionType", "none") == "zlib") {
+        inflate_all(s.bytes, s.inflated);
+        raw = &s.inflated;
+    }
+    unpack_numbers(*raw, bits / 8, false, true, s.values);
+    if (s.values.size() % 2 != 0 ||
+        static_cast<long long>(s.values.size() / 2) != scan.declared_length) {
+        throw std::runtime_error(scan.id + " has " + std::to_string(s.values.size()) +
+                                 " numbers in its peaks where it declares " +
+                                 std::to_string(scan.declared_length) + " pairs");
+    }
+    scan.mz.resize(s.values.size() / 2);
+    scan.intensity.resize(s.values.size() / 2);
+    for (std::size_t i = 0; i < scan.mz.size(); ++i) {
+        scan.mz[i] = s.values[2 * i];
+        scan.intensity[i] = s.values[2 * i + 1];
+    }
+    // Every property of a scan comes before its peaks; nested scans follow.
+    s.sink->spectrum(scan);
+}
+
+void end_mzxml(State& s, const std::string& name) {
+    if (name == "precursorMz" && s.collecting) {
+        s.collecting = false;
+        end_mzxml_precursor(s);
+    } else if (name == "peaks" && s.collecting) {
+        s.collecting = false;
+        end_mzxml_peaks(s);
+    } else if (name == "scan" && !s.open_scans.empty()) {
+        s.open_scans.pop_back();
+    }
+}
+
+// ---- expat callbacks ------------------------------------------------------------
+
+template <typename Step>
+void guarded(State& s, Step step) {
+    if (s.failure) {
+        return;
+    }
+    // Nothing may unwind through the parser's C frames: the fault is kept
+    // and raised again once the parser has returned.
+    try {
+        step();
+    } catch (...) {
+        s.failure = std::current_exception();
+        XML_StopParser(s.parser, XML_FALSE);
+    }
+}
+
+void XMLCALL on_start(void* data, const XML_Char* name, const XML_Char** attributes) {
+    State& s = *static_cast<State*>(data);
+    guarded(s, [&] {
+        std::string local = local_name(name);
+        if (s.contexts.empty() && s.open_scans.empty() && (local == "mzXML" || local == "msRun")) {
+            s.mzxml = true;
+        }
+        if (s.mzxml) {
+            start_mzxml(s, local, attributes);
+        } else {
+            start_mzml(s, local, attributes);
+        }
+    });
+}
+
+void XMLCALL on_end(void* data, const XML_Char* name) {
+    State& s = *static_cast<State*>(data);
+    guarded(s, [&] {
+        if (s.mzxml) {
+            end_mzxml(s, local_name(name));
+        } else {
+            end_mzml(s, local_name(name));
+        }
+    });
+}
+
+void XMLCALL on_text(void* data, const XML_Char* text, int length) {
+    State& s = *static_cast<State*>(data);
+    if (s.collecting) {
+        s.text.append(text, static_cast<std::size_t>(length));
+    }
+}
+
+void XMLCALL on_doctype(void* data, const XML_Char*, const XML_Char*, const XML_Char*, int) {
+    State& s = *static_cast<State*>(data);
+    s.failure = std::make_exception_ptr(std::runtime_error(
+        "the file declares a document type (<!DOCTYPE), which can define entities; entities "
+        "are never resolved, so the file is refused"));
+    XML_StopParser(s.parser, XML_FALSE);
+}
+
+}  // namespace
+
+XmlReader::XmlReader() : m_state(std::make_unique<State>()) {}
+XmlReader::~XmlReader() = default;
+
+void XmlReader::read(const std::string& path, SpectrumSink& sink) {
+    State& s = *m_state;
+    s = State{};
+    s.sink = &sink;
+    gzFile file = gzopen(path.c_str(), "rb");  // reads plain files as they are
+    if (file == nullptr) {
+        throw std::runtime_error(std::string("cannot open the file: ") +
+                                 std::strerror(errno != 0 ? errno : ENOMEM));
+    }
+    gzbuffer(file, kChunkBytes);
+    std::unique_ptr<gzFile_s, int (*)(gzFile)> closer(file, gzclose);
+    std::unique_ptr<XML_ParserStruct, void (*)(XML_Parser)> parser(XML_ParserCreate(nullptr),
+                                                                   XML_ParserFree);
+    if (!parser) {
+        throw std::runtime_error("cannot start the XML parser");
+    }
+    s.parser = parser.get();
+    XML_SetUserData(s.parser, &s);
+    XML_SetElementHandler(s.parser, on_start, on_end);
+    XML_SetCharacterDataHandler(s.parser, on_text);
+    XML_SetStartDoctypeDeclHandler(s.parser, on_doctype);
+    XML_SetParamEntityParsing(s.parser, XML_PARAM_ENTITY_PARSING_NEVER);
+    for (bool last = false; !last;) {
+        void* buffer = XML_GetBuffer(s.parser, static_cast<int>(kChunkBytes));
+        if (buffer == nullptr) {
+            throw std::runtime_error("out of memory while parsing");
+        }
+        int got = gzread(file, buffer, kChunkBytes);
+        if (got < 0) {
+            int code = 0;
+            throw std::runtime_error(std::string("cannot read the file: ") + gzerror(file, &code));
+        }
+        last = got == 0;
+        if (XML_ParseBuffer(s.parser, got, last) != XML_STATUS_OK) {
+            if (s.failure) {
+                std::rethrow_exception(s.failure);
+            }
+            throw std::runtime_error(std::string("not well-formed XML at line ") +
+                                     std::to_string(XML_GetCurrentLineNumber(s.parser)) + ": " +
+                                     XML_ErrorString(XML_GetErrorCode(s.parser)));
+        }
+    }
+}
+
+}  // namespace ksieve::spexor
