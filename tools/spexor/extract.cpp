@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "pipe.h"
 #include "spexor.h"
 #include "xml_reader.h"
 
@@ -34,6 +35,8 @@ bool has_analyzers(RunAnalyzers analyzers) {
     return analyzers.fourier_transform || analyzers.time_of_flight || analyzers.ion_trap;
 }
 
+// The reading thread hands each spectrum over; the pipe's thread decodes,
+// converts, formats and writes it.
 class Converter : public SpectrumSink {
   public:
     Converter(const Options& options, OutputPair& output, bool native_numbers,
@@ -42,12 +45,14 @@ class Converter : public SpectrumSink {
           m_output(output),
           m_numbering(native_numbers),
           m_progress(progress),
-          m_picker(kPickerMinSnr, 0, kPickerPeakSpace) {}
+          m_picker(kPickerMinSnr, 0, kPickerPeakSpace),
+          m_pipe([this](RawSpectrum& spectrum) { convert(spectrum); }) {}
 
-    void spectrum(RawSpectrum& spectrum) override;
+    void spectrum(RawSpectrum& spectrum) override { m_pipe.put(spectrum); }
     ScanAccount finish();
 
   private:
+    void convert(RawSpectrum& spectrum);
     void fill_precursor(const RawSpectrum& spectrum);
     void fill_words(const RawSpectrum& spectrum, int level);
     void fill_peaks(RawSpectrum& spectrum, int level);
@@ -65,10 +70,12 @@ class Converter : public SpectrumSink {
     bool m_inferred = false;
     std::size_t m_position = 0;
     std::vector<double> m_picked_mz, m_picked_intensity;
+    PeakDecoder m_decoder;
     std::string m_ms1_text, m_ms2_text;
+    Pipe<RawSpectrum> m_pipe;  // last: its thread stops before the rest goes
 };
 
-void Converter::spectrum(RawSpectrum& spectrum) {
+void Converter::convert(RawSpectrum& spectrum) {
     const std::size_t position = m_position++;
     if ((position + 1) % kProgressEvery == 0) {
         m_progress("Converted " + std::to_string(position + 1) + " spectra");
@@ -100,6 +107,7 @@ void Converter::spectrum(RawSpectrum& spectrum) {
         fill_precursor(spectrum);
     }
     fill_words(spectrum, level);
+    m_decoder.decode(spectrum);
     fill_peaks(spectrum, level);
     if (m_record.peaks.empty()) {
         // A scan without peaks cannot stand in the pair: the reader would pass
@@ -197,6 +205,7 @@ void Converter::write(int level) {
 }
 
 ScanAccount Converter::finish() {
+    m_pipe.finish();
     m_output.write_ms1(m_ms1_text);
     m_output.write_ms2(m_ms2_text);
     return m_account;
@@ -250,10 +259,10 @@ bool convert_once(const Options& options, const std::string& source_name, bool n
     XmlReader reader;
     try {
         reader.read(options.input_path, converter);
+        account = converter.finish();
     } catch (const NumberingBroken&) {
         return false;
     }
-    account = converter.finish();
     if (account.ms1_read == 0) {
         throw std::runtime_error(
             "the file holds no MS1 scan, and kSieve finds precursors in the survey scans");

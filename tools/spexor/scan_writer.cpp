@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -22,12 +23,55 @@ namespace {
 constexpr int kRetentionDigits = 6;  // minutes: 0.06 ms steps
 constexpr int kInjectionDigits = 4;  // milliseconds
 
-void append_fixed(std::string& text, double value, int digits) {
+void append_fixed_exact(std::string& text, double value, int digits) {
     char buffer[400];  // the longest fixed form of a finite double with 10 decimals
     auto result =
         std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, digits);
     text.append(buffer, result.ptr);
 }
+
+}  // namespace
+
+void append_fixed(std::string& text, double value, int digits) {
+    static constexpr double kScale[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10};
+    static constexpr std::uint64_t kPower[] = {
+        1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000, 10000000000};
+    const double magnitude = std::fabs(value);
+    // The product is within half an ulp of the exact one; only a product that
+    // close to a rounding boundary, or too large for exact integers, needs the
+    // exact digits.
+    const double scaled = magnitude * kScale[digits];
+    const double floor = std::floor(scaled);
+    const double fraction = scaled - floor;
+    const double margin = scaled * 4e-16;
+    if (!(scaled < 1e15) || std::fabs(fraction - 0.5) <= margin) {
+        append_fixed_exact(text, value, digits);
+        return;
+    }
+    std::uint64_t units = static_cast<std::uint64_t>(floor) + (fraction > 0.5 ? 1 : 0);
+    char buffer[40];
+    char* end = buffer + sizeof buffer;
+    char* at = end;
+    std::uint64_t fraction_units = units % kPower[digits];
+    for (int i = 0; i < digits; ++i) {
+        *--at = static_cast<char>('0' + fraction_units % 10);
+        fraction_units /= 10;
+    }
+    if (digits > 0) {
+        *--at = '.';
+    }
+    std::uint64_t whole = units / kPower[digits];
+    do {
+        *--at = static_cast<char>('0' + whole % 10);
+        whole /= 10;
+    } while (whole != 0);
+    if (std::signbit(value)) {
+        *--at = '-';
+    }
+    text.append(at, end);
+}
+
+namespace {
 
 // Volts as the file gives them: "-45", "-47.5".
 void append_shortest(std::string& text, double value) {

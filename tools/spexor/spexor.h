@@ -219,6 +219,10 @@ inline constexpr double kProtonMass = 1.007276;
 // below 1e-6, which the reader replaces by the isolation target.
 double singly_protonated_mass(double mz, int charge);
 
+// `value` with `digits` decimals (0 to 10), exactly as std::to_chars writes it
+// in fixed notation (correctly rounded), at a fraction of its cost.
+void append_fixed(std::string& text, double value, int digits);
+
 // Header lines "H\t<key>\t<value>\n".
 void append_header_line(std::string& text, std::string_view key, std::string_view value);
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -44,28 +45,27 @@ enum class Context {
     kMzxmlScan,
 };
 
+// A cvParam as the callback sees it; the views live as long as the callback.
+struct ParamView {
+    std::string_view accession;
+    std::string_view value;
+    std::string_view unit;
+};
+
+// A cvParam kept in a referenceable group, replayed where the group is named.
 struct Param {
     std::string accession;
     std::string value;
     std::string unit;
-};
-
-// How one binary data array is stored.
-struct ArrayForm {
-    enum Kind { kIgnored, kMz, kIntensity } kind = kIgnored;
-    int bytes = 8;  // 4 or 8
-    bool integer = false;
-    bool zlib = false;
-    char numpress = 0;  // 'l'inear, 'p'ic, 's'lof, or 0
-    long long length = -1;
+    ParamView view() const { return {accession, value, unit}; }
 };
 
 bool is_a(cv::CVID term, cv::CVID parent) {
     return term == parent || cv::cvIsA(term, parent);
 }
 
-cv::CVID term_of(const std::string& accession) {
-    return cv::cvTermInfo(accession).cvid;
+cv::CVID term_of(std::string_view accession) {
+    return cv::cvTermInfo(std::string(accession)).cvid;
 }
 
 void add_analyzer(RunAnalyzers& analyzers, cv::CVID kind) {
@@ -111,7 +111,7 @@ std::string short_name_of(cv::CVID method) {
     return best;
 }
 
-void add_activation_term(ActivationTerms& terms, const std::string& accession) {
+void add_activation_term(ActivationTerms& terms, std::string_view accession) {
     const cv::CVID id = term_of(accession);
     if (id == cv::MS_supplemental_beam_type_collision_induced_dissociation) {
         terms.supplemental_beam_type = true;
@@ -134,20 +134,30 @@ void add_activation_term(ActivationTerms& terms, const std::string& accession) {
     }
 }
 
-double to_double(const std::string& text, const char* what) {
-    char* end = nullptr;
-    errno = 0;
-    double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || end == text.c_str() || errno == ERANGE) {
-        throw std::runtime_error(std::string("unreadable ") + what + " \"" + text + "\"");
+double to_double(std::string_view text, const char* what) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\n' || text.front() == '\t')) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\n' || text.back() == '\t')) {
+        text.remove_suffix(1);
+    }
+    if (!text.empty() && text.front() == '+') {
+        text.remove_prefix(1);
+    }
+    double value = 0.0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
+        throw std::runtime_error(std::string("unreadable ") + what + " \"" + std::string(text) +
+                                 "\"");
     }
     return value;
 }
 
-int to_int(const std::string& text, const char* what) {
+int to_int(std::string_view text, const char* what) {
     double value = to_double(text, what);
-    if (value < -1e6 || value > 1e6) {
-        throw std::runtime_error(std::string("unreadable ") + what + " \"" + text + "\"");
+    if (value < -1e9 || value > 1e9) {
+        throw std::runtime_error(std::string("unreadable ") + what + " \"" + std::string(text) +
+                                 "\"");
     }
     return static_cast<int>(value);
 }
@@ -171,7 +181,7 @@ double duration_seconds(const std::string& text) {
     return seconds;
 }
 
-// Decodes strict base64 (blanks and line ends allowed between groups).
+// Decodes strict base64 (blanks and line ends allowed between symbols).
 void decode_base64(std::string_view text, std::vector<unsigned char>& out) {
     static const auto table = [] {
         std::array<signed char, 256> t{};
@@ -180,38 +190,46 @@ void decode_base64(std::string_view text, std::vector<unsigned char>& out) {
         for (int i = 0; i < 64; ++i) {
             t[static_cast<unsigned char>(alphabet[i])] = static_cast<signed char>(i);
         }
+        for (char blank : {' ', '\n', '\r', '\t'}) {
+            t[static_cast<unsigned char>(blank)] = -2;
+        }
+        t['='] = -3;
         return t;
     }();
-    out.clear();
-    out.reserve(text.size() / 4 * 3);
-    unsigned buffer = 0;
-    int bits = 0;
+    out.resize(text.size() / 4 * 3 + 3);
+    std::size_t written = 0;
+    std::uint32_t group = 0;
+    int symbols = 0;
     std::size_t padding = 0;
-    std::size_t symbols = 0;
     for (char c : text) {
-        if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
-            continue;
-        }
-        if (c == '=') {
+        const int value = table[static_cast<unsigned char>(c)];
+        if (value >= 0 && padding == 0) {
+            group = (group << 6) | static_cast<std::uint32_t>(value);
+            if (++symbols == 4) {
+                out[written] = static_cast<unsigned char>(group >> 16);
+                out[written + 1] = static_cast<unsigned char>(group >> 8);
+                out[written + 2] = static_cast<unsigned char>(group);
+                written += 3;
+                symbols = 0;
+                group = 0;
+            }
+        } else if (value == -3 && symbols >= 2) {
             ++padding;
-            ++symbols;
-            continue;
-        }
-        int value = table[static_cast<unsigned char>(c)];
-        if (value < 0 || padding > 0) {
+            group <<= 6;
+            if (++symbols == 4) {
+                out[written] = static_cast<unsigned char>(group >> 16);
+                out[written + 1] = static_cast<unsigned char>(group >> 8);
+                written += 3 - padding;
+                symbols = 0;
+            }
+        } else if (value != -2) {
             throw std::runtime_error("bad base64 in a peak array");
         }
-        ++symbols;
-        buffer = (buffer << 6) | static_cast<unsigned>(value);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            out.push_back(static_cast<unsigned char>((buffer >> bits) & 0xFF));
-        }
     }
-    if (symbols % 4 != 0 || padding > 2) {
+    if (symbols != 0) {
         throw std::runtime_error("bad base64 in a peak array (length not a multiple of 4)");
     }
+    out.resize(written);
 }
 
 void inflate_all(const std::vector<unsigned char>& in, std::vector<unsigned char>& out) {
@@ -301,11 +319,10 @@ struct XmlReader::State {
     RawSpectrum spectrum;
     bool in_spectrum = false;
     int precursors = 0;
-    ArrayForm array;
+    EncodedArray array;
+    bool array_ignored = true;  // not an m/z or intensity array
     bool collecting = false;
     std::string text;
-    std::vector<unsigned char> bytes, inflated;
-    std::vector<double> values;
 
     // mzXML
     std::vector<RawSpectrum> open_scans;  // nested scans, outermost first
@@ -317,10 +334,10 @@ namespace {
 
 using State = XmlReader::State;
 
-std::string local_name(const XML_Char* name) {
+std::string_view local_name(const XML_Char* name) {
     std::string_view full(name);
     std::size_t colon = full.rfind(':');
-    return std::string(colon == std::string_view::npos ? full : full.substr(colon + 1));
+    return colon == std::string_view::npos ? full : full.substr(colon + 1);
 }
 
 const char* attribute(const XML_Char** attributes, const char* key) {
@@ -332,7 +349,7 @@ const char* attribute(const XML_Char** attributes, const char* key) {
     return nullptr;
 }
 
-std::string attribute_or(const XML_Char** attributes, const char* key, const char* fallback) {
+const char* attribute_or(const XML_Char** attributes, const char* key, const char* fallback) {
     const char* value = attribute(attributes, key);
     return value != nullptr ? value : fallback;
 }
@@ -348,7 +365,7 @@ void describe_run(State& s) {
     s.run.several_configurations = s.configs.size() > 1;
 }
 
-void spectrum_param(State& s, const Param& p) {
+void spectrum_param(State& s, const ParamView& p) {
     RawSpectrum& sp = s.spectrum;
     if (p.accession == "MS:1000511") {
         sp.ms_level = to_int(p.value, "MS level");
@@ -361,27 +378,31 @@ void spectrum_param(State& s, const Param& p) {
     } else if (p.accession == "MS:1000927") {
         sp.injection_ms = to_double(p.value, "ion injection time");
     } else if (p.accession == "MS:1000512") {
-        sp.filter = p.value;
+        sp.filter = std::string(p.value);
     } else if (p.accession == "MS:1001581") {
         sp.faims_cv = to_double(p.value, "compensation voltage");
     }
 }
 
-void array_param(ArrayForm& a, const std::string& accession) {
-    static const std::map<std::string, void (*)(ArrayForm&)> kForms = {
-        {"MS:1000514", [](ArrayForm& f) { f.kind = ArrayForm::kMz; }},
-        {"MS:1000515", [](ArrayForm& f) { f.kind = ArrayForm::kIntensity; }},
-        {"MS:1000521", [](ArrayForm& f) { f.bytes = 4, f.integer = false; }},
-        {"MS:1000523", [](ArrayForm& f) { f.bytes = 8, f.integer = false; }},
-        {"MS:1000519", [](ArrayForm& f) { f.bytes = 4, f.integer = true; }},
-        {"MS:1000522", [](ArrayForm& f) { f.bytes = 8, f.integer = true; }},
-        {"MS:1000574", [](ArrayForm& f) { f.zlib = true; }},
-        {"MS:1002312", [](ArrayForm& f) { f.numpress = 'l'; }},
-        {"MS:1002313", [](ArrayForm& f) { f.numpress = 'p'; }},
-        {"MS:1002314", [](ArrayForm& f) { f.numpress = 's'; }},
-        {"MS:1002746", [](ArrayForm& f) { f.numpress = 'l', f.zlib = true; }},
-        {"MS:1002747", [](ArrayForm& f) { f.numpress = 'p', f.zlib = true; }},
-        {"MS:1002748", [](ArrayForm& f) { f.numpress = 's', f.zlib = true; }},
+void array_param(EncodedArray& a, std::string_view accession, bool& ignored) {
+    if (accession == "MS:1000514" || accession == "MS:1000515") {
+        a.kind = accession == "MS:1000514" ? EncodedArray::kMz : EncodedArray::kIntensity;
+        ignored = false;
+        return;
+    }
+    using Form = EncodedArray;
+    static const std::map<std::string, void (*)(Form&), std::less<>> kForms = {
+        {"MS:1000521", [](Form& f) { f.bytes = 4, f.integer = false; }},
+        {"MS:1000523", [](Form& f) { f.bytes = 8, f.integer = false; }},
+        {"MS:1000519", [](Form& f) { f.bytes = 4, f.integer = true; }},
+        {"MS:1000522", [](Form& f) { f.bytes = 8, f.integer = true; }},
+        {"MS:1000574", [](Form& f) { f.zlib = true; }},
+        {"MS:1002312", [](Form& f) { f.numpress = 'l'; }},
+        {"MS:1002313", [](Form& f) { f.numpress = 'p'; }},
+        {"MS:1002314", [](Form& f) { f.numpress = 's'; }},
+        {"MS:1002746", [](Form& f) { f.numpress = 'l', f.zlib = true; }},
+        {"MS:1002747", [](Form& f) { f.numpress = 'p', f.zlib = true; }},
+        {"MS:1002748", [](Form& f) { f.numpress = 's', f.zlib = true; }},
     };
     auto form = kForms.find(accession);
     if (form != kForms.end()) {
@@ -389,7 +410,7 @@ void array_param(ArrayForm& a, const std::string& accession) {
     }
 }
 
-void handle_param(State& s, const Param& p) {
+void handle_param(State& s, const ParamView& p) {
     switch (s.contexts.empty() ? Context::kOther : s.contexts.back()) {
         case Context::kSpectrum:
         case Context::kScan:
@@ -417,53 +438,21 @@ void handle_param(State& s, const Param& p) {
             }
             break;
         case Context::kArray:
-            array_param(s.array, p.accession);
+            array_param(s.array, p.accession, s.array_ignored);
             break;
         case Context::kAnalyzer:
             add_analyzer(s.configs[s.config_id], term_of(p.accession));
             break;
         case Context::kParamGroup:
-            s.param_groups[s.group_id].push_back(p);
+            s.param_groups[s.group_id].push_back(
+                {std::string(p.accession), std::string(p.value), std::string(p.unit)});
             break;
         default:
             break;
     }
 }
 
-void decode_array(State& s) {
-    const ArrayForm& a = s.array;
-    if (a.kind == ArrayForm::kIgnored) {
-        return;
-    }
-    std::vector<double>& out = a.kind == ArrayForm::kMz ? s.spectrum.mz : s.spectrum.intensity;
-    decode_base64(s.text, s.bytes);
-    const std::vector<unsigned char>* raw = &s.bytes;
-    // An empty array is stored as nothing, compressed or not.
-    if (a.zlib && !s.bytes.empty()) {
-        inflate_all(s.bytes, s.inflated);
-        raw = &s.inflated;
-    }
-    if (raw->empty()) {
-        out.clear();
-    } else if (a.numpress == 0) {
-        unpack_numbers(*raw, a.bytes, a.integer, false, out);
-    } else {
-        namespace np = pwiz::msdata::MSNumpress;
-        out.resize(raw->size() * 2 + 8);
-        std::size_t n = a.numpress == 'l'   ? np::decodeLinear(raw->data(), raw->size(), out.data())
-                        : a.numpress == 'p' ? np::decodePic(raw->data(), raw->size(), out.data())
-                                            : np::decodeSlof(raw->data(), raw->size(), out.data());
-        out.resize(n);
-    }
-    const long long expected = a.length >= 0 ? a.length : s.spectrum.declared_length;
-    if (static_cast<long long>(out.size()) != expected) {
-        throw std::runtime_error("spectrum " + s.spectrum.id + " has a peak array of " +
-                                 std::to_string(out.size()) + " values where it declares " +
-                                 std::to_string(expected));
-    }
-}
-
-void start_mzml(State& s, const std::string& name, const XML_Char** attributes) {
+void start_mzml(State& s, std::string_view name, const XML_Char** attributes) {
     Context context = Context::kOther;
     if (name == "cvParam") {
         handle_param(
@@ -471,11 +460,11 @@ void start_mzml(State& s, const std::string& name, const XML_Char** attributes) 
                 attribute_or(attributes, "unitAccession", "")});
     } else if (name == "userParam") {
         // Some writers put vocabulary terms in user parameters named by accession.
-        std::string term = attribute_or(attributes, "name", "");
+        std::string_view term = attribute_or(attributes, "name", "");
         if (term == "filter string") {
             term = "MS:1000512";
         }
-        if (term.compare(0, 3, "MS:") == 0) {
+        if (term.substr(0, 3) == "MS:") {
             handle_param(s, {term, attribute_or(attributes, "value", ""),
                              attribute_or(attributes, "unitAccession", "")});
         }
@@ -483,7 +472,7 @@ void start_mzml(State& s, const std::string& name, const XML_Char** attributes) 
         auto group = s.param_groups.find(attribute_or(attributes, "ref", ""));
         if (group != s.param_groups.end()) {
             for (const Param& p : group->second) {
-                handle_param(s, p);
+                handle_param(s, p.view());
             }
         }
     } else if (name == "spectrum") {
@@ -516,7 +505,8 @@ void start_mzml(State& s, const std::string& name, const XML_Char** attributes) 
     } else if (name == "activation" && s.contexts.back() == Context::kPrecursor) {
         context = Context::kActivation;
     } else if (name == "binaryDataArray" && s.in_spectrum) {
-        s.array = ArrayForm{};
+        s.array = EncodedArray{};
+        s.array_ignored = true;
         const char* length = attribute(attributes, "arrayLength");
         s.array.length = length != nullptr ? to_int(length, "arrayLength") : -1;
         context = Context::kArray;
@@ -538,12 +528,15 @@ void start_mzml(State& s, const std::string& name, const XML_Char** attributes) 
     s.contexts.push_back(context);
 }
 
-void end_mzml(State& s, const std::string& name) {
+void end_mzml(State& s, std::string_view name) {
     Context context = s.contexts.back();
     s.contexts.pop_back();
     if (name == "binary" && s.collecting) {
         s.collecting = false;
-        decode_array(s);
+        if (!s.array_ignored) {
+            std::swap(s.array.text, s.text);
+            s.spectrum.arrays.push_back(std::move(s.array));
+        }
     } else if (context == Context::kSpectrum) {
         s.in_spectrum = false;
         s.sink->spectrum(s.spectrum);
@@ -582,14 +575,14 @@ void start_mzxml_scan(State& s, const XML_Char** attributes) {
         describe_run(s);
     }
     RawSpectrum scan;
-    scan.id = "scan=" + attribute_or(attributes, "num", "");
+    scan.id = std::string("scan=") + attribute_or(attributes, "num", "");
     scan.ms_level = to_int(attribute_or(attributes, "msLevel", "0"), "msLevel");
     scan.declared_length = to_int(attribute_or(attributes, "peaksCount", "0"), "peaksCount");
     const char* rt = attribute(attributes, "retentionTime");
     scan.rt_seconds = rt != nullptr ? duration_seconds(rt) : 0.0;
     scan.filter = attribute_or(attributes, "filterLine", "");
-    std::string centroided = attribute_or(attributes, "centroided", s.mzxml_centroided.c_str());
-    scan.profile = centroided == "0";
+    scan.profile =
+        std::string_view(attribute_or(attributes, "centroided", s.mzxml_centroided.c_str())) == "0";
     const char* voltage = attribute(attributes, "compensationVoltage");
     if (voltage != nullptr) {
         scan.faims_cv = to_double(voltage, "compensation voltage");
@@ -600,7 +593,7 @@ void start_mzxml_scan(State& s, const XML_Char** attributes) {
     s.open_scans.push_back(std::move(scan));
 }
 
-void start_mzxml(State& s, const std::string& name, const XML_Char** attributes) {
+void start_mzxml(State& s, std::string_view name, const XML_Char** attributes) {
     if (name == "msInstrument") {
         s.config_id = attribute_or(attributes, "msInstrumentID", "");
         s.configs[s.config_id];
@@ -656,30 +649,20 @@ void end_mzxml_peaks(State& s) {
     if (bits != 32 && bits != 64) {
         throw std::runtime_error("peaks of precision " + std::to_string(bits) + " in " + scan.id);
     }
-    decode_base64(s.text, s.bytes);
-    const std::vector<unsigned char>* raw = &s.bytes;
-    if (kept_or(a, "compressionType", "none") == "zlib") {
-        inflate_all(s.bytes, s.inflated);
-        raw = &s.inflated;
-    }
-    unpack_numbers(*raw, bits / 8, false, true, s.values);
-    if (s.values.size() % 2 != 0 ||
-        static_cast<long long>(s.values.size() / 2) != scan.declared_length) {
-        throw std::runtime_error(scan.id + " has " + std::to_string(s.values.size()) +
-                                 " numbers in its peaks where it declares " +
-                                 std::to_string(scan.declared_length) + " pairs");
-    }
-    scan.mz.resize(s.values.size() / 2);
-    scan.intensity.resize(s.values.size() / 2);
-    for (std::size_t i = 0; i < scan.mz.size(); ++i) {
-        scan.mz[i] = s.values[2 * i];
-        scan.intensity[i] = s.values[2 * i + 1];
-    }
-    // Every property of a scan comes before its peaks; nested scans follow.
-    s.sink->spectrum(scan);
+    EncodedArray pairs;
+    pairs.kind = EncodedArray::kPairs;
+    pairs.bytes = bits / 8;
+    pairs.zlib = kept_or(a, "compressionType", "none") == "zlib";
+    pairs.big_endian = true;
+    std::swap(pairs.text, s.text);
+    // Every property of a scan comes before its peaks; nested scans follow,
+    // so the scan is handed on as a copy.
+    RawSpectrum handed = scan;
+    handed.arrays.push_back(std::move(pairs));
+    s.sink->spectrum(handed);
 }
 
-void end_mzxml(State& s, const std::string& name) {
+void end_mzxml(State& s, std::string_view name) {
     if (name == "precursorMz" && s.collecting) {
         s.collecting = false;
         end_mzxml_precursor(s);
@@ -711,7 +694,7 @@ void guarded(State& s, Step step) {
 void XMLCALL on_start(void* data, const XML_Char* name, const XML_Char** attributes) {
     State& s = *static_cast<State*>(data);
     guarded(s, [&] {
-        std::string local = local_name(name);
+        std::string_view local = local_name(name);
         if (s.contexts.empty() && s.open_scans.empty() && (local == "mzXML" || local == "msRun")) {
             s.mzxml = true;
         }
@@ -750,6 +733,56 @@ void XMLCALL on_doctype(void* data, const XML_Char*, const XML_Char*, const XML_
 }
 
 }  // namespace
+
+void PeakDecoder::decode(RawSpectrum& spectrum) {
+    spectrum.mz.clear();
+    spectrum.intensity.clear();
+    for (const EncodedArray& a : spectrum.arrays) {
+        decode_base64(a.text, m_bytes);
+        const std::vector<unsigned char>* raw = &m_bytes;
+        // An empty array is stored as nothing, compressed or not.
+        if (a.zlib && !m_bytes.empty()) {
+            inflate_all(m_bytes, m_inflated);
+            raw = &m_inflated;
+        }
+        std::vector<double>& out = a.kind == EncodedArray::kIntensity ? spectrum.intensity
+                                   : a.kind == EncodedArray::kMz      ? spectrum.mz
+                                                                      : m_values;
+        out.clear();
+        if (!raw->empty() && a.numpress == 0) {
+            unpack_numbers(*raw, a.bytes, a.integer, a.big_endian, out);
+        } else if (!raw->empty()) {
+            namespace np = pwiz::msdata::MSNumpress;
+            out.resize(raw->size() * 2 + 8);
+            std::size_t n =
+                a.numpress == 'l'   ? np::decodeLinear(raw->data(), raw->size(), out.data())
+                : a.numpress == 'p' ? np::decodePic(raw->data(), raw->size(), out.data())
+                                    : np::decodeSlof(raw->data(), raw->size(), out.data());
+            out.resize(n);
+        }
+        const long long per_value = a.kind == EncodedArray::kPairs ? 2 : 1;
+        const long long expected =
+            (a.length >= 0 ? a.length : spectrum.declared_length) * per_value;
+        if (static_cast<long long>(out.size()) != expected) {
+            throw std::runtime_error(
+                "spectrum " + spectrum.id + " has " + std::to_string(out.size()) +
+                " values in a peak array where it declares " + std::to_string(expected));
+        }
+        if (a.kind == EncodedArray::kPairs) {
+            spectrum.mz.resize(out.size() / 2);
+            spectrum.intensity.resize(out.size() / 2);
+            for (std::size_t i = 0; i < spectrum.mz.size(); ++i) {
+                spectrum.mz[i] = out[2 * i];
+                spectrum.intensity[i] = out[2 * i + 1];
+            }
+        }
+    }
+    if (spectrum.mz.size() != spectrum.intensity.size()) {
+        throw std::runtime_error("spectrum " + spectrum.id + " has " +
+                                 std::to_string(spectrum.mz.size()) + " m/z values and " +
+                                 std::to_string(spectrum.intensity.size()) + " intensities");
+    }
+}
 
 XmlReader::XmlReader() : m_state(std::make_unique<State>()) {}
 XmlReader::~XmlReader() = default;

@@ -2,8 +2,9 @@
 // gzip-compressed, streamed once and handed on spectrum by spectrum.
 //
 // Units: retention time in seconds, injection time in milliseconds, m/z in Th,
-// compensation voltage in volts. Peak arrays are decoded (base64, zlib,
-// MS-Numpress, 32/64-bit floats and integers, either byte order).
+// compensation voltage in volts. Peak arrays are handed on encoded and decoded
+// by `PeakDecoder` (base64, zlib, MS-Numpress, 32/64-bit floats and integers,
+// either byte order), which may run on another thread than the parse.
 // Bad input: a document type declaration (which could define entities), XML
 // that is not well formed or ends early, bad base64, bad compression, a peak
 // array whose length differs from the declared one, or an unreadable number
@@ -24,6 +25,18 @@ namespace ksieve::spexor {
 struct RunDescription {
     RunAnalyzers analyzers;               // all configurations together
     bool several_configurations = false;  // hybrids list one per readout
+};
+
+// A peak array as the file stores it, decoded later by `PeakDecoder`.
+struct EncodedArray {
+    enum Kind { kMz, kIntensity, kPairs } kind = kMz;  // kPairs: mzXML m/z-intensity pairs
+    int bytes = 8;                                     // 4 or 8 per number
+    bool integer = false;
+    bool zlib = false;
+    bool big_endian = false;  // mzXML's network order
+    char numpress = 0;        // 'l'inear, 'p'ic, 's'lof, or 0
+    long long length = -1;    // declared count of values, -1 for the spectrum's
+    std::string text;         // base64
 };
 
 // One spectrum as the file gives it; everything of the first precursor only,
@@ -49,13 +62,27 @@ struct RawSpectrum {
     };
     std::vector<Ion> ions;
     long long declared_length = 0;
-    std::vector<double> mz, intensity;  // equal lengths, as stored
+    std::vector<EncodedArray> arrays;   // as read
+    std::vector<double> mz, intensity;  // after decoding: equal lengths, as stored
+};
+
+// Decodes the arrays of spectra, reusing its buffers from one to the next.
+class PeakDecoder {
+  public:
+    // Fills `mz` and `intensity` from `arrays`. Throws on bad base64, bad
+    // compression, or arrays whose lengths differ from the declared ones.
+    void decode(RawSpectrum& spectrum);
+
+  private:
+    std::vector<unsigned char> m_bytes, m_inflated;
+    std::vector<double> m_values;
 };
 
 class SpectrumSink {
   public:
     virtual ~SpectrumSink() = default;
-    // Called for every spectrum in file order; may throw to stop the read.
+    // Called for every spectrum in file order; may throw to stop the read. The
+    // sink may take the spectrum's contents.
     virtual void spectrum(RawSpectrum& spectrum) = 0;
 };
 

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <cmath>
+#include <random>
+
 #include <string>
 #include <tuple>
 #include <vector>
@@ -180,6 +184,35 @@ TEST(SpexorAccount, FixedKeysInFixedOrder) {
               "ms1_read\t3\nms1_written\t2\nms2_read\t7\nms2_written\t6\nms2_written_ECD\t2\n"
               "ms2_written_HCD\t4\nms2_inferred_activation\t1\nms2_gate_will_skip\t2\n"
               "ms2_not_written_no_peaks\t1\nmsn_not_written\t5\nfaims_cv_values\t2\n");
+}
+
+// The fast fixed-point writer gives std::to_chars's digits: values around
+// rounding ties, huge and tiny values, and a sweep of peak-like numbers.
+TEST(SpexorScanText, FixedDigitsAsToChars) {
+    auto exact = [](double value, int digits) {
+        char buffer[400];
+        auto end =
+            std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, digits)
+                .ptr;
+        return std::string(buffer, end);
+    };
+    std::vector<double> values = {0.0,   -0.0,   0.5,       1.5,   2.5,   0.125,
+                                  0.375, 1e-9,   -0.0004,   1e15,  3e20,  1e300,
+                                  0.05,  123.45, 914.44066, 2.675, 1.005, 9.9999999995};
+    std::mt19937_64 random(7);
+    std::uniform_real_distribution<double> mz(50.0, 4000.0), intensity(0.0, 1e10);
+    for (int i = 0; i < 20000; ++i) {
+        values.push_back(mz(random));
+        values.push_back(intensity(random));
+        values.push_back(std::round(mz(random) * 1e5) / 1e5 + 5e-6);  // ties in decimal
+    }
+    for (double value : values) {
+        for (int digits = 0; digits <= 10; ++digits) {
+            std::string fast;
+            append_fixed(fast, value, digits);
+            ASSERT_EQ(fast, exact(value, digits)) << value << " " << digits;
+        }
+    }
 }
 
 // Values the file does not give are left out rather than invented: no
