@@ -3,8 +3,10 @@
 // marker `<stem>.spexor` that tells kSieve the pair is complete.
 //
 // This header is the contract of the extractor's parts. Options, scan numbering,
-// instrument and activation naming, the text layout and the output files need
-// only the standard library; `extract_run` is the one part built on ProteoWizard.
+// instrument and activation naming, the account, the text layout and the
+// output files need only the standard library; `extract_run` reads the file
+// through xml_reader.h (expat, zlib, ProteoWizard's vocabulary) and hands the
+// spectra to a second thread through pipe.h.
 //
 // Failures are exceptions derived from std::exception with a message meant for
 // the user; the executable prints it on standard error and exits non-zero.

@@ -499,7 +499,7 @@ void start_mzml(State& s, std::string_view name, const XML_Char** attributes) {
         context = Context::kPrecursor;
     } else if (name == "isolationWindow" && s.contexts.back() == Context::kPrecursor) {
         context = Context::kIsolation;
-    } else if (name == "selectedIon" && s.precursors > 0) {
+    } else if (name == "selectedIon" && s.in_spectrum && s.precursors > 0) {
         s.spectrum.ions.emplace_back();
         context = Context::kSelectedIon;
     } else if (name == "activation" && s.contexts.back() == Context::kPrecursor) {
