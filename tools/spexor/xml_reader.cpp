@@ -354,6 +354,42 @@ const char* attribute_or(const XML_Char** attributes, const char* key, const cha
     return value != nullptr ? value : fallback;
 }
 
+// Empties a spectrum for the next one, keeping the capacity of its buffers.
+void reset_keeping_buffers(RawSpectrum& spectrum) {
+    spectrum.id.clear();
+    spectrum.ms_level = 0;
+    spectrum.profile = false;
+    spectrum.rt_seconds = 0.0;
+    spectrum.injection_ms.reset();
+    spectrum.faims_cv.reset();
+    spectrum.filter.clear();
+    spectrum.config_analyzers = RunAnalyzers{};
+    spectrum.run = RunDescription{};
+    spectrum.has_precursor = false;
+    spectrum.precursor_ref.clear();
+    spectrum.isolation_target = 0.0;
+    spectrum.activation = ActivationTerms{};
+    spectrum.ions.clear();
+    spectrum.declared_length = 0;
+    spectrum.array_count = 0;
+    spectrum.mz.clear();
+    spectrum.intensity.clear();
+}
+
+// Adds an array of the form `form` whose base64 is `text`; `text` gets a spare
+// buffer back.
+void add_array(RawSpectrum& spectrum, const EncodedArray& form, std::string& text) {
+    if (spectrum.arrays.size() == spectrum.array_count) {
+        spectrum.arrays.emplace_back();
+    }
+    EncodedArray& slot = spectrum.arrays[spectrum.array_count++];
+    std::string spare = std::move(slot.text);
+    slot = form;
+    slot.text = std::move(text);
+    text = std::move(spare);
+    text.clear();
+}
+
 // What every spectrum carries about the run, once its configurations are known.
 void describe_run(State& s) {
     s.run = RunDescription{};
@@ -476,7 +512,7 @@ void start_mzml(State& s, std::string_view name, const XML_Char** attributes) {
             }
         }
     } else if (name == "spectrum") {
-        s.spectrum = RawSpectrum{};
+        reset_keeping_buffers(s.spectrum);
         s.spectrum.id = attribute_or(attributes, "id", "");
         s.spectrum.declared_length =
             to_int(attribute_or(attributes, "defaultArrayLength", "0"), "defaultArrayLength");
@@ -534,8 +570,7 @@ void end_mzml(State& s, std::string_view name) {
     if (name == "binary" && s.collecting) {
         s.collecting = false;
         if (!s.array_ignored) {
-            std::swap(s.array.text, s.text);
-            s.spectrum.arrays.push_back(std::move(s.array));
+            add_array(s.spectrum, s.array, s.text);
         }
     } else if (context == Context::kSpectrum) {
         s.in_spectrum = false;
@@ -654,11 +689,10 @@ void end_mzxml_peaks(State& s) {
     pairs.bytes = bits / 8;
     pairs.zlib = kept_or(a, "compressionType", "none") == "zlib";
     pairs.big_endian = true;
-    std::swap(pairs.text, s.text);
     // Every property of a scan comes before its peaks; nested scans follow,
     // so the scan is handed on as a copy.
     RawSpectrum handed = scan;
-    handed.arrays.push_back(std::move(pairs));
+    add_array(handed, pairs, s.text);
     s.sink->spectrum(handed);
 }
 
@@ -737,7 +771,8 @@ void XMLCALL on_doctype(void* data, const XML_Char*, const XML_Char*, const XML_
 void PeakDecoder::decode(RawSpectrum& spectrum) {
     spectrum.mz.clear();
     spectrum.intensity.clear();
-    for (const EncodedArray& a : spectrum.arrays) {
+    for (std::size_t i = 0; i < spectrum.array_count; ++i) {
+        const EncodedArray& a = spectrum.arrays[i];
         decode_base64(a.text, m_bytes);
         const std::vector<unsigned char>* raw = &m_bytes;
         // An empty array is stored as nothing, compressed or not.
@@ -771,9 +806,9 @@ void PeakDecoder::decode(RawSpectrum& spectrum) {
         if (a.kind == EncodedArray::kPairs) {
             spectrum.mz.resize(out.size() / 2);
             spectrum.intensity.resize(out.size() / 2);
-            for (std::size_t i = 0; i < spectrum.mz.size(); ++i) {
-                spectrum.mz[i] = out[2 * i];
-                spectrum.intensity[i] = out[2 * i + 1];
+            for (std::size_t p = 0; p < spectrum.mz.size(); ++p) {
+                spectrum.mz[p] = out[2 * p];
+                spectrum.intensity[p] = out[2 * p + 1];
             }
         }
     }

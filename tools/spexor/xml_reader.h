@@ -62,7 +62,10 @@ struct RawSpectrum {
     };
     std::vector<Ion> ions;
     long long declared_length = 0;
-    std::vector<EncodedArray> arrays;   // as read
+    // The first `array_count` arrays as read; the rest are spare buffers that
+    // spectra passed from hand to hand keep, so that none is allocated anew.
+    std::vector<EncodedArray> arrays;
+    std::size_t array_count = 0;
     std::vector<double> mz, intensity;  // after decoding: equal lengths, as stored
 };
 
