@@ -65,14 +65,19 @@ struct CompanionRun {
     fs::path out = dir.path() / "out";
     std::string stdout_text, stderr_text;
 
-    int exec(const std::string& program, const std::string& input, const std::string& prefix = "") {
+    // Standard output goes to `stdout_path`, by default a file read afterwards.
+    int exec(const std::string& program, const std::string& input, const std::string& prefix = "",
+             std::string stdout_path = "") {
+        if (stdout_path.empty()) {
+            stdout_path = dir.file("stdout");
+            write_file(stdout_path, "");
+        }
         std::string command = prefix + "\"" + KSIEVE_RUN_DIR + "/" + program +
                               "\" -ms -a -i 1 -m 5 -o \"" + out.string() + "\" \"" + input +
-                              "\" > \"" + dir.file("stdout") + "\" 2> \"" + dir.file("stderr") +
-                              "\"";
+                              "\" > \"" + stdout_path + "\" 2> \"" + dir.file("stderr") + "\"";
         int status =
             std::system(("/bin/bash -c '" + replaced_all(command, "'", "'\\''") + "'").c_str());
-        stdout_text = read_file(dir.file("stdout"));
+        stdout_text = fs::exists(dir.file("stdout")) ? read_file(dir.file("stdout")) : "";
         stderr_text = read_file(dir.file("stderr"));
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
@@ -240,6 +245,11 @@ TEST(SpexorEdits, WritesThatFailLeaveNoMarker) {
     EXPECT_NE(run.stderr_text.find("cannot write"), std::string::npos) << run.stderr_text;
     EXPECT_FALSE(fs::exists(run.out / "run.spexor"));
     EXPECT_FALSE(fs::exists(run.out / "run.ms1.part"));
+    // The account cannot be written on standard output: the marker goes again.
+    EXPECT_EQ(run.exec("spexor_xml.exe", run.dir.file("run.mzML"), "", "/dev/full"), 1);
+    EXPECT_NE(run.stderr_text.find("cannot write the account"), std::string::npos)
+        << run.stderr_text;
+    EXPECT_FALSE(fs::exists(run.out / "run.spexor"));
 }
 
 TEST(SpexorEdits, FileNamesAndCompression) {
