@@ -48,27 +48,24 @@ void append_fixed(std::string& text, double value, int digits) {
         append_fixed_exact(text, value, digits);
         return;
     }
-    std::uint64_t units = static_cast<std::uint64_t>(floor) + (fraction > 0.5 ? 1 : 0);
-    char buffer[40];
-    char* end = buffer + sizeof buffer;
-    char* at = end;
-    std::uint64_t fraction_units = units % kPower[digits];
-    for (int i = 0; i < digits; ++i) {
-        *--at = static_cast<char>('0' + fraction_units % 10);
-        fraction_units /= 10;
-    }
-    if (digits > 0) {
-        *--at = '.';
-    }
-    std::uint64_t whole = units / kPower[digits];
-    do {
-        *--at = static_cast<char>('0' + whole % 10);
-        whole /= 10;
-    } while (whole != 0);
+    const std::uint64_t units = static_cast<std::uint64_t>(floor) + (fraction > 0.5 ? 1 : 0);
+    char buffer[48];
+    char* at = buffer;
     if (std::signbit(value)) {
-        *--at = '-';
+        *at++ = '-';
     }
-    text.append(at, end);
+    at = std::to_chars(at, buffer + sizeof buffer, units / kPower[digits]).ptr;
+    if (digits > 0) {
+        *at++ = '.';
+        char decimals[16];
+        char* end = std::to_chars(decimals, decimals + sizeof decimals, units % kPower[digits]).ptr;
+        const auto length = end - decimals;
+        std::memset(at, '0', static_cast<std::size_t>(digits - length));
+        at += digits - length;
+        std::memcpy(at, decimals, static_cast<std::size_t>(length));
+        at += length;
+    }
+    text.append(buffer, at);
 }
 
 namespace {
