@@ -5,7 +5,7 @@
 // This header is the contract of the extractor's parts. Options, scan numbering,
 // instrument and activation naming, the account, the text layout and the
 // output files need only the standard library; `extract_run` reads the file
-// through xml_reader.h (expat, zlib, ProteoWizard's vocabulary) and hands the
+// through xml_reader.h (expat, zlib, the vocabulary table) and hands the
 // spectra to a second thread through pipe.h.
 //
 // Failures are exceptions derived from std::exception with a message meant for

@@ -1,11 +1,9 @@
 // Reading mzML and mzXML runs, plain or gzip-compressed, in one streaming pass:
-// zlib decompresses the file, expat parses the XML, and ProteoWizard supplies
-// the PSI-MS vocabulary (is-a relations). Each spectrum is handed on, with its
-// peak arrays still encoded, as soon as its element closes.
+// zlib decompresses the file, expat parses the XML, and the terms are sorted
+// by the PSI-MS vocabulary table (vocabulary.h). Each spectrum is handed on,
+// with its peak arrays still encoded, as soon as its element closes.
 #include <expat.h>
 #include <zlib.h>
-
-#include <pwiz/data/common/cv.hpp>
 
 #include <algorithm>
 #include <array>
@@ -20,12 +18,11 @@
 #include <string_view>
 #include <vector>
 
+#include "vocabulary.h"
 #include "xml_reader.h"
 
 namespace ksieve::spexor {
 namespace {
-
-namespace cv = pwiz::cv;
 
 constexpr unsigned kChunkBytes = 1 << 20;
 
@@ -58,23 +55,14 @@ struct Param {
     ParamView view() const { return {accession, value, unit}; }
 };
 
-bool is_a(cv::CVID term, cv::CVID parent) {
-    return term == parent || cv::cvIsA(term, parent);
-}
-
-cv::CVID term_of(std::string_view accession) {
-    return cv::cvTermInfo(std::string(accession)).cvid;
-}
-
-void add_analyzer(RunAnalyzers& analyzers, cv::CVID kind) {
-    if (is_a(kind, cv::MS_orbitrap) ||
-        is_a(kind, cv::MS_fourier_transform_ion_cyclotron_resonance_mass_spectrometer)) {
-        analyzers.fourier_transform = true;
-    } else if (is_a(kind, cv::MS_time_of_flight)) {
-        analyzers.time_of_flight = true;
-    } else if (is_a(kind, cv::MS_ion_trap)) {
-        analyzers.ion_trap = true;
+void add_analyzer(RunAnalyzers& analyzers, std::string_view accession) {
+    const VocabularyTerm* term = find_term(accession);
+    if (term == nullptr) {
+        return;
     }
+    analyzers.fourier_transform |= term->kind == TermKind::kFourierTransform;
+    analyzers.time_of_flight |= term->kind == TermKind::kTimeOfFlight;
+    analyzers.ion_trap |= term->kind == TermKind::kIonTrap;
 }
 
 // mzXML names analyzers in free text ("FTMS", "orbitrap", "ITMS", "TOF").
@@ -91,44 +79,40 @@ void add_mzxml_analyzer(RunAnalyzers& analyzers, std::string text) {
     }
 }
 
-// A method's short name as the vocabulary gives it: its shortest one-word
-// synonym ("ECD", "IRMPD"), else its name with blanks as underscores.
-std::string short_name_of(cv::CVID method) {
-    const cv::CVTermInfo& info = cv::cvTermInfo(method);
-    std::string best;
-    for (const std::string& synonym : info.exactSynonyms) {
-        if (synonym.find(' ') == std::string::npos &&
-            (best.empty() || synonym.size() < best.size())) {
-            best = synonym;
-        }
-    }
-    if (best.empty()) {
-        best = info.name;
-        std::replace(best.begin(), best.end(), ' ', '_');
-    }
-    return best;
-}
-
 void add_activation_term(ActivationTerms& terms, std::string_view accession) {
-    const cv::CVID id = term_of(accession);
-    if (id == cv::MS_supplemental_beam_type_collision_induced_dissociation) {
-        terms.supplemental_beam_type = true;
-    } else if (id == cv::MS_supplemental_collision_induced_dissociation) {
-        terms.supplemental_collision = true;
-    } else if (id == cv::MS_supplemental_collision_energy) {
-        terms.supplemental_energy = true;
-    } else if (id == cv::MS_EThcD) {
-        terms.ethcd = true;
-    } else if (is_a(id, cv::MS_electron_transfer_dissociation)) {
-        terms.electron_transfer = true;
-    } else if (is_a(id, cv::MS_beam_type_collision_induced_dissociation)) {
-        terms.beam_type = true;
-    } else if (is_a(id, cv::MS_collision_induced_dissociation) ||
-               is_a(id, cv::MS_low_energy_collision_induced_dissociation)) {
-        // Low-energy CID stands beside CID in the vocabulary, not under it.
-        terms.collision = true;
-    } else if (is_a(id, cv::MS_dissociation_method) && terms.other.empty()) {
-        terms.other = short_name_of(id);
+    const VocabularyTerm* term = find_term(accession);
+    if (term == nullptr) {
+        return;
+    }
+    switch (term->kind) {
+        case TermKind::kCollision:
+            terms.collision = true;
+            break;
+        case TermKind::kBeamType:
+            terms.beam_type = true;
+            break;
+        case TermKind::kElectronTransfer:
+            terms.electron_transfer = true;
+            break;
+        case TermKind::kEThcD:
+            terms.ethcd = true;
+            break;
+        case TermKind::kSupplementalCollision:
+            terms.supplemental_collision = true;
+            break;
+        case TermKind::kSupplementalBeamType:
+            terms.supplemental_beam_type = true;
+            break;
+        case TermKind::kSupplementalEnergy:
+            terms.supplemental_energy = true;
+            break;
+        case TermKind::kOtherMethod:
+            if (terms.other.empty()) {
+                terms.other = term->short_name;
+            }
+            break;
+        default:
+            break;  // an analyzer, not a method
     }
 }
 
@@ -358,7 +342,7 @@ void handle_param(State& s, const ParamView& p) {
             array_param(s.array, p.accession, s.array_ignored);
             break;
         case Context::kAnalyzer:
-            add_analyzer(s.configs[s.config_id], term_of(p.accession));
+            add_analyzer(s.configs[s.config_id], p.accession);
             break;
         case Context::kParamGroup:
             s.param_groups[s.group_id].push_back(
