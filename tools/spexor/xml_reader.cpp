@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "vocabulary.h"
@@ -80,39 +81,25 @@ void add_mzxml_analyzer(RunAnalyzers& analyzers, std::string text) {
 }
 
 void add_activation_term(ActivationTerms& terms, std::string_view accession) {
+    static constexpr std::pair<TermKind, bool ActivationTerms::*> kFlags[] = {
+        {TermKind::kCollision, &ActivationTerms::collision},
+        {TermKind::kBeamType, &ActivationTerms::beam_type},
+        {TermKind::kElectronTransfer, &ActivationTerms::electron_transfer},
+        {TermKind::kEThcD, &ActivationTerms::ethcd},
+        {TermKind::kSupplementalCollision, &ActivationTerms::supplemental_collision},
+        {TermKind::kSupplementalBeamType, &ActivationTerms::supplemental_beam_type},
+        {TermKind::kSupplementalEnergy, &ActivationTerms::supplemental_energy}};
     const VocabularyTerm* term = find_term(accession);
     if (term == nullptr) {
         return;
     }
-    switch (term->kind) {
-        case TermKind::kCollision:
-            terms.collision = true;
-            break;
-        case TermKind::kBeamType:
-            terms.beam_type = true;
-            break;
-        case TermKind::kElectronTransfer:
-            terms.electron_transfer = true;
-            break;
-        case TermKind::kEThcD:
-            terms.ethcd = true;
-            break;
-        case TermKind::kSupplementalCollision:
-            terms.supplemental_collision = true;
-            break;
-        case TermKind::kSupplementalBeamType:
-            terms.supplemental_beam_type = true;
-            break;
-        case TermKind::kSupplementalEnergy:
-            terms.supplemental_energy = true;
-            break;
-        case TermKind::kOtherMethod:
-            if (terms.other.empty()) {
-                terms.other = term->short_name;
-            }
-            break;
-        default:
-            break;  // an analyzer, not a method
+    for (const auto& [kind, flag] : kFlags) {
+        if (term->kind == kind) {
+            terms.*flag = true;
+        }
+    }
+    if (term->kind == TermKind::kOtherMethod && terms.other.empty()) {
+        terms.other = term->short_name;
     }
 }
 
