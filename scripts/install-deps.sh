@@ -10,9 +10,10 @@ packages=(
   googletest libgtest-dev libgmock-dev # unit and golden tests
   libbenchmark-dev                    # bench/
   clang-format                        # formatting check in CI
-  libopenms-dev zlib1g-dev            # the mzML/mzXML companion extractor
-  qtbase5-dev libboost-dev            # headers that the OpenMS headers include
-  openms                              # reference converter; the workflow's FDR tools
+  libexpat1-dev zlib1g-dev libpwiz-dev # the mzML/mzXML companion extractor
+  libboost-filesystem-dev libboost-iostreams-dev libboost-thread-dev  # what ProteoWizard's headers call
+  libopenms-dev qtbase5-dev libboost-dev  # OpenMS reference values of the chemistry tools
+  openms libpwiz-tools                # FileConverter and msconvert, peers in the companion benchmark
   snakemake comet-ms                  # the workflow (workflow/): engine and search engine
   python3-matplotlib                  # the workflow report's plots, as inline SVG
   chromium chromium-driver python3-selenium  # the browser test of the workflow report

@@ -187,7 +187,7 @@ class BadInput(unittest.TestCase):
         report = (out / "report.html").read_text(encoding="utf-8")
         self.assertIn("Failed runs", report)
         cases = [("broken", "kSieve failed", "broken.mzML"),
-                 ("thermo", "kSieve failed", "Convert the file to mzML first"),
+                 ("thermo", "kSieve failed", "convert the file to mzML first"),
                  ("cometfail", "search_ksieve failed", "cannot read the spectra")]
         for run, stage, cause in cases:
             with self.subTest(run):

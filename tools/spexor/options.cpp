@@ -29,7 +29,7 @@ int parse_digits(const std::string& text) {
 
 std::string usage_text() {
     return "usage: spexor_xml.exe [-ms] [-a] [-i <intensity digits>] [-m <m/z digits>] "
-           "-o <output directory> <input.mzML|input.mzXML>\n"
+           "-o <output directory> <input.mzML|input.mzXML>[.gz]\n"
            "  -ms  write <stem>.ms1 and <stem>.ms2 (the only output mode)\n"
            "  -a   all MS1 and MS2 scans (the only scan selection)\n"
            "  -i   decimals of peak intensities, 0 to 10 (default 1)\n"
@@ -93,6 +93,15 @@ std::string stem_of(std::string_view path) {
     // The same split as kSieve's own: at the last separator of either kind.
     std::size_t slash = path.find_last_of("\\/");
     std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+    // A compressed run is named by what it holds: run.mzML.gz gives "run".
+    constexpr std::string_view kGzip = ".gz";
+    if (name.size() > kGzip.size() + 1) {
+        std::string_view tail = name.substr(name.size() - kGzip.size());
+        if ((tail[1] == 'g' || tail[1] == 'G') && (tail[2] == 'z' || tail[2] == 'Z') &&
+            tail[0] == '.') {
+            name.remove_suffix(kGzip.size());
+        }
+    }
     std::size_t dot = name.find_last_of('.');
     return std::string(dot == std::string_view::npos ? name : name.substr(0, dot));
 }

@@ -2,7 +2,7 @@
 // numbers, their parent survey scans, and the instrument and activation words
 // that kSieve sorts its output by.
 #include <algorithm>
-#include <stdexcept>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,10 +22,6 @@ std::string_view first_token(std::string_view text) {
     return text.substr(begin, end == std::string_view::npos ? end : end - begin);
 }
 
-bool contains(const std::vector<std::string>& names, std::string_view name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 // The activation that a Thermo filter string chains after ETD in the same
 // fragmentation step ("600.00@etd25.00@hcd20.00" gives "hcd"); "" when none.
 std::string_view supplemental_after_etd(std::string_view filter) {
@@ -43,6 +39,11 @@ std::string_view supplemental_after_etd(std::string_view filter) {
     }
     return rest.substr(next + 1, 3);
 }
+
+// Order of scans in (retention time, place in the file).
+constexpr auto kByTime = [](const auto& a, const auto& b) {
+    return a.rt_seconds < b.rt_seconds || (a.rt_seconds == b.rt_seconds && a.position < b.position);
+};
 
 }  // namespace
 
@@ -69,7 +70,8 @@ int scan_number_from_native_id(std::string_view native_id) {
     return -1;
 }
 
-std::string instrument_type_of(std::string_view filter_string, RunAnalyzers analyzers, int ms_level,
+std::string instrument_type_of(std::string_view filter_string, RunAnalyzers scan_analyzers,
+                               RunAnalyzers run_analyzers, int ms_level,
                                std::string_view activation_type) {
     std::string_view analyzer = first_token(filter_string);
     if (analyzer == "FTMS" || analyzer == "TOFMS") {
@@ -78,8 +80,16 @@ std::string instrument_type_of(std::string_view filter_string, RunAnalyzers anal
     if (analyzer == "ITMS") {
         return "ITMS";
     }
-    if (analyzers.fourier_transform != analyzers.ion_trap) {
-        return analyzers.fourier_transform ? "FTMS" : "ITMS";
+    const bool high_resolution = scan_analyzers.fourier_transform || scan_analyzers.time_of_flight;
+    if (high_resolution != scan_analyzers.ion_trap) {
+        return high_resolution ? "FTMS" : "ITMS";
+    }
+    const RunAnalyzers& run = run_analyzers;
+    if (run.ion_trap && !run.fourier_transform && !run.time_of_flight) {
+        return "ITMS";
+    }
+    if (run.time_of_flight && !run.fourier_transform && !run.ion_trap) {
+        return "FTMS";
     }
     // No evidence for this scan: precursor detection needs high-resolution
     // survey scans, and HCD fragments are read out in the Orbitrap of a hybrid
@@ -90,27 +100,73 @@ std::string instrument_type_of(std::string_view filter_string, RunAnalyzers anal
     return "ITMS";
 }
 
-std::string activation_type_of(const std::vector<std::string>& method_names,
-                               std::string_view filter_string) {
-    bool beam_type = contains(method_names, "HCID");
-    bool collision = contains(method_names, "CID") || contains(method_names, "LCID");
-    if (contains(method_names, "ETD")) {
-        std::string_view supplemental = supplemental_after_etd(filter_string);
-        if (beam_type || supplemental == "hcd") {
+std::string activation_type_of(const ActivationTerms& terms, std::string_view filter_string) {
+    if (terms.ethcd) {
+        return "ETHCD";
+    }
+    if (terms.electron_transfer) {
+        // The supplemental energy's own type first, then a second method named
+        // beside ETD, then the filter string's chain.
+        if (terms.supplemental_beam_type) {
             return "ETHCD";
         }
-        if (collision || supplemental == "cid") {
+        if (terms.supplemental_collision) {
+            return "ETCID";
+        }
+        std::string_view chained = supplemental_after_etd(filter_string);
+        if (terms.beam_type || chained == "hcd") {
+            return "ETHCD";
+        }
+        if (terms.collision || chained == "cid") {
             return "ETCID";
         }
         return "ETD";
     }
-    if (beam_type) {
+    if (terms.beam_type) {
         return "HCD";
     }
-    if (collision) {
+    if (terms.collision) {
         return "CID";
     }
-    return method_names.empty() ? std::string() : method_names.front();
+    return terms.other;
+}
+
+std::string inferred_activation_type(std::string_view run_activation,
+                                     std::string_view filter_string, RunAnalyzers analyzers) {
+    if (!run_activation.empty()) {
+        return std::string(run_activation);
+    }
+    std::string_view analyzer = first_token(filter_string);
+    if (analyzer == "FTMS" || analyzer == "TOFMS") {
+        return "HCD";
+    }
+    if (analyzer == "ITMS") {
+        return "CID";
+    }
+    const bool high_resolution = analyzers.fourier_transform || analyzers.time_of_flight;
+    return high_resolution && !analyzers.ion_trap ? "HCD" : "CID";
+}
+
+bool gate_processes(std::string_view activation_type, std::string_view instrument_type) {
+    constexpr std::string_view kProcessed[] = {"CID", "HCD", "ETD", "ETCID", "ETHCD"};
+    // The reader keeps the first two letters of the instrument word.
+    std::string_view instrument = instrument_type.substr(0, 2);
+    return std::find(std::begin(kProcessed), std::end(kProcessed), activation_type) !=
+               std::end(kProcessed) &&
+           (instrument == "FT" || instrument == "IT");
+}
+
+bool looks_like_profile(const std::vector<double>& mz) {
+    constexpr std::size_t kMinPoints = 5;
+    constexpr double kProfileSpacing = 0.05;
+    if (mz.size() < kMinPoints) {
+        return false;
+    }
+    std::size_t close = 0;
+    for (std::size_t i = 1; i < mz.size(); ++i) {
+        close += mz[i] - mz[i - 1] < kProfileSpacing ? 1 : 0;
+    }
+    return 2 * close > mz.size() - 1;
 }
 
 void append_declared_precursors(std::vector<DeclaredPrecursor>& out, double mz, int charge,
@@ -131,79 +187,40 @@ void append_declared_precursors(std::vector<DeclaredPrecursor>& out, double mz, 
     }
 }
 
-void RunIndex::add(std::string_view native_id, int ms_level, double rt_seconds,
-                   double isolation_target) {
-    if (m_finished) {
-        throw std::logic_error("RunIndex::add after finish");
+int ScanNumbering::number(std::string_view native_id, int ms_level, std::size_t position) {
+    if (!m_native) {
+        return static_cast<int>(position + 1);
     }
-    std::size_t index = m_entries.size();
-    m_entries.push_back(
-        {scan_number_from_native_id(native_id), ms_level, rt_seconds, isolation_target});
-    if (ms_level == 1) {
-        m_survey_by_id.emplace(std::string(native_id), index);
+    int number = scan_number_from_native_id(native_id);
+    if (ms_level != 1 && ms_level != 2) {
+        return number < 0 ? static_cast<int>(position + 1) : number;  // not written
     }
-}
-
-void RunIndex::finish() {
-    m_finished = true;
-    int last_number[3] = {-1, -1, -1};
-    m_native_numbers = true;
-    for (const Entry& entry : m_entries) {
-        if (entry.ms_level != 1 && entry.ms_level != 2) {
-            continue;
-        }
-        int& last = last_number[entry.ms_level];
-        if (entry.native_number < 0 || entry.native_number <= last) {
-            m_native_numbers = false;
-            break;
-        }
-        last = entry.native_number;
+    if (number < 0 || number <= m_last[ms_level]) {
+        return -1;
     }
-    m_survey_by_time.clear();
-    for (std::size_t i = 0; i < m_entries.size(); ++i) {
-        if (m_entries[i].ms_level == 1) {
-            m_survey_by_time.push_back(i);
-        }
-    }
-    std::stable_sort(m_survey_by_time.begin(), m_survey_by_time.end(),
-                     [this](std::size_t a, std::size_t b) {
-                         return m_entries[a].rt_seconds < m_entries[b].rt_seconds;
-                     });
+    m_last[ms_level] = number;
+    return number;
 }
 
-int RunIndex::number(std::size_t index) const {
-    return m_native_numbers ? m_entries.at(index).native_number : static_cast<int>(index + 1);
+void SurveyScans::add(const std::string& native_id, int number, double rt_seconds,
+                      std::size_t position) {
+    Entry entry{rt_seconds, position, number};
+    // Survey scans nearly always come in time order, so this is an append.
+    m_by_time.insert(std::upper_bound(m_by_time.begin(), m_by_time.end(), entry, kByTime), entry);
+    m_by_id.emplace(native_id, number);
 }
 
-int RunIndex::ms_level(std::size_t index) const {
-    return m_entries.at(index).ms_level;
-}
-
-double RunIndex::isolation_target(std::size_t index) const {
-    return m_entries.at(index).isolation_target;
-}
-
-std::size_t RunIndex::count_of_level(int level) const {
-    return static_cast<std::size_t>(
-        std::count_if(m_entries.begin(), m_entries.end(),
-                      [level](const Entry& entry) { return entry.ms_level == level; }));
-}
-
-int RunIndex::parent_of(std::size_t index, const std::string& spectrum_ref) const {
+int SurveyScans::parent_of(const std::string& spectrum_ref, double rt_seconds,
+                           std::size_t position) const {
     if (!spectrum_ref.empty()) {
-        auto named = m_survey_by_id.find(spectrum_ref);
-        if (named != m_survey_by_id.end()) {
-            return number(named->second);
+        auto named = m_by_id.find(spectrum_ref);
+        if (named != m_by_id.end()) {
+            return named->second;
         }
     }
-    const double rt = m_entries.at(index).rt_seconds;
-    // First survey scan that comes after this spectrum in (time, file position).
-    auto after = std::upper_bound(m_survey_by_time.begin(), m_survey_by_time.end(), index,
-                                  [this, rt](std::size_t self, std::size_t survey) {
-                                      double survey_rt = m_entries[survey].rt_seconds;
-                                      return rt < survey_rt || (rt == survey_rt && self < survey);
-                                  });
-    return after == m_survey_by_time.begin() ? 0 : number(*(after - 1));
+    auto after = std::upper_bound(m_by_time.begin(), m_by_time.end(),
+                                  Entry{rt_seconds, position, 0}, kByTime);
+    return after == m_by_time.begin() ? 0 : (after - 1)->number;
 }
 
 }  // namespace ksieve::spexor

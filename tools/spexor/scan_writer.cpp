@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -22,10 +23,57 @@ namespace {
 constexpr int kRetentionDigits = 6;  // minutes: 0.06 ms steps
 constexpr int kInjectionDigits = 4;  // milliseconds
 
-void append_fixed(std::string& text, double value, int digits) {
+void append_fixed_exact(std::string& text, double value, int digits) {
     char buffer[400];  // the longest fixed form of a finite double with 10 decimals
     auto result =
         std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, digits);
+    text.append(buffer, result.ptr);
+}
+
+}  // namespace
+
+void append_fixed(std::string& text, double value, int digits) {
+    static constexpr double kScale[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10};
+    static constexpr std::uint64_t kPower[] = {
+        1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000, 1000000000, 10000000000};
+    const double magnitude = std::fabs(value);
+    // The product is within half an ulp of the exact one; only a product that
+    // close to a rounding boundary, or too large for exact integers, needs the
+    // exact digits.
+    const double scaled = magnitude * kScale[digits];
+    const double floor = std::floor(scaled);
+    const double fraction = scaled - floor;
+    const double margin = scaled * 4e-16;
+    if (!(scaled < 1e15) || std::fabs(fraction - 0.5) <= margin) {
+        append_fixed_exact(text, value, digits);
+        return;
+    }
+    const std::uint64_t units = static_cast<std::uint64_t>(floor) + (fraction > 0.5 ? 1 : 0);
+    char buffer[48];
+    char* at = buffer;
+    if (std::signbit(value)) {
+        *at++ = '-';
+    }
+    at = std::to_chars(at, buffer + sizeof buffer, units / kPower[digits]).ptr;
+    if (digits > 0) {
+        *at++ = '.';
+        char decimals[16];
+        char* end = std::to_chars(decimals, decimals + sizeof decimals, units % kPower[digits]).ptr;
+        const auto length = end - decimals;
+        std::memset(at, '0', static_cast<std::size_t>(digits - length));
+        at += digits - length;
+        std::memcpy(at, decimals, static_cast<std::size_t>(length));
+        at += length;
+    }
+    text.append(buffer, at);
+}
+
+namespace {
+
+// Volts as the file gives them: "-45", "-47.5".
+void append_shortest(std::string& text, double value) {
+    char buffer[32];
+    auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
     text.append(buffer, result.ptr);
 }
 
@@ -69,6 +117,11 @@ void append_scan(std::string& text, const ScanRecord& scan, const Options& digit
     append_info(text, "Centroiding");
     text += scan.centroiding;
     text += '\n';
+    if (scan.faims_cv) {
+        append_info(text, "CompensationVoltage");
+        append_shortest(text, *scan.faims_cv);
+        text += '\n';
+    }
     ms2_extra();
     for (const PeakPoint& peak : scan.peaks) {
         append_fixed(text, peak.mz, digits.mz_digits);

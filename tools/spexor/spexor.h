@@ -3,8 +3,10 @@
 // marker `<stem>.spexor` that tells kSieve the pair is complete.
 //
 // This header is the contract of the extractor's parts. Options, scan numbering,
-// instrument and activation naming, the text layout and the output files need
-// only the standard library; `extract_run` is the one part built on OpenMS.
+// instrument and activation naming, the account, the text layout and the
+// output files need only the standard library; `extract_run` reads the file
+// through xml_reader.h (expat, zlib, the vocabulary table) and hands the
+// spectra to a second thread through pipe.h.
 //
 // Failures are exceptions derived from std::exception with a message meant for
 // the user; the executable prints it on standard error and exits non-zero.
@@ -13,7 +15,9 @@
 #include <cstddef>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -44,8 +48,9 @@ struct ParsedOptions {
 ParsedOptions parse_options(const std::vector<std::string>& args);
 std::string usage_text();
 
-// The file name of `path` without its directory and its last extension
-// ("/data/run.1.mzML" gives "run.1"); a name without a dot is its own stem.
+// The file name of `path` without its directory, a ".gz" suffix and then its
+// last extension ("/data/run.1.mzML" gives "run.1", "run.mzML.gz" gives "run");
+// a name without a dot is its own stem.
 std::string stem_of(std::string_view path);
 
 // ---- scan numbers, instrument and activation ---------------------------------
@@ -54,25 +59,59 @@ std::string stem_of(std::string_view path);
 // scan=N", mzXML "scan=N"); -1 when the ID has no such token.
 int scan_number_from_native_id(std::string_view native_id);
 
-// The analyzer kinds that the run's metadata lists.
+// The analyzer kinds that an instrument configuration lists.
 struct RunAnalyzers {
-    bool fourier_transform = false;  // Orbitrap, FT-ICR and TOF: high resolution
+    bool fourier_transform = false;  // Orbitrap and FT-ICR
+    bool time_of_flight = false;
     bool ion_trap = false;
 };
 
 // "FTMS" or "ITMS", the words whose first letter the reader turns into "FT" or
-// "IT". Evidence in order of trust: the scan's own filter string ("FTMS + p ...");
-// then the run's analyzers when they are of one kind; otherwise a survey scan is
-// taken for high resolution, and a fragment scan for the trap unless it is HCD.
-std::string instrument_type_of(std::string_view filter_string, RunAnalyzers analyzers, int ms_level,
+// "IT". Evidence in order of trust: the scan's own filter string ("FTMS + p
+// ..."); the analyzers of the scan's own instrument configuration when the run
+// has several (hybrids list one per readout) and they are of one kind; the
+// run's analyzers when they are all ion traps or all time-of-flight. A single
+// Orbitrap or FT-ICR configuration does not tell where a hybrid read its
+// fragments, so then a survey scan is taken for high resolution, and a fragment
+// scan for the trap unless it is HCD.
+std::string instrument_type_of(std::string_view filter_string, RunAnalyzers scan_analyzers,
+                               RunAnalyzers run_analyzers, int ms_level,
                                std::string_view activation_type);
 
-// The activation word of an MS2 scan from the library's short names of its
-// activation methods: CID, HCD (beam-type CID), ETD, ETHCD and ETCID (ETD with
-// supplemental activation, seen in the filter string "...@etd25.00@hcd20.00");
-// any other method by the library's own name; "" when none is declared.
-std::string activation_type_of(const std::vector<std::string>& method_names,
-                               std::string_view filter_string);
+// The dissociation terms of one precursor's activation, sorted into the
+// families kSieve knows by the vocabulary's is-a relations.
+struct ActivationTerms {
+    bool collision = false;               // collision-induced dissociation and its kinds
+    bool beam_type = false;               // beam-type CID (HCD) and its kinds
+    bool electron_transfer = false;       // ETD and its kinds
+    bool ethcd = false;                   // the combined term EThcD
+    bool supplemental_collision = false;  // supplemental (trap-type) CID
+    bool supplemental_beam_type = false;  // supplemental beam-type CID
+    bool supplemental_energy = false;     // a supplemental collision energy, of no stated type
+    std::string other;                    // short name of the first method with no kSieve meaning
+};
+
+// The activation word of an MS2 scan: CID, HCD, ETD, ETHCD and ETCID (ETD with
+// supplemental activation, by the supplemental energy's type, else by the
+// filter string's chain "...@etd25.00@hcd20.00"); any other method by its own
+// short name; "" when the scan names none.
+std::string activation_type_of(const ActivationTerms& terms, std::string_view filter_string);
+
+// The word for a scan that names no method: the run's own, as the nearest
+// earlier MS2 scan named it; else what the filter string's analyzer implies
+// (HCD for FTMS, CID for ITMS); else what the analyzers imply (HCD for Orbitrap,
+// FT-ICR and TOF, CID for ion traps and hybrids of both); else CID.
+std::string inferred_activation_type(std::string_view run_activation,
+                                     std::string_view filter_string, RunAnalyzers analyzers);
+
+// True when kSieve's scan gate processes a scan of this activation and
+// instrument word (CID, HCD, ETD, ETCID, ETHCD read out in FT or IT).
+bool gate_processes(std::string_view activation_type, std::string_view instrument_type);
+
+// Whether peaks declared as profile data really are: converters keep the
+// declaration after centroiding, so the points must also lie close together
+// (most neighbours under 0.05 m/z apart, at least 5 points). `mz` ascending.
+bool looks_like_profile(const std::vector<double>& mz);
 
 // One precursor as a `Z` line carries it.
 struct DeclaredPrecursor {
@@ -86,44 +125,68 @@ struct DeclaredPrecursor {
 void append_declared_precursors(std::vector<DeclaredPrecursor>& out, double mz, int charge,
                                 const std::vector<int>& possible_charges);
 
-// The numbering and parent scans of one run, built from a first pass over the
-// spectrum metadata in file order. Spectra are counted from 0 in file order.
-class RunIndex {
+// Scan numbers while the file is read once: the native IDs' "scan=N" as long as
+// every MS1 and MS2 spectrum has one and they rise within each level (other
+// levels are not written and do not count). When a spectrum breaks this, the
+// run must be numbered by position + 1, which always rises, from the start.
+class ScanNumbering {
   public:
-    // `isolation_target` is the m/z the instrument isolated (0 when unknown).
-    void add(std::string_view native_id, int ms_level, double rt_seconds, double isolation_target);
-    // Chooses the numbering and orders the survey scans; call once after the last add.
-    void finish();
+    explicit ScanNumbering(bool native) : m_native(native) {}
+    bool uses_native_numbers() const { return m_native; }
+    // The number of the spectrum at `position` (from 0, in file order); -1 when
+    // native numbering breaks at this spectrum.
+    int number(std::string_view native_id, int ms_level, std::size_t position);
 
-    // Scan numbers come from the native IDs when every MS1 and MS2 spectrum has
-    // "scan=N" and the numbers rise within each level in file order; otherwise
-    // every spectrum is numbered by its index + 1, which always rises.
-    bool uses_native_numbers() const { return m_native_numbers; }
-    std::size_t size() const { return m_entries.size(); }
-    int number(std::size_t index) const;
-    int ms_level(std::size_t index) const;
-    double isolation_target(std::size_t index) const;
-    std::size_t count_of_level(int ms_level) const;
+  private:
+    bool m_native;
+    int m_last[3] = {-1, -1, -1};
+};
 
-    // The number of the parent MS1 scan of spectrum `index`: the scan that
-    // `spectrum_ref` names, else the last MS1 scan at or before it in retention
-    // time (file order breaks ties), else 0. Some files store all MS1 spectra
-    // before all MS2 spectra, so file order alone cannot pair them.
-    int parent_of(std::size_t index, const std::string& spectrum_ref) const;
+// The survey scans read so far, to find the parent of each fragment scan while
+// the file is read once. Memory grows with the number of MS1 scans only.
+class SurveyScans {
+  public:
+    // `position` is the spectrum's place in the file.
+    void add(const std::string& native_id, int number, double rt_seconds, std::size_t position);
+
+    // The scan that `spectrum_ref` names when it is a survey scan read so far;
+    // else the last survey scan at or before (`rt_seconds`, `position`) in
+    // retention time, file order breaking ties; else 0. Some files store all MS1
+    // spectra before all MS2 spectra, so file order alone cannot pair them.
+    int parent_of(const std::string& spectrum_ref, double rt_seconds, std::size_t position) const;
 
   private:
     struct Entry {
-        int native_number;
-        int ms_level;
         double rt_seconds;
-        double isolation_target;
+        std::size_t position;
+        int number;
     };
-    std::vector<Entry> m_entries;
-    std::vector<std::size_t> m_survey_by_time;  // MS1 indices by (rt, index)
-    std::unordered_map<std::string, std::size_t> m_survey_by_id;
-    bool m_native_numbers = false;
-    bool m_finished = false;
+    std::vector<Entry> m_by_time;  // ordered by (rt, position)
+    std::unordered_map<std::string, int> m_by_id;
 };
+
+// ---- the account of a conversion ----------------------------------------------
+
+// What happened to every spectrum of the file. ms2_written plus the
+// ms2_not_written counts is ms2_read.
+struct ScanAccount {
+    std::size_t ms1_read = 0;
+    std::size_t ms1_written = 0;
+    std::size_t ms2_read = 0;
+    std::size_t ms2_written = 0;
+    std::map<std::string, std::size_t> ms2_written_by_activation;
+    std::size_t ms2_inferred_activation = 0;
+    std::size_t ms2_gate_will_skip = 0;  // written with a method kSieve does not process
+    std::size_t ms2_not_written_no_peaks = 0;
+    std::size_t msn_not_written = 0;  // MS3 and above
+    std::set<double> faims_cv_values;
+};
+
+// "key\tvalue\n" lines in a fixed order: ms1_read, ms1_written, ms2_read,
+// ms2_written, ms2_written_<ACTIVATION> (one per word written, sorted),
+// ms2_inferred_activation, ms2_gate_will_skip, ms2_not_written_no_peaks,
+// msn_not_written, faims_cv_values (the number of distinct voltages).
+std::string account_text(const ScanAccount& account);
 
 // ---- text layout -----------------------------------------------------------
 
@@ -138,8 +201,9 @@ struct ScanRecord {
     int number = 0;
     double retention_minutes = 0.0;
     std::optional<double> injection_ms;
-    std::string instrument_type;  // "FTMS" or "ITMS"
-    std::string centroiding;      // "as stored" or the name of the peak picker
+    std::string instrument_type;     // "FTMS" or "ITMS"
+    std::string centroiding;         // "as stored" or the name of the peak picker
+    std::optional<double> faims_cv;  // compensation voltage, V, when recorded
     // MS2 only.
     std::string activation_type;  // "" when the file declares none
     double activation_center = 0.0;
@@ -156,6 +220,10 @@ inline constexpr double kProtonMass = 1.007276;
 // Singly protonated mass [M+H]+ of an ion at `mz` with `charge`; 0 for an m/z
 // below 1e-6, which the reader replaces by the isolation target.
 double singly_protonated_mass(double mz, int charge);
+
+// `value` with `digits` decimals (0 to 10), exactly as std::to_chars writes it
+// in fixed notation (correctly rounded), at a fraction of its cost.
+void append_fixed(std::string& text, double value, int digits);
 
 // Header lines "H\t<key>\t<value>\n".
 void append_header_line(std::string& text, std::string_view key, std::string_view value);
@@ -205,24 +273,22 @@ class OutputPair {
     bool m_committed = false;
 };
 
-// ---- extraction (OpenMS) ---------------------------------------------------
+// ---- extraction ---------------------------------------------------------------
 
-// Counts of one finished extraction.
-struct ExtractSummary {
-    std::size_t ms1_written = 0;
-    std::size_t ms2_written = 0;
-    std::size_t centroided_here = 0;  // profile spectra centroided by the peak picker
-    std::size_t skipped_levels = 0;   // MS3 and above: not part of the pair
-    std::size_t skipped_empty = 0;    // no peak left: the reader cannot hold such a scan
-    bool native_numbers = false;
-};
+// Converts `options.input_path` (mzML or mzXML, plain or gzip-compressed) into
+// the pair and marker in `options.output_dir`, which is created when missing;
+// `source_name` is the file name written in the header and whose stem names the
+// outputs. The file is read once. `progress` receives one line at a time,
+// without line end. Throws, leaving no marker, when the file cannot be read
+// whole (a document type declaration, truncated, bad base64, bad compression,
+// arrays of unequal length), has no MS1 scan, or an output cannot be written.
+ScanAccount extract_run(const Options& options, const std::string& source_name,
+                        const std::function<void(const std::string&)>& progress);
 
-// Converts `options.input_path` (mzML or mzXML, any compression the library
-// reads) into the pair and marker in `options.output_dir`, which is created when
-// missing. `progress` receives one line at a time, without line end. Throws when
-// the file cannot be read, has no MS1 scan, or holds a profile MS1 spectrum that
-// gives no centroid.
-ExtractSummary extract_run(const Options& options,
-                           const std::function<void(const std::string&)>& progress);
+// What both companions' main functions do once they have a file to read:
+// converts it, prints progress and then the account on standard output, or one
+// line "<program>: cannot convert <source>: <reason>" on standard error.
+// Returns the exit code: 0 when the pair and the marker are written, else 1.
+int convert_and_report(const char* program, const Options& options, const std::string& source_name);
 
 }  // namespace ksieve::spexor

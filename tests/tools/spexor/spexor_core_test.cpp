@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <cmath>
+#include <random>
+
 #include <string>
 #include <tuple>
 #include <vector>
@@ -23,9 +27,12 @@ TEST(SpexorOptions, RefusesWhatItCannotDo) {
     EXPECT_EQ(parse_options({"-ms", "-a", "-o", "d", "x"}).error, "");
     EXPECT_EQ(stem_of("/data/run.1.mzML"), "run.1");
     EXPECT_EQ(stem_of("C:\\data\\run.mzXML"), "run");
+    EXPECT_EQ(stem_of("/data/run.mzML.gz"), "run");
+    EXPECT_EQ(stem_of("run.mzXML.GZ"), "run");
+    EXPECT_EQ(stem_of(".gz"), "");
 }
 
-TEST(SpexorScanMapping, ScanNumbersInstrumentsActivationsAndCharges) {
+TEST(SpexorScanMapping, ScanNumbersInstrumentsAndCharges) {
     // clang-format off
     const std::pair<const char*, int> ids[] = {
         {"controllerType=0 controllerNumber=1 scan=1764", 1764}, {"scan=12", 12},
@@ -34,28 +41,22 @@ TEST(SpexorScanMapping, ScanNumbersInstrumentsActivationsAndCharges) {
     for (const auto& [id, number] : ids) {
         EXPECT_EQ(scan_number_from_native_id(id), number) << id;
     }
-    // The scan's filter string before the run's analyzers before the scan kind.
-    const RunAnalyzers hybrid{true, true}, orbitrap{true, false}, trap{false, true}, none;
-    const std::tuple<const char*, RunAnalyzers, int, const char*, const char*> instruments[] = {
-        {"ITMS + c NSI d Full ms2", orbitrap, 2, "CID", "ITMS"},
-        {"FTMS + p NSI Full ms", none, 1, "", "FTMS"}, {"TOFMS + p", none, 2, "CID", "FTMS"},
-        {"", trap, 1, "", "ITMS"}, {"", orbitrap, 2, "CID", "FTMS"}, {"", hybrid, 1, "", "FTMS"},
-        {"", hybrid, 2, "HCD", "FTMS"}, {"", none, 2, "CID", "ITMS"}};
-    for (const auto& [filter, run, level, activation, type] : instruments) {
-        EXPECT_EQ(instrument_type_of(filter, run, level, activation), type)
-            << filter << " level " << level << " " << activation;
-    }
-    const std::tuple<std::vector<std::string>, const char*, const char*> activations[] = {
-        {{"HCID"}, "", "HCD"}, {{"CID"}, "", "CID"}, {{"LCID"}, "", "CID"},
-        {{"ETD"}, "FTMS + c NSI d Full ms2 600.00@etd25.00 [1-2]", "ETD"},
-        {{"ETD"}, "FTMS + c d Full ms2 600.00@etd25.00@hcd20.00 [1]", "ETHCD"},
-        {{"ETD"}, "ITMS + c d Full ms2 600.00@etd25.00@cid35.00 [1]", "ETCID"},
-        // A later step of an MS3 filter is no supplemental activation.
-        {{"ETD"}, "ms3 600.00@etd25.00 300.00@hcd30.00", "ETD"}, {{"ETD", "HCID"}, "", "ETHCD"},
-        {{"PQD"}, "", "PQD"}, {{}, "FTMS + c Full ms2 600.00@hcd30.00", ""}};
+    // The filter string, then the scan's own configuration, then a run of
+    // traps or TOFs only, then the scan kind; a lone Orbitrap decides nothing.
+    const RunAnalyzers orbitrap{true, false, false}, tof{false, true, false},
+        trap{false, false, true}, hybrid{true, false, true}, none;
+    const std::tuple<const char*, RunAnalyzers, RunAnalyzers, int, const char*, const char*>
+        instruments[] = {
+        {"ITMS + c NSI d Full ms2", orbitrap, orbitrap, 2, "HCD", "ITMS"},
+        {"FTMS + p NSI Full ms", trap, trap, 1, "", "FTMS"}, {"TOFMS + p", none, none, 2, "CID", "FTMS"},
+        {"", trap, hybrid, 2, "HCD", "ITMS"}, {"", orbitrap, hybrid, 2, "CID", "FTMS"},
+        {"", none, trap, 1, "", "ITMS"}, {"", none, tof, 2, "CID", "FTMS"},
+        {"", none, orbitrap, 2, "CID", "ITMS"}, {"", none, orbitrap, 2, "HCD", "FTMS"},
+        {"", none, hybrid, 1, "", "FTMS"}, {"", none, none, 2, "ETD", "ITMS"}};
     // clang-format on
-    for (const auto& [methods, filter, word] : activations) {
-        EXPECT_EQ(activation_type_of(methods, filter), word) << filter;
+    for (const auto& [filter, own, run, level, activation, type] : instruments) {
+        EXPECT_EQ(instrument_type_of(filter, own, run, level, activation), type)
+            << filter << " level " << level << " " << activation;
     }
 
     std::vector<DeclaredPrecursor> out;
@@ -68,38 +69,150 @@ TEST(SpexorScanMapping, ScanNumbersInstrumentsActivationsAndCharges) {
     EXPECT_EQ(out[3].mz, 700.0);
 }
 
-// Spectra with IDs `<key><number>`, of the given levels and times, in file order.
-RunIndex run_of(const std::string& key, const std::vector<int>& numbers,
-                const std::vector<int>& levels, const std::vector<double>& times) {
-    RunIndex run;
-    for (std::size_t i = 0; i < numbers.size(); ++i) {
-        run.add(key + std::to_string(numbers[i]), levels[i], times[i], 0.0);
+ActivationTerms terms(std::initializer_list<bool ActivationTerms::*> flags,
+                      std::string other = "") {
+    ActivationTerms t;
+    for (bool ActivationTerms::*flag : flags) {
+        t.*flag = true;
     }
-    run.finish();
-    return run;
+    t.other = std::move(other);
+    return t;
 }
 
-TEST(SpexorRunIndex, NumbersAndParents) {
-    RunIndex thermo = run_of("scan=", {10, 11, 5, 12}, {1, 2, 3, 1}, {1, 2, 3, 4});  // MS3 aside
-    EXPECT_EQ(thermo.number(3), 12);
-    // Two runs appended: the MS1 numbers fall, so every spectrum counts from 1.
-    RunIndex merged = run_of("scan=", {3, 4, 1}, {1, 2, 1}, {1, 2, 3});
-    EXPECT_FALSE(merged.uses_native_numbers());
-    EXPECT_EQ(merged.number(2), 3);
+TEST(SpexorScanMapping, ActivationWordsInferenceAndGate) {
+    using T = ActivationTerms;
+    // clang-format off
+    const std::tuple<ActivationTerms, const char*, const char*> words[] = {
+        {terms({&T::collision}), "", "CID"}, {terms({&T::beam_type}), "", "HCD"},
+        {terms({&T::electron_transfer}), "FTMS + c d Full ms2 600.00@etd25.00 [1]", "ETD"},
+        {terms({&T::ethcd}), "", "ETHCD"},
+        {terms({&T::electron_transfer, &T::supplemental_beam_type}), "", "ETHCD"},
+        {terms({&T::electron_transfer, &T::supplemental_collision}), "", "ETCID"},
+        {terms({&T::electron_transfer, &T::beam_type}), "", "ETHCD"},
+        {terms({&T::electron_transfer, &T::collision}), "", "ETCID"},
+        // A supplemental energy of no stated type: the filter string's chain.
+        {terms({&T::electron_transfer, &T::supplemental_energy}),
+         "FTMS + c d Full ms2 600.00@etd25.00@hcd20.00 [1]", "ETHCD"},
+        {terms({&T::electron_transfer}), "ITMS + c d Full ms2 600.00@etd25.00@cid35.00 [1]", "ETCID"},
+        // A later step of an MS3 filter is no supplemental activation.
+        {terms({&T::electron_transfer}), "ms3 600.00@etd25.00 300.00@hcd30.00", "ETD"},
+        {terms({}, "ECD"), "", "ECD"}, {terms({}), "FTMS + c Full ms2 600.00@hcd30.00", ""}};
+    // clang-format on
+    for (const auto& [t, filter, word] : words) {
+        EXPECT_EQ(activation_type_of(t, filter), word) << filter;
+    }
+    const RunAnalyzers orbitrap{true, false, false}, tof{false, true, false},
+        trap{false, false, true}, hybrid{true, false, true}, none;
+    EXPECT_EQ(inferred_activation_type("ETHCD", "ITMS + c", trap), "ETHCD");  // the run's word
+    EXPECT_EQ(inferred_activation_type("", "ITMS + c Full ms2", orbitrap), "CID");
+    EXPECT_EQ(inferred_activation_type("", "FTMS + c Full ms2", trap), "HCD");
+    for (const auto& [analyzers, word] :
+         {std::pair{orbitrap, "HCD"}, std::pair{tof, "HCD"}, std::pair{trap, "CID"},
+          std::pair{hybrid, "CID"}, std::pair{none, "CID"}}) {
+        EXPECT_EQ(inferred_activation_type("", "", analyzers), word);
+    }
+    for (const char* word : {"CID", "HCD", "ETD", "ETCID", "ETHCD"}) {
+        EXPECT_TRUE(gate_processes(word, "FTMS"));
+        EXPECT_TRUE(gate_processes(word, "ITMS"));
+    }
+    EXPECT_FALSE(gate_processes("ECD", "FTMS"));
+    EXPECT_FALSE(gate_processes("cid", "ITMS"));
+    EXPECT_FALSE(gate_processes("HCD", "TOF"));
+}
 
-    // All MS1 spectra stored before all MS2 spectra.
-    RunIndex run = run_of("spectrum=", {1, 2, 3, 4, 5, 6, 7}, {1, 1, 1, 2, 2, 2, 2},
-                          {10, 20, 30, 5, 20, 29.9, 31});
-    EXPECT_EQ(run.parent_of(3, ""), 0);  // nothing before it
-    EXPECT_EQ(run.parent_of(4, ""), 2);  // equal time counts as before
-    EXPECT_EQ(run.parent_of(6, ""), 3);
-    EXPECT_EQ(run.parent_of(6, "spectrum=1"), 1);
-    EXPECT_EQ(run.parent_of(5, "spectrum=99"), 2);  // unknown reference
-    EXPECT_EQ(run.parent_of(5, "spectrum=4"), 2);   // not a survey scan
+TEST(SpexorScanMapping, ProfileDataLookDense) {
+    EXPECT_TRUE(looks_like_profile({500.0, 500.01, 500.02, 500.03, 500.04, 501.0}));
+    EXPECT_FALSE(looks_like_profile({500.0, 500.01, 500.02, 500.03}));  // too few points
+    EXPECT_FALSE(looks_like_profile({500.0, 500.33, 500.67, 501.0, 501.01, 502.0}));
+}
+
+TEST(SpexorNumbering, NativeNumbersUntilTheyBreak) {
+    ScanNumbering thermo(true);
+    EXPECT_EQ(thermo.number("scan=10", 1, 0), 10);
+    EXPECT_EQ(thermo.number("scan=11", 2, 1), 11);
+    EXPECT_EQ(thermo.number("scan=5", 3, 2), 5);  // MS3 is not written: it does not count
+    EXPECT_EQ(thermo.number("scan=12", 1, 3), 12);
+    // Two runs appended: MS1 numbers fall.
+    ScanNumbering merged(true);
+    EXPECT_EQ(merged.number("scan=3", 1, 0), 3);
+    EXPECT_EQ(merged.number("scan=1", 1, 1), -1);
+    EXPECT_EQ(ScanNumbering(true).number("spectrum=4", 2, 0), -1);
+    // By position, whatever the IDs.
+    ScanNumbering by_position(false);
+    EXPECT_EQ(by_position.number("scan=3", 1, 0), 1);
+    EXPECT_EQ(by_position.number("spectrum=1", 2, 6), 7);
+}
+
+TEST(SpexorNumbering, ParentsAreSurveyScansReadSoFar) {
+    // All MS1 spectra stored before all MS2 spectra, at times 10, 20, 30 s.
+    SurveyScans surveys;
+    for (int i = 0; i < 3; ++i) {
+        surveys.add("spectrum=" + std::to_string(i + 1), i + 1, 10.0 * (i + 1),
+                    static_cast<std::size_t>(i));
+    }
+    const std::tuple<const char*, double, std::size_t, int> parents[] = {
+        {"", 5.0, 3, 0},   // nothing before it
+        {"", 20.0, 4, 2},  // equal time counts as before
+        {"", 29.9, 5, 2},
+        {"spectrum=1", 29.9, 5, 1},
+        {"spectrum=99", 31.0, 6, 3},  // unknown reference
+        {"spectrum=4", 31.0, 6, 3}};  // not a survey scan
+    for (const auto& [ref, rt, position, parent] : parents) {
+        EXPECT_EQ(surveys.parent_of(ref, rt, position), parent) << ref << " " << rt;
+    }
     // No retention times at all: file order decides.
-    RunIndex no_times = run_of("scan=", {1, 2, 3, 4}, {1, 2, 1, 2}, {0, 0, 0, 0});
-    EXPECT_EQ(no_times.parent_of(1, ""), 1);
-    EXPECT_EQ(no_times.parent_of(3, ""), 3);
+    SurveyScans untimed;
+    untimed.add("scan=1", 1, 0.0, 0);
+    untimed.add("scan=3", 3, 0.0, 2);
+    EXPECT_EQ(untimed.parent_of("", 0.0, 1), 1);
+    EXPECT_EQ(untimed.parent_of("", 0.0, 3), 3);
+}
+
+TEST(SpexorAccount, FixedKeysInFixedOrder) {
+    ScanAccount account;
+    account.ms1_read = 3;
+    account.ms1_written = 2;
+    account.ms2_read = 7;
+    account.ms2_written = 6;
+    account.ms2_written_by_activation = {{"HCD", 4}, {"ECD", 2}};
+    account.ms2_inferred_activation = 1;
+    account.ms2_gate_will_skip = 2;
+    account.ms2_not_written_no_peaks = 1;
+    account.msn_not_written = 5;
+    account.faims_cv_values = {-45.0, -55.0};
+    EXPECT_EQ(account_text(account),
+              "ms1_read\t3\nms1_written\t2\nms2_read\t7\nms2_written\t6\nms2_written_ECD\t2\n"
+              "ms2_written_HCD\t4\nms2_inferred_activation\t1\nms2_gate_will_skip\t2\n"
+              "ms2_not_written_no_peaks\t1\nmsn_not_written\t5\nfaims_cv_values\t2\n");
+}
+
+// The fast fixed-point writer gives std::to_chars's digits: values around
+// rounding ties, huge and tiny values, and a sweep of peak-like numbers.
+TEST(SpexorScanText, FixedDigitsAsToChars) {
+    auto exact = [](double value, int digits) {
+        char buffer[400];
+        auto end =
+            std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, digits)
+                .ptr;
+        return std::string(buffer, end);
+    };
+    std::vector<double> values = {0.0,   -0.0,   0.5,       1.5,   2.5,   0.125,
+                                  0.375, 1e-9,   -0.0004,   1e15,  3e20,  1e300,
+                                  0.05,  123.45, 914.44066, 2.675, 1.005, 9.9999999995};
+    std::mt19937_64 random(7);
+    std::uniform_real_distribution<double> mz(50.0, 4000.0), intensity(0.0, 1e10);
+    for (int i = 0; i < 20000; ++i) {
+        values.push_back(mz(random));
+        values.push_back(intensity(random));
+        values.push_back(std::round(mz(random) * 1e5) / 1e5 + 5e-6);  // ties in decimal
+    }
+    for (double value : values) {
+        for (int digits = 0; digits <= 10; ++digits) {
+            std::string fast;
+            append_fixed(fast, value, digits);
+            ASSERT_EQ(fast, exact(value, digits)) << value << " " << digits;
+        }
+    }
 }
 
 // Values the file does not give are left out rather than invented: no
@@ -109,13 +222,13 @@ TEST(SpexorScanText, UnknownValuesAreLeftOut) {
     bare.number = 7;
     bare.retention_minutes = 1.5;
     bare.instrument_type = "ITMS";
-    bare.centroiding = "PeakPickerHiRes";
+    bare.centroiding = "CwtPeakDetector";
     bare.peaks = {{370.207275390625, 34887.078125}};
     std::string ms2;
     append_ms2_scan(ms2, bare, Options{3, 2, "", ""});
     EXPECT_EQ(ms2,
               "S\t7\t7\nI\tRetTime\t1.500000\nI\tInstrumentType\tITMS\nI\tCentroiding\t"
-              "PeakPickerHiRes\nI\tActivationCenter\t0.00\n370.21 34887.078\n");
+              "CwtPeakDetector\nI\tActivationCenter\t0.00\n370.21 34887.078\n");
 }
 
 }  // namespace
