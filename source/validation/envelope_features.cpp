@@ -1,0 +1,235 @@
+// The evidence on one precursor: its isotope envelope summed over the ten MS1
+// slices and compared with the expected pattern under several readings, the
+// signal between its isotope peaks, and the elution profiles of its isotopes.
+#include <algorithm>
+#include <cmath>
+
+#include "validation.h"
+
+namespace ksieve {
+
+namespace {
+
+constexpr double kSpacing = kPeptideIsotopeSpacing;
+constexpr double kProtonMass = 1.007276;
+constexpr std::size_t kSlices = 10;
+// Envelope positions looked at: two below the mono-isotopic peak to five above.
+constexpr int kLowest = -2;
+constexpr int kHighest = 5;
+constexpr std::size_t kPositions = kHighest - kLowest + 1;
+
+using Profile = std::array<double, kSlices>;
+
+// The most intense peak of `peaks` strictly within `tolerance` of `mz`; 0 when none.
+double peak_at(const PeakList& peaks, double mz, double tolerance) {
+    auto it = std::lower_bound(peaks.begin(), peaks.end(), mz - tolerance,
+                               [](const Peak& peak, double value) { return peak.m_mz < value; });
+    double best = 0.0;
+    for (; it != peaks.end() && it->m_mz < mz + tolerance; ++it) {
+        if (it->m_mz > mz - tolerance) {
+            best = std::max(best, it->m_intensity);
+        }
+    }
+    return best;
+}
+
+// The intensity at `mz` in every slice.
+Profile profile_at(const ValidationInput& input, double mz) {
+    Profile profile{};
+    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
+    const Ms1Slices& slices = *input.m_slices;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        profile[s] = peak_at(slices[s], mz, tolerance);
+    }
+    return profile;
+}
+
+double total(const Profile& profile) {
+    double sum = 0.0;
+    for (double value : profile) {
+        sum += value;
+    }
+    return sum;
+}
+
+// Summed intensity at isotope positions kLowest + half .. kHighest + half, in
+// spacings (index 0 is kLowest); `half` 0.5 looks between the peaks.
+std::array<double, kPositions> envelope(const ValidationInput& input, double mz, int charge,
+                                        double half) {
+    std::array<double, kPositions> sums{};
+    for (int k = kLowest; k <= kHighest; ++k) {
+        const double at = mz + (k + half) * kSpacing / charge;
+        sums[static_cast<std::size_t>(k - kLowest)] = total(profile_at(input, at));
+    }
+    return sums;
+}
+
+const std::array<double, 5>* table_row(const IsotopeTable& table, double mz, int charge) {
+    const double mass = charge * mz - charge * kProtonMass + kProtonMass;
+    if (!(mass > 0.0) || mass >= static_cast<double>(table.size())) {
+        return nullptr;
+    }
+    return &table[static_cast<std::size_t>(mass)];
+}
+
+// Cosine between the observed cells from one below the mono-isotopic peak to four
+// above it and the expected pattern with a zero in front: signal below the mono
+// lowers it. 0 without an expected pattern or without signal.
+double pattern_fit(const ValidationInput& input, double mz, int charge) {
+    const std::array<double, 5>* row = table_row(*input.m_table, mz, charge);
+    if (row == nullptr || charge < 1) {
+        return 0.0;
+    }
+    const auto observed = envelope(input, mz, charge, 0.0);
+    double dot = 0.0;
+    double seen = 0.0;
+    double expected = 0.0;
+    for (int k = -1; k <= 4; ++k) {
+        const double o = observed[static_cast<std::size_t>(k - kLowest)];
+        const double e = k < 0 ? 0.0 : (*row)[static_cast<std::size_t>(k)];
+        dot += o * e;
+        seen += o * o;
+        expected += e * e;
+    }
+    return seen > 0.0 && expected > 0.0 ? dot / std::sqrt(seen * expected) : 0.0;
+}
+
+double pearson(const Profile& a, const Profile& b) {
+    const double mean_a = total(a) / kSlices;
+    const double mean_b = total(b) / kSlices;
+    double ab = 0.0;
+    double aa = 0.0;
+    double bb = 0.0;
+    for (std::size_t s = 0; s < kSlices; ++s) {
+        ab += (a[s] - mean_a) * (b[s] - mean_b);
+        aa += (a[s] - mean_a) * (a[s] - mean_a);
+        bb += (b[s] - mean_b) * (b[s] - mean_b);
+    }
+    return aa > 0.0 && bb > 0.0 ? ab / std::sqrt(aa * bb) : 0.0;
+}
+
+// Mean correlation of the mono-isotopic profile with those of isotopes 1 and 2;
+// -1 when the mono-isotopic peak is seen nowhere.
+double elution_correlation(const ValidationInput& input, const Precursor& p) {
+    const Profile mono = profile_at(input, p.m_mz);
+    if (total(mono) <= 0.0) {
+        return -1.0;
+    }
+    const double step = kSpacing / p.m_charge;
+    return 0.5 * (pearson(mono, profile_at(input, p.m_mz + step)) +
+                  pearson(mono, profile_at(input, p.m_mz + 2 * step)));
+}
+
+}  // namespace
+
+double MeasuredMz(const ValidationInput& input, double mz) {
+    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
+    double weighted = 0.0;
+    double sum = 0.0;
+    for (const PeakList& slice : *input.m_slices) {
+        auto it =
+            std::lower_bound(slice.begin(), slice.end(), mz - tolerance,
+                             [](const Peak& peak, double value) { return peak.m_mz < value; });
+        for (; it != slice.end() && it->m_mz < mz + tolerance; ++it) {
+            if (it->m_mz > mz - tolerance) {
+                weighted += it->m_mz * it->m_intensity;
+                sum += it->m_intensity;
+            }
+        }
+    }
+    return sum > 1e-6 ? weighted / sum : mz;
+}
+
+double EnvelopeIntensity(const ValidationInput& input, const Precursor& precursor) {
+    return total(EnvelopeProfile(input, precursor));
+}
+
+std::array<double, 10> EnvelopeProfile(const ValidationInput& input, const Precursor& precursor) {
+    Profile sum{};
+    for (int k = 0; k < 4 && precursor.m_charge > 0; ++k) {
+        const Profile one = profile_at(input, precursor.m_mz + k * kSpacing / precursor.m_charge);
+        for (std::size_t s = 0; s < kSlices; ++s) {
+            sum[s] += one[s];
+        }
+    }
+    return sum;
+}
+
+double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
+                        const Precursor& weak) {
+    const double seen = total(profile_at(input, weak.m_mz));
+    const std::array<double, 5>* row = table_row(*input.m_table, strong.m_mz, strong.m_charge);
+    if (seen <= 0.0 || row == nullptr || strong.m_charge < 1) {
+        return seen > 0.0 ? 1.0 : 0.0;
+    }
+    // The strong reading's pattern scaled as high as its first three peaks allow:
+    // another ion on one of them cannot inflate it.
+    const auto observed = envelope(input, strong.m_mz, strong.m_charge, 0.0);
+    double scale = -1.0;
+    for (std::size_t k = 0; k < 3; ++k) {
+        if ((*row)[k] > 0.0) {
+            const double allowed = observed[k - kLowest] / (*row)[k];
+            scale = scale < 0.0 ? allowed : std::min(scale, allowed);
+        }
+    }
+    scale = std::max(scale, 0.0);
+    const double step = kSpacing / strong.m_charge;
+    const long offset = std::lround((weak.m_mz - strong.m_mz) / step);
+    const double expected =
+        offset >= 0 && offset < 5 ? scale * (*row)[static_cast<std::size_t>(offset)] : 0.0;
+    return std::clamp((seen - expected) / seen, 0.0, 1.0);
+}
+
+double ProfileCorrelation(const std::array<double, 10>& a, const std::array<double, 10>& b) {
+    return pearson(a, b);
+}
+
+ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
+                                             const Precursor& precursor, std::size_t rank,
+                                             double scan_max) {
+    const double mz = precursor.m_mz;
+    const int z = std::max(1, precursor.m_charge);
+    const double fit = pattern_fit(input, mz, z);
+    double other = 0.0;
+    for (int c = 1; c <= 6; ++c) {
+        if (c != z) {
+            other = std::max(other, pattern_fit(input, mz, c));
+        }
+    }
+    const auto whole = envelope(input, mz, z, 0.0);
+    const auto halves = envelope(input, mz, z, 0.5);
+    double on = 0.0;
+    double between = 0.0;
+    double strongest = 0.0;
+    for (int k = 0; k < 4; ++k) {
+        const std::size_t i = static_cast<std::size_t>(k - kLowest);
+        on += whole[i];
+        between += halves[i];
+        strongest = std::max(strongest, whole[i]);
+    }
+    const double mono = whole[static_cast<std::size_t>(-kLowest)];
+    const double below = whole[static_cast<std::size_t>(-1 - kLowest)];
+    const double intensity = EnvelopeIntensity(input, precursor);
+    return {
+        fit,
+        pattern_fit(input, mz - kSpacing / z, z) - fit,
+        pattern_fit(input, mz - 2 * kSpacing / z, z) - fit,
+        other - fit,
+        on > 0.0 ? std::min(2.0, between / on) : 0.0,
+        elution_correlation(input, precursor),
+        mono > 0.0 ? std::min(3.0, below / mono) : 3.0,
+        intensity > 0.0 && scan_max > 0.0 ? std::max(-4.0, std::log10(intensity / scan_max)) : -4.0,
+        rank == 0 ? 1.0 : 0.0,
+        std::log1p(static_cast<double>(rank)),
+        strongest > 0.0 ? mono / strongest : 0.0};
+}
+
+double Support(const ValidationModel& model, const ValidationFeatures& features) {
+    double sum = model.m_bias;
+    for (std::size_t i = 0; i < kValidationFeatures; ++i) {
+        sum += model.m_weights[i] * features[i];
+    }
+    return 1.0 / (1.0 + std::exp(-sum));
+}
+
+}  // namespace ksieve
