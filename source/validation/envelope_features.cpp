@@ -13,9 +13,10 @@ namespace {
 constexpr double kSpacing = kPeptideIsotopeSpacing;
 constexpr double kProtonMass = 1.007276;
 constexpr std::size_t kSlices = 10;
-// Envelope positions looked at: two below the mono-isotopic peak to five above.
-constexpr int kLowest = -2;
-constexpr int kHighest = 5;
+// Envelope positions looked at: three below the mono-isotopic peak (one below the
+// lowest alternative mono-isotopic peak) to four above.
+constexpr int kLowest = -3;
+constexpr int kHighest = 4;
 constexpr std::size_t kPositions = kHighest - kLowest + 1;
 
 using Profile = std::array<double, kSlices>;
@@ -52,14 +53,19 @@ double total(const Profile& profile) {
     return sum;
 }
 
-// Summed intensity at isotope positions kLowest + half .. kHighest + half, in
-// spacings (index 0 is kLowest); `half` 0.5 looks between the peaks.
-std::array<double, kPositions> envelope(const ValidationInput& input, double mz, int charge,
-                                        double half) {
-    std::array<double, kPositions> sums{};
-    for (int k = kLowest; k <= kHighest; ++k) {
-        const double at = mz + (k + half) * kSpacing / charge;
-        sums[static_cast<std::size_t>(k - kLowest)] = total(profile_at(input, at));
+using Envelope = std::array<double, kPositions>;
+
+std::size_t cell(int k) {
+    return static_cast<std::size_t>(k - kLowest);
+}
+
+// Summed intensity at isotope positions from + half .. to + half, in spacings
+// (the others stay 0); `half` 0.5 looks between the peaks.
+Envelope envelope(const ValidationInput& input, double mz, int charge, double half, int from,
+                  int to) {
+    Envelope sums{};
+    for (int k = from; k <= to; ++k) {
+        sums[cell(k)] = total(profile_at(input, mz + (k + half) * kSpacing / charge));
     }
     return sums;
 }
@@ -72,26 +78,30 @@ const std::array<double, 5>* table_row(const IsotopeTable& table, double mz, int
     return &table[static_cast<std::size_t>(mass)];
 }
 
-// Cosine between the observed cells from one below the mono-isotopic peak to four
-// above it and the expected pattern with a zero in front: signal below the mono
-// lowers it. 0 without an expected pattern or without signal.
-double pattern_fit(const ValidationInput& input, double mz, int charge) {
-    const std::array<double, 5>* row = table_row(*input.m_table, mz, charge);
-    if (row == nullptr || charge < 1) {
+// Cosine between the observed cells from one below a mono-isotopic peak `shift`
+// isotopes from the reported one to four above it, and the expected pattern with
+// a zero in front: signal below the mono lowers it. 0 without an expected
+// pattern or without signal. `observed` must hold positions shift - 1 .. shift + 4.
+double cells_fit(const Envelope& observed, int shift, const std::array<double, 5>* row) {
+    if (row == nullptr) {
         return 0.0;
     }
-    const auto observed = envelope(input, mz, charge, 0.0);
     double dot = 0.0;
     double seen = 0.0;
     double expected = 0.0;
     for (int k = -1; k <= 4; ++k) {
-        const double o = observed[static_cast<std::size_t>(k - kLowest)];
+        const double o = observed[cell(shift + k)];
         const double e = k < 0 ? 0.0 : (*row)[static_cast<std::size_t>(k)];
         dot += o * e;
         seen += o * o;
         expected += e * e;
     }
     return seen > 0.0 && expected > 0.0 ? dot / std::sqrt(seen * expected) : 0.0;
+}
+
+double pattern_fit(const ValidationInput& input, double mz, int charge) {
+    return cells_fit(envelope(input, mz, charge, 0.0, -1, 4), 0,
+                     table_row(*input.m_table, mz, charge));
 }
 
 double pearson(const Profile& a, const Profile& b) {
@@ -164,11 +174,11 @@ double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
     }
     // The strong reading's pattern scaled as high as its first three peaks allow:
     // another ion on one of them cannot inflate it.
-    const auto observed = envelope(input, strong.m_mz, strong.m_charge, 0.0);
+    const Envelope observed = envelope(input, strong.m_mz, strong.m_charge, 0.0, 0, 2);
     double scale = -1.0;
     for (std::size_t k = 0; k < 3; ++k) {
         if ((*row)[k] > 0.0) {
-            const double allowed = observed[k - kLowest] / (*row)[k];
+            const double allowed = observed[cell(static_cast<int>(k))] / (*row)[k];
             scale = scale < 0.0 ? allowed : std::min(scale, allowed);
         }
     }
@@ -189,39 +199,36 @@ ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
                                              double scan_max) {
     const double mz = precursor.m_mz;
     const int z = std::max(1, precursor.m_charge);
-    const double fit = pattern_fit(input, mz, z);
+    const IsotopeTable& table = *input.m_table;
+    const Envelope whole = envelope(input, mz, z, 0.0, kLowest, kHighest);
+    const Envelope halves = envelope(input, mz, z, 0.5, 0, 3);
+    const double fit = cells_fit(whole, 0, table_row(table, mz, z));
     double other = 0.0;
     for (int c = 1; c <= 6; ++c) {
         if (c != z) {
             other = std::max(other, pattern_fit(input, mz, c));
         }
     }
-    const auto whole = envelope(input, mz, z, 0.0);
-    const auto halves = envelope(input, mz, z, 0.5);
     double on = 0.0;
     double between = 0.0;
     double strongest = 0.0;
     for (int k = 0; k < 4; ++k) {
-        const std::size_t i = static_cast<std::size_t>(k - kLowest);
-        on += whole[i];
-        between += halves[i];
-        strongest = std::max(strongest, whole[i]);
+        on += whole[cell(k)];
+        between += halves[cell(k)];
+        strongest = std::max(strongest, whole[cell(k)]);
     }
-    const double mono = whole[static_cast<std::size_t>(-kLowest)];
-    const double below = whole[static_cast<std::size_t>(-1 - kLowest)];
-    const double intensity = EnvelopeIntensity(input, precursor);
-    return {
-        fit,
-        pattern_fit(input, mz - kSpacing / z, z) - fit,
-        pattern_fit(input, mz - 2 * kSpacing / z, z) - fit,
-        other - fit,
-        on > 0.0 ? std::min(2.0, between / on) : 0.0,
-        elution_correlation(input, precursor),
-        mono > 0.0 ? std::min(3.0, below / mono) : 3.0,
-        intensity > 0.0 && scan_max > 0.0 ? std::max(-4.0, std::log10(intensity / scan_max)) : -4.0,
-        rank == 0 ? 1.0 : 0.0,
-        std::log1p(static_cast<double>(rank)),
-        strongest > 0.0 ? mono / strongest : 0.0};
+    const double mono = whole[cell(0)];
+    return {fit,
+            cells_fit(whole, -1, table_row(table, mz - kSpacing / z, z)) - fit,
+            cells_fit(whole, -2, table_row(table, mz - 2 * kSpacing / z, z)) - fit,
+            other - fit,
+            on > 0.0 ? std::min(2.0, between / on) : 0.0,
+            elution_correlation(input, precursor),
+            mono > 0.0 ? std::min(3.0, whole[cell(-1)] / mono) : 3.0,
+            on > 0.0 && scan_max > 0.0 ? std::max(-4.0, std::log10(on / scan_max)) : -4.0,
+            rank == 0 ? 1.0 : 0.0,
+            std::log1p(static_cast<double>(rank)),
+            strongest > 0.0 ? mono / strongest : 0.0};
 }
 
 double Support(const ValidationModel& model, const ValidationFeatures& features) {
