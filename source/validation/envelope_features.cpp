@@ -182,12 +182,20 @@ double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
             scale = scale < 0.0 ? allowed : std::min(scale, allowed);
         }
     }
-    scale = std::max(scale, 0.0);
+    const double apex = std::max(scale, 0.0) * *std::max_element(row->begin(), row->end());
+    if (apex <= 0.0) {
+        return 1.0;
+    }
+    // What the pattern puts where the weak reading has its mono-isotopic peak:
+    // nothing off its isotope positions.
     const double step = kSpacing / strong.m_charge;
     const long offset = std::lround((weak.m_mz - strong.m_mz) / step);
+    const double tolerance = weak.m_mz * input.m_tolerance_ppm * 1e-6;
+    const bool on_peak =
+        offset >= 0 && offset < 5 && std::abs(weak.m_mz - strong.m_mz - offset * step) < tolerance;
     const double expected =
-        offset >= 0 && offset < 5 ? scale * (*row)[static_cast<std::size_t>(offset)] : 0.0;
-    return std::clamp((seen - expected) / seen, 0.0, 1.0);
+        on_peak ? std::max(scale, 0.0) * (*row)[static_cast<std::size_t>(offset)] : 0.0;
+    return std::clamp((seen - expected) / apex, 0.0, 1.0);
 }
 
 double ProfileCorrelation(const std::array<double, 10>& a, const std::array<double, 10>& b) {

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kSlices = 10;
 constexpr int kMaxCharge = 6;
-constexpr int kAliasPeaks = 2;
+constexpr int kAliasPeaks = 4;
 // Readings of one ion agree on the m/z of its peaks closer than this, in ppm,
 // whatever the wider tolerance of the peak search.
 constexpr double kAliasPpm = 10.0;
@@ -51,22 +51,24 @@ bool apart(double a, double b, int steps, int charge, double ppm) {
     return std::abs(a - b - expected) < b * ppm * 1e-6 + 0.0006 * std::abs(steps) / charge;
 }
 
-// One ion read twice: at the same charge from the same or another isotope peak,
-// or at a charge that divides the other's, on the same isotope peaks.
-Fate alias_of(const Precursor& a, const Precursor& b, double ppm) {
-    const int high = std::max(a.m_charge, b.m_charge);
-    const int low = std::min(a.m_charge, b.m_charge);
-    if (high % low != 0) {
-        return Fate::kKept;
+Fate alias_kind(const Precursor& a, const Precursor& b, int k) {
+    if (a.m_charge != b.m_charge) {
+        return Fate::kChargeAlias;
     }
+    return k == 0 ? Fate::kDuplicate : Fate::kIsotopeAlias;
+}
+
+// One ion read twice: the mono-isotopic peak of one reading lies on an isotope
+// peak of the other, at the same charge (a duplicate when on its mono-isotopic
+// peak) or at another.
+Fate alias_of(const Precursor& a, const Precursor& b, double ppm) {
     for (int k = -kAliasPeaks; k <= kAliasPeaks; ++k) {
-        if (!apart(a.m_mz, b.m_mz, k, high, ppm)) {
-            continue;
+        if (apart(b.m_mz, a.m_mz, k, a.m_charge, ppm)) {
+            return alias_kind(a, b, k);
         }
-        if (high != low) {
-            return Fate::kChargeAlias;
+        if (apart(a.m_mz, b.m_mz, k, b.m_charge, ppm)) {
+            return alias_kind(a, b, k);
         }
-        return k == 0 ? Fate::kDuplicate : Fate::kIsotopeAlias;
     }
     return Fate::kKept;
 }

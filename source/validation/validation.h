@@ -51,8 +51,9 @@ struct ValidationModel {
     // Two readings alias one ion only when their envelopes elute alike, at
     // least this correlated; two peptides can lie one isotope apart.
     double m_alias_profile = 0.9;
-    // Nor when the weaker reading's mono-isotopic peak holds at least this share
-    // of intensity that the stronger's pattern does not account for.
+    // Nor when the weaker reading's mono-isotopic peak holds at least this much
+    // intensity that the stronger's pattern does not account for, relative to
+    // the stronger's most intense peak.
     double m_alias_unexplained = 0.5;
     // A correction needs its alternative supported this much more than the
     // reported reading.
@@ -119,10 +120,11 @@ ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
 double EnvelopeIntensity(const ValidationInput& input, const Precursor& precursor);
 // The same four peaks summed per slice: the elution profile of the envelope.
 std::array<double, 10> EnvelopeProfile(const ValidationInput& input, const Precursor& precursor);
-// The share of the intensity at `weak`'s mono-isotopic peak that the expected
-// pattern of `strong`, scaled to its observed peaks, does not account for: near
-// 0 when `weak` is a reading of one of `strong`'s peaks, near 1 when another ion
-// stands there. 0 to 1; 0 when nothing is seen there.
+// The intensity at `weak`'s mono-isotopic peak that the expected pattern of
+// `strong`, scaled to its observed peaks, does not account for, over the height
+// of that pattern's strongest peak: near 0 when `weak` is a reading of one of
+// `strong`'s peaks or of noise beside it, large when another ion of some
+// weight stands there. 0 to 1; 0 when nothing is seen there.
 double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
                         const Precursor& weak);
 // Pearson correlation of two profiles; 0 when either is flat.

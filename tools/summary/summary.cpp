@@ -83,18 +83,37 @@ DeclaredFate classify_row(const TableRow& row, double ppm) {
     return fate;
 }
 
+namespace {
+
+// A log line "...<prefix><path>: <rest>": the file name of <path> and <rest>.
+struct NamedLine {
+    std::string m_name;
+    const char* m_rest = nullptr;
+};
+
+std::optional<NamedLine> named_line(const std::string& line, const char* prefix) {
+    const size_t start = line.find(prefix);
+    const size_t colon = line.rfind(": ");
+    if (start == std::string::npos || colon == std::string::npos || colon < start) {
+        return std::nullopt;
+    }
+    const size_t path_start = start + std::char_traits<char>::length(prefix);
+    return NamedLine{file_name(line.substr(path_start, colon - path_start)),
+                     line.c_str() + colon + 2};
+}
+
+}  // namespace
+
 ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem) {
     ScanCounts counts;
     std::istringstream lines(log_text);
     for (std::string line; std::getline(lines, line);) {
-        const size_t start = line.find(kScanCountLine);
-        const size_t colon = line.rfind(": ");
-        if (start == std::string::npos || colon == std::string::npos || colon < start) {
+        const std::optional<NamedLine> named = named_line(line, kScanCountLine);
+        if (!named) {
             continue;
         }
-        const size_t path_start = start + std::char_traits<char>::length(kScanCountLine);
-        const std::string name = file_name(line.substr(path_start, colon - path_start));
-        const int64_t count = std::strtoll(line.c_str() + colon + 2, nullptr, 10);
+        const std::string& name = named->m_name;
+        const int64_t count = std::strtoll(named->m_rest, nullptr, 10);
         if (name == stem + ".ms1") {
             counts.m_ms1 = count;
         } else if (name == stem + ".ms2") {
@@ -109,19 +128,14 @@ std::optional<ValidationTally> read_validation_tally(const std::string& log_text
     std::optional<ValidationTally> tally;
     std::istringstream lines(log_text);
     for (std::string line; std::getline(lines, line);) {
-        const size_t start = line.find(kValidationLine);
-        const size_t colon = line.rfind(": ");
-        if (start == std::string::npos || colon == std::string::npos || colon < start) {
-            continue;
-        }
-        const size_t path_start = start + std::char_traits<char>::length(kValidationLine);
-        if (file_name(line.substr(path_start, colon - path_start)) != stem + ".ms1") {
+        const std::optional<NamedLine> named = named_line(line, kValidationLine);
+        if (!named || named->m_name != stem + ".ms1") {
             continue;
         }
         ValidationTally found;
         auto& r = found.m_by_reason;
         const int read = std::sscanf(
-            line.c_str() + colon + 2,
+            named->m_rest,
             "%" SCNd64 " detected, %" SCNd64 " kept; removed charge alias %" SCNd64
             ", isotope alias %" SCNd64 ", duplicate %" SCNd64 ", not co-eluting %" SCNd64
             ", poor envelope %" SCNd64 "; corrected isotope %" SCNd64 ", charge %" SCNd64
