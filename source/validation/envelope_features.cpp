@@ -21,17 +21,30 @@ constexpr std::size_t kPositions = kHighest - kLowest + 1;
 
 using Profile = std::array<double, kSlices>;
 
-// The most intense peak of `peaks` strictly within `tolerance` of `mz`; 0 when none.
-double peak_at(const PeakList& peaks, double mz, double tolerance) {
-    auto it = std::lower_bound(peaks.begin(), peaks.end(), mz - tolerance,
-                               [](const Peak& peak, double value) { return peak.m_mz < value; });
+using PeakIt = PeakList::const_iterator;
+
+PeakIt first_from(const PeakList& peaks, double mz) {
+    return std::lower_bound(peaks.begin(), peaks.end(), mz,
+                            [](const Peak& peak, double value) { return peak.m_mz < value; });
+}
+
+// The most intense peak strictly within `tolerance` of `mz`, looking from `it`
+// on; 0 when none. `it` is left at the first peak above mz - tolerance, where
+// the search for a higher m/z can go on.
+double peak_from(PeakIt& it, PeakIt end, double mz, double tolerance) {
+    while (it != end && it->m_mz <= mz - tolerance) {
+        ++it;
+    }
     double best = 0.0;
-    for (; it != peaks.end() && it->m_mz < mz + tolerance; ++it) {
-        if (it->m_mz > mz - tolerance) {
-            best = std::max(best, it->m_intensity);
-        }
+    for (PeakIt peak = it; peak != end && peak->m_mz < mz + tolerance; ++peak) {
+        best = std::max(best, peak->m_intensity);
     }
     return best;
+}
+
+double peak_at(const PeakList& peaks, double mz, double tolerance) {
+    PeakIt it = first_from(peaks, mz - tolerance);
+    return peak_from(it, peaks.end(), mz, tolerance);
 }
 
 // The intensity at `mz` in every slice.
@@ -61,11 +74,20 @@ std::size_t cell(int k) {
 
 // Summed intensity at isotope positions from + half .. to + half, in spacings
 // (the others stay 0); `half` 0.5 looks between the peaks.
+// One pass over each slice: the positions rise with k.
 Envelope envelope(const ValidationInput& input, double mz, int charge, double half, int from,
                   int to) {
     Envelope sums{};
-    for (int k = from; k <= to; ++k) {
-        sums[cell(k)] = total(profile_at(input, mz + (k + half) * kSpacing / charge));
+    const Ms1Slices& slices = *input.m_slices;
+    const double step = kSpacing / charge;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        const double lowest = mz + (from + half) * step;
+        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
+        for (int k = from; k <= to; ++k) {
+            const double at = mz + (k + half) * step;
+            sums[cell(k)] += peak_from(it, slices[s].end(), at, at * ppm);
+        }
     }
     return sums;
 }
@@ -137,10 +159,8 @@ double MeasuredMz(const ValidationInput& input, double mz) {
     double weighted = 0.0;
     double sum = 0.0;
     for (const PeakList& slice : *input.m_slices) {
-        auto it =
-            std::lower_bound(slice.begin(), slice.end(), mz - tolerance,
-                             [](const Peak& peak, double value) { return peak.m_mz < value; });
-        for (; it != slice.end() && it->m_mz < mz + tolerance; ++it) {
+        for (PeakIt it = first_from(slice, mz - tolerance);
+             it != slice.end() && it->m_mz < mz + tolerance; ++it) {
             if (it->m_mz > mz - tolerance) {
                 weighted += it->m_mz * it->m_intensity;
                 sum += it->m_intensity;

@@ -211,16 +211,18 @@ ValidationResult ValidatePrecursors(const ValidationInput& input, const Validati
         result.m_counts.m_out = result.m_counts.m_in;
         return result;
     }
+    std::vector<Entry> entries(detected.size());
     double scan_max = 0.0;
-    for (const Precursor& p : detected) {
-        scan_max = std::max(scan_max, EnvelopeIntensity(input, p));
+    for (std::size_t rank = 0; rank < detected.size(); ++rank) {
+        entries[rank].m_profile = EnvelopeProfile(input, detected[rank]);
+        scan_max = std::max(scan_max, std::accumulate(entries[rank].m_profile.begin(),
+                                                      entries[rank].m_profile.end(), 0.0));
     }
-    std::vector<Entry> entries;
-    entries.reserve(detected.size());
     for (std::size_t rank = 0; rank < detected.size(); ++rank) {
         const Reading r = read_as(input, model, detected[rank], rank, scan_max);
-        entries.push_back({r.m_precursor, r.m_support, r.m_elution, Fate::kKept,
-                           EnvelopeProfile(input, r.m_precursor)});
+        entries[rank].m_precursor = r.m_precursor;
+        entries[rank].m_support = r.m_support;
+        entries[rank].m_elution = r.m_elution;
     }
     const double alias_ppm = std::min(input.m_tolerance_ppm, kAliasPpm);
     remove_aliases(input, entries, model, alias_ppm);
