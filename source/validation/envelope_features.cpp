@@ -58,6 +58,23 @@ Profile profile_at(const ValidationInput& input, double mz) {
     return profile;
 }
 
+// The profiles of isotope positions 0 .. N-1 of `p`, in one walk over each slice.
+template <std::size_t N>
+std::array<Profile, N> isotope_profiles(const ValidationInput& input, const Precursor& p) {
+    std::array<Profile, N> profiles{};
+    const Ms1Slices& slices = *input.m_slices;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    const double step = kSpacing / p.m_charge;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        PeakIt it = first_from(slices[s], p.m_mz - p.m_mz * ppm);
+        for (std::size_t k = 0; k < N; ++k) {
+            const double at = p.m_mz + static_cast<double>(k) * step;
+            profiles[k][s] = peak_from(it, slices[s].end(), at, at * ppm);
+        }
+    }
+    return profiles;
+}
+
 double total(const Profile& profile) {
     double sum = 0.0;
     for (double value : profile) {
@@ -74,19 +91,25 @@ std::size_t cell(int k) {
 
 // Summed intensity at isotope positions from + half .. to + half, in spacings
 // (the others stay 0); `half` 0.5 looks between the peaks.
-// One pass over each slice: the positions rise with k.
-Envelope envelope(const ValidationInput& input, double mz, int charge, double half, int from,
-                  int to) {
+// Summed intensity at isotope positions from .. to, in spacings (the others stay
+// 0), and with `between` also half a spacing above each of them up to `to` - 1:
+// one walk over each slice, the positions rising.
+Envelope envelope(const ValidationInput& input, double mz, int charge, int from, int to,
+                  Envelope* between = nullptr) {
     Envelope sums{};
     const Ms1Slices& slices = *input.m_slices;
     const double step = kSpacing / charge;
     const double ppm = input.m_tolerance_ppm * 1e-6;
     for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
-        const double lowest = mz + (from + half) * step;
+        const double lowest = mz + from * step;
         PeakIt it = first_from(slices[s], lowest - lowest * ppm);
         for (int k = from; k <= to; ++k) {
-            const double at = mz + (k + half) * step;
+            const double at = mz + k * step;
             sums[cell(k)] += peak_from(it, slices[s].end(), at, at * ppm);
+            if (between != nullptr && k >= 0 && k < to) {
+                const double half = mz + (k + 0.5) * step;
+                (*between)[cell(k)] += peak_from(it, slices[s].end(), half, half * ppm);
+            }
         }
     }
     return sums;
@@ -121,9 +144,92 @@ double cells_fit(const Envelope& observed, int shift, const std::array<double, 5
     return seen > 0.0 && expected > 0.0 ? dot / std::sqrt(seen * expected) : 0.0;
 }
 
-double pattern_fit(const ValidationInput& input, double mz, int charge) {
-    return cells_fit(envelope(input, mz, charge, 0.0, -1, 4), 0,
-                     table_row(*input.m_table, mz, charge));
+// The fits at the other charges read the cells k / c spacings from the reported
+// m/z, for c from 1 to kMaxCharge and k from -1 to 4; many coincide (2/4 is 1/2),
+// so each distinct offset is summed once, in one walk over each slice.
+constexpr int kMaxCharge = 6;
+
+struct Fraction {
+    int m_num = 0;
+    int m_den = 1;
+};
+
+constexpr bool below(Fraction a, Fraction b) {
+    return a.m_num * b.m_den < b.m_num * a.m_den;
+}
+
+constexpr bool same(Fraction a, Fraction b) {
+    return a.m_num * b.m_den == b.m_num * a.m_den;
+}
+
+// The distinct offsets in ascending order, and for each charge and k the
+// index of its offset.
+struct ChargeCells {
+    std::array<Fraction, 36> m_offsets{};
+    std::size_t m_count = 0;
+    std::array<std::array<std::size_t, 6>, kMaxCharge + 1> m_index{};
+};
+
+constexpr ChargeCells make_charge_cells() {
+    ChargeCells cells;
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        for (int k = -1; k <= 4; ++k) {
+            const Fraction f{k, c};
+            std::size_t at = 0;
+            while (at < cells.m_count && below(cells.m_offsets[at], f)) {
+                ++at;
+            }
+            if (at == cells.m_count || !same(cells.m_offsets[at], f)) {
+                for (std::size_t i = cells.m_count; i > at; --i) {
+                    cells.m_offsets[i] = cells.m_offsets[i - 1];
+                }
+                cells.m_offsets[at] = f;
+                ++cells.m_count;
+            }
+        }
+    }
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        for (int k = -1; k <= 4; ++k) {
+            std::size_t at = 0;
+            while (!same(cells.m_offsets[at], Fraction{k, c})) {
+                ++at;
+            }
+            cells.m_index[static_cast<std::size_t>(c)][static_cast<std::size_t>(k + 1)] = at;
+        }
+    }
+    return cells;
+}
+
+constexpr ChargeCells kChargeCells = make_charge_cells();
+
+// The best fit at a charge other than `z`, with the mono-isotopic peak at `mz`.
+double best_other_charge_fit(const ValidationInput& input, double mz, int z) {
+    std::array<double, 36> sums{};
+    const Ms1Slices& slices = *input.m_slices;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    const auto position = [mz](Fraction f) { return mz + f.m_num * kSpacing / f.m_den; };
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        const double lowest = position(kChargeCells.m_offsets[0]);
+        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
+        for (std::size_t i = 0; i < kChargeCells.m_count; ++i) {
+            const double at = position(kChargeCells.m_offsets[i]);
+            sums[i] += peak_from(it, slices[s].end(), at, at * ppm);
+        }
+    }
+    double best = 0.0;
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        if (c == z) {
+            continue;
+        }
+        Envelope cells{};
+        for (int k = -1; k <= 4; ++k) {
+            cells[cell(k)] =
+                sums[kChargeCells
+                         .m_index[static_cast<std::size_t>(c)][static_cast<std::size_t>(k + 1)]];
+        }
+        best = std::max(best, cells_fit(cells, 0, table_row(*input.m_table, mz, c)));
+    }
+    return best;
 }
 
 double pearson(const Profile& a, const Profile& b) {
@@ -143,13 +249,11 @@ double pearson(const Profile& a, const Profile& b) {
 // Mean correlation of the mono-isotopic profile with those of isotopes 1 and 2;
 // -1 when the mono-isotopic peak is seen nowhere.
 double elution_correlation(const ValidationInput& input, const Precursor& p) {
-    const Profile mono = profile_at(input, p.m_mz);
-    if (total(mono) <= 0.0) {
+    const std::array<Profile, 3> isotopes = isotope_profiles<3>(input, p);
+    if (total(isotopes[0]) <= 0.0) {
         return -1.0;
     }
-    const double step = kSpacing / p.m_charge;
-    return 0.5 * (pearson(mono, profile_at(input, p.m_mz + step)) +
-                  pearson(mono, profile_at(input, p.m_mz + 2 * step)));
+    return 0.5 * (pearson(isotopes[0], isotopes[1]) + pearson(isotopes[0], isotopes[2]));
 }
 
 }  // namespace
@@ -176,8 +280,10 @@ double EnvelopeIntensity(const ValidationInput& input, const Precursor& precurso
 
 std::array<double, 10> EnvelopeProfile(const ValidationInput& input, const Precursor& precursor) {
     Profile sum{};
-    for (int k = 0; k < 4 && precursor.m_charge > 0; ++k) {
-        const Profile one = profile_at(input, precursor.m_mz + k * kSpacing / precursor.m_charge);
+    if (precursor.m_charge < 1) {
+        return sum;
+    }
+    for (const Profile& one : isotope_profiles<4>(input, precursor)) {
         for (std::size_t s = 0; s < kSlices; ++s) {
             sum[s] += one[s];
         }
@@ -194,7 +300,7 @@ double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
     }
     // The strong reading's pattern scaled as high as its first three peaks allow:
     // another ion on one of them cannot inflate it.
-    const Envelope observed = envelope(input, strong.m_mz, strong.m_charge, 0.0, 0, 2);
+    const Envelope observed = envelope(input, strong.m_mz, strong.m_charge, 0, 2);
     double scale = -1.0;
     for (std::size_t k = 0; k < 3; ++k) {
         if ((*row)[k] > 0.0) {
@@ -228,15 +334,10 @@ ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
     const double mz = precursor.m_mz;
     const int z = std::max(1, precursor.m_charge);
     const IsotopeTable& table = *input.m_table;
-    const Envelope whole = envelope(input, mz, z, 0.0, kLowest, kHighest);
-    const Envelope halves = envelope(input, mz, z, 0.5, 0, 3);
+    Envelope halves{};
+    const Envelope whole = envelope(input, mz, z, kLowest, kHighest, &halves);
     const double fit = cells_fit(whole, 0, table_row(table, mz, z));
-    double other = 0.0;
-    for (int c = 1; c <= 6; ++c) {
-        if (c != z) {
-            other = std::max(other, pattern_fit(input, mz, c));
-        }
-    }
+    const double other = best_other_charge_fit(input, mz, z);
     double on = 0.0;
     double between = 0.0;
     double strongest = 0.0;
