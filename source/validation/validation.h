@@ -2,16 +2,17 @@
 // MS2 scan, removing or correcting those that are the same ion seen wrongly.
 //
 // Detection scores each (m/z, charge) pair on its own. The typical wrong answers
-// it leaves are the right ion at a charge that divides or multiplies the true one,
-// the right ion with its mono-isotopic peak one or two isotopes off, and one ion
-// reported twice. This stage weighs together, for each precursor: how well the
-// summed isotope envelope fits the expected pattern at its charge, against other
-// charges at the same m/z and against a mono-isotopic peak one or two isotopes
-// lower; the signal at half the isotope spacing (a sign of twice the charge); and
-// how well the elution profiles of its first isotopes correlate across the ten
-// MS1 slices. A fitted logistic model turns these into a support between 0 and 1.
-// Then, among the precursors of the scan, aliases of one ion keep only the better
-// supported one.
+// it leaves are the right ion at another charge, the right ion with its
+// mono-isotopic peak an isotope or more off, and one ion reported twice. This stage weighs
+// together, for each precursor: how well the summed isotope envelope fits the expected pattern at
+// its charge, against other charges at the same m/z and against a mono-isotopic peak one or two
+// isotopes lower; the signal at half the isotope spacing (a sign of twice the charge); and how well
+// the elution profiles of its first isotopes correlate across the ten MS1 slices. A fitted logistic
+// model turns these into a support between 0 and 1. Then, among the precursors of the scan, aliases
+// of one ion (the mono-isotopic peak of one reading on one of the other's first isotope peaks) keep
+// only the better supported one, unless the two envelopes elute differently or the weaker reading's
+// peak holds intensity of its own; a weak precursor is corrected to a clearly better reading one or
+// two isotopes lower or at another charge, or removed; a scan is never left empty.
 //
 // No file I/O and no global state: the caller hands in the precursors, the ten
 // raw MS1 slices, the isotope table and the fitted model. Nothing here throws; a
