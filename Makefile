@@ -6,13 +6,16 @@
 #               build, then put kSieve, its two companions and IPV.txt together
 #               in PREFIX/bin, from where kSieve runs in any working directory
 #   make workflow INPUT=<folder> FASTA=<file> OUT=<folder> [PROFILE=slurm]
-#               kSieve, Comet and OpenMS FDR on every run of a folder, report in OUT
+#               [WORKFLOW_CONFIG='ksieve_parameters={validate_precursors: 1}']
+#               kSieve, Comet and OpenMS FDR on every run of a folder, report in OUT;
+#               WORKFLOW_CONFIG adds settings of workflow/config.yaml
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 INPUT ?= data/demo
 FASTA ?= data/demo/bsa_demo.fasta
 OUT ?= results/demo
 PROFILE ?=
+WORKFLOW_CONFIG ?=
 
 .PHONY: demo test deps build install workflow
 
@@ -46,4 +49,4 @@ workflow: build
 	snakemake -s "$(abspath workflow/Snakefile)" --directory "$(abspath $(OUT))" \
 	  --cores all --keep-going $(if $(PROFILE),--profile "$(abspath workflow/profiles/$(PROFILE))") \
 	  --config input="$(abspath $(INPUT))" fasta="$(abspath $(FASTA))" out="$(abspath $(OUT))" \
-	  ksieve_bin="$(abspath build/release/bin)"
+	  ksieve_bin="$(abspath build/release/bin)" $(WORKFLOW_CONFIG)

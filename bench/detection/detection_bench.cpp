@@ -5,10 +5,12 @@
 // a dozen survey scans, often two or more in one isolation window, over a floor of
 // noise peaks; ten fragment scans per survey scan, each isolating the strongest
 // isotope of an eluting peptide (declared with the wrong charge one time in four).
-// Then runs the whole pipeline twice, each time in a child process of its own:
-//   (a) with a detector that finds nothing (reading and writing alone), and
-//   (b) with precursor detection,
-// and reports MS2 scans per second and the peak resident memory of each child.
+// Then runs the whole pipeline three times, each time in a child process of its own:
+//   (a) with a detector that finds nothing (reading and writing alone),
+//   (b) with precursor detection, and
+//   (c) with detection and precursor validation (validate_precursors = 1),
+// and reports MS2 scans per second and the peak resident memory of each child,
+// and the validation stage's time as a share of detection's: (c - b) / (b - a).
 //
 // Usage: detection_bench [--ms2 N] [--dir PATH] [--keep]
 //   --ms2  number of MS2 scans (default 20000)
@@ -227,8 +229,12 @@ void write_golden_run(const fs::path& stem) {
 }
 
 // Runs the pipeline on `ms1` in a child process and returns its wall time; the
-// child's peak resident memory in kB lands in `max_rss_kb`.
-double run_child(const fs::path& ms1, const fs::path& output, bool detect, long& max_rss_kb) {
+// child's peak resident memory in kB lands in `max_rss_kb`, its CPU seconds (user
+// and system) in `cpu_seconds`, which other load on the machine disturbs less.
+enum class Stages { kNone, kDetect, kDetectAndValidate };
+
+double run_child(const fs::path& ms1, const fs::path& output, Stages stages, long& max_rss_kb,
+                 double& cpu_seconds) {
     fs::remove_all(output);
     fs::create_directories(output);
     const auto start = std::chrono::steady_clock::now();
@@ -236,10 +242,11 @@ double run_child(const fs::path& ms1, const fs::path& output, bool detect, long&
     if (child == 0) {
         ksieve::UserParameters params;
         params.m_outputpath = output.string();
+        params.m_validate_precursors = stages == Stages::kDetectAndValidate;
         ksieve::finalize_parameters(params);
         ksieve::LoadIpvMatrix(KSIEVE_IPV_FILE);
         ksieve::set_current_file(params, ms1.string());
-        if (detect) {
+        if (stages != Stages::kNone) {
             ksieve::process_ms_files(params);
         } else {
             ksieve::process_ms_files(
@@ -258,6 +265,10 @@ double run_child(const fs::path& ms1, const fs::path& output, bool detect, long&
         std::exit(1);
     }
     max_rss_kb = usage.ru_maxrss;
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
+    };
+    cpu_seconds = seconds(usage.ru_utime) + seconds(usage.ru_stime);
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
@@ -296,16 +307,31 @@ int main(int argc, char** argv) {
 
     long none_rss = 0;
     long detect_rss = 0;
-    const double none_seconds = run_child(ms1, dir / "none", false, none_rss);
-    const double detect_seconds = run_child(ms1, dir / "detect", true, detect_rss);
+    long validate_rss = 0;
+    double none_cpu = 0.0;
+    double detect_cpu = 0.0;
+    double validate_cpu = 0.0;
+    const double none_seconds = run_child(ms1, dir / "none", Stages::kNone, none_rss, none_cpu);
+    const double detect_seconds =
+        run_child(ms1, dir / "detect", Stages::kDetect, detect_rss, detect_cpu);
+    const double validate_seconds =
+        run_child(ms1, dir / "validate", Stages::kDetectAndValidate, validate_rss, validate_cpu);
     std::printf("\ninput: %.1f MB, %d MS2 scans\n", megabytes, ms2_scans);
     std::printf("%-32s %9s %14s %12s\n", "pipeline", "seconds", "MS2 scans/s", "max RSS MB");
     std::printf("%-32s %9.2f %14.0f %12.1f\n", "(a) detector that finds nothing", none_seconds,
                 ms2_scans / none_seconds, none_rss / 1024.0);
     std::printf("%-32s %9.2f %14.0f %12.1f\n", "(b) with detection", detect_seconds,
                 ms2_scans / detect_seconds, detect_rss / 1024.0);
+    std::printf("%-32s %9.2f %14.0f %12.1f\n", "(c) with detection and validation",
+                validate_seconds, ms2_scans / validate_seconds, validate_rss / 1024.0);
     std::printf("detection's share of (b): %.0f%%\n",
                 100.0 * (detect_seconds - none_seconds) / detect_seconds);
+    std::printf(
+        "validation's time over detection's, (c - b) / (b - a): %.0f%% wall, %.0f%% CPU "
+        "(CPU seconds %.2f, %.2f, %.2f)\n",
+        100.0 * (validate_seconds - detect_seconds) / (detect_seconds - none_seconds),
+        100.0 * (validate_cpu - detect_cpu) / (detect_cpu - none_cpu), none_cpu, detect_cpu,
+        validate_cpu);
     if (!keep) {
         fs::remove_all(dir);
     }

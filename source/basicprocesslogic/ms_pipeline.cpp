@@ -15,6 +15,7 @@
 #include "logger.h"
 #include "spectrumfiles.h"
 #include "utils.h"
+#include "validation.h"
 
 namespace ksieve {
 
@@ -39,6 +40,7 @@ struct MsPipeline {
     Ms1Window window;
     bool mgf_conventions = false;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
+    ValidationCounts validation;
 };
 
 // Back to a default record, keeping the peak buffer's capacity for the next
@@ -95,16 +97,35 @@ bool passes_gate(const MS2Spectrum& scan) {
            g_instrument_types.count(scan.m_instrument_type) != 0;
 }
 
+double tolerance_ppm(const UserParameters& params, const MS2Spectrum& scan) {
+    return params.m_mstolppm ? params.m_mstol : params.m_mstol / scan.m_activation_center * 1e6;
+}
+
+// The second look at what detection found, on the same ten MS1 slices.
+void validate_precursors(const UserParameters& params, const Ms1Store& store, MS2Spectrum& scan,
+                         ValidationCounts& counts) {
+    const Ms1Slices slices = CollectMs1Slices(params.m_search_window, store, scan);
+    const ValidationInput input{&scan.m_precursors, &slices, &FeaturesExtractor::m_h_IPV_Matrix,
+                                tolerance_ppm(params, scan)};
+    ValidationResult result = ValidatePrecursors(input, kFittedValidationModel);
+    scan.m_precursors = std::move(result.m_precursors);
+    add_counts(counts, result.m_counts);
+}
+
 // Detection runs only for a scan with a positive declared charge and a window
 // large enough to slice; when it finds nothing the declared precursors stand.
 void determine_precursors(const UserParameters& params, const PrecursorDetector& detect,
-                          Ms1Window& window, MS2Spectrum& scan) {
+                          MsPipeline& p, MS2Spectrum& scan) {
+    Ms1Window& window = p.window;
     if (scan.m_precursors.empty() || scan.m_precursors.front().m_charge < 1 ||
         window.m_store.size() < kMinWindow) {
         return;
     }
     const auto held = hold_ms1_scans(window, scan);
     scan.m_precursors = detect(params, window.m_store, scan);
+    if (params.m_validate_precursors && !scan.m_precursors.empty()) {
+        validate_precursors(params, window.m_store, scan, p.validation);
+    }
     release_ms1_scans(window, held);
     if (scan.m_precursors.empty()) {
         scan.m_precursors = scan.m_instrument_precursors;
@@ -147,11 +168,23 @@ void handle_ms2_scan(MsPipeline& p, const UserParameters& params, const Precurso
     if (count % kProgressStep == 0) {
         log_info("Extracting MS2, Scan Num = " + std::to_string(count));
     }
-    determine_precursors(params, detect, p.window, scan);
+    determine_precursors(params, detect, p, scan);
     remove_invalid_precursors(scan);
     if (!scan.m_precursors.empty()) {
         write_scan(p, scan);
     }
+}
+
+// One line per input, which the run summary reads back.
+void log_validation_counts(const std::string& path, const ValidationCounts& c) {
+    const auto n = [](int64_t value) { return std::to_string(value); };
+    log_info("Precursor validation in " + path + ": " + n(c.m_in) + " detected, " + n(c.m_out) +
+             " kept; removed charge alias " + n(c.m_charge_alias) + ", isotope alias " +
+             n(c.m_isotope_alias) + ", duplicate " + n(c.m_duplicate) + ", not co-eluting " +
+             n(c.m_not_coeluting) + ", poor envelope " + n(c.m_poor_envelope) +
+             "; corrected isotope " + n(c.m_corrected_isotope) + ", charge " +
+             n(c.m_corrected_charge) + "; scans left with the best detected only " +
+             n(c.m_restored));
 }
 
 void open_pipeline(MsPipeline& p, const UserParameters& params) {
@@ -226,6 +259,9 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const PrecursorDe
     reset_keeping_buffer(ms1);
     while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr)) {
         reset_keeping_buffer(ms1);
+    }
+    if (params.m_validate_precursors) {
+        log_validation_counts(params.m_current_path, p.validation);
     }
     close_pipeline(p);
 }

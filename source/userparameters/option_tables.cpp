@@ -242,6 +242,15 @@ std::vector<OptionRow> make_option_rows() {
          "0",
          "1: MGF `RTINSECONDS` in seconds (the `.ms2` gives minutes) and a `SCANS=` line after "
          "`TITLE`"},
+        {"validate_precursors",
+         "",
+         &U::m_validate_precursors,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: after detection, remove or correct precursors that are another charge or isotope "
+         "of an ion, twice the same ion, or an envelope whose isotopes do not elute together"},
     };
 }
 

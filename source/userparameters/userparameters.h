@@ -46,6 +46,7 @@ struct UserParameters {
     std::vector<std::string> m_datapaths;  // datapath / datanum + datapathN
     int32_t m_memory_ceiling_mib = 1024;   // memory_ceiling_mib: MS1 peak lists held
     bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
+    bool m_validate_precursors = false;    // validate_precursors: second look after detection
     // Set by finalising or per input file; no key.
     bool m_output_beside_input = false;
     std::string m_peak_format;  // printf format of one MGF peak line

@@ -102,6 +102,44 @@ class CompanionAccount(unittest.TestCase):
                     self.assertEqual(run_ksieve.marker_counts(marker), expected)
 
 
+class KsieveParameters(unittest.TestCase):
+    LINE = ("[kSieve] <INFO> - Precursor validation in /r/a.ms1: 90 detected, 70 kept; removed "
+            "charge alias 8, isotope alias 7, duplicate 3, not co-eluting 1, poor envelope 1; "
+            "corrected isotope 4, charge 2; scans left with the best detected only 5\n")
+
+    def args(self, run_dir, options=(), parameters=()):
+        return type("Args", (), {"run_dir": run_dir, "option": list(options),
+                                 "parameter": list(parameters)})()
+
+    def test_parameter_file_holds_input_output_and_keys(self):
+        with tempfile.TemporaryDirectory() as folder:
+            args = self.args(folder, parameters=[("validate_precursors", "1")])
+            path = run_ksieve.write_parameter_file(args, Path("/in/a b.mzML"), Path("/out"))
+            self.assertEqual(path.read_text(), "datapath = /in/a b.mzML\noutputpath = /out\n"
+                                               "validate_precursors = 1\n")
+
+    def test_what_a_parameter_file_cannot_hold_is_refused(self):
+        cases = [
+            ([("-W", "3")], [("validate_precursors", "1")], Path("/in/a.mzML")),
+            ([], [("validate_precursors", "1 # on")], Path("/in/a.mzML")),
+            ([], [("a=b", "1")], Path("/in/a.mzML")),
+            ([], [("validate_precursors", "1")], Path("/in/#a.mzML")),
+        ]
+        for options, parameters, source in cases:
+            with self.subTest(parameters=parameters, source=source):
+                with tempfile.TemporaryDirectory() as folder:
+                    with self.assertRaises(StageError):
+                        run_ksieve.write_parameter_file(
+                            self.args(folder, options, parameters), source, Path("/out"))
+
+    def test_validation_counts_from_the_last_line_or_none(self):
+        self.assertIsNone(run_ksieve.validation_counts("no such line\n"))
+        counts = run_ksieve.validation_counts(self.LINE.replace("90 detected", "1 detected")
+                                              + self.LINE)
+        self.assertEqual(counts[0], ["detected", 90])
+        self.assertEqual([value for _, value in counts], [90, 70, 8, 7, 3, 1, 1, 4, 2, 5])
+
+
 class PrecursorTable(unittest.TestCase):
     HEADER = "ActivationType, InstrumentType, MS2Scan, OrigMZ, OrigCharge, TotleNumOfPrecursor\n"
 

@@ -103,6 +103,12 @@ struct AccuracyCounts {
     int64_t m_wrong_other = 0;
 };
 
+// Written precursors that match a true ion of their window, of any share (a
+// second precursor for one ion does not), over all written precursors: how many
+// of the blocks a search engine is given are real. 0 when nothing was written.
+int64_t matching_precursors(const AccuracyCounts& counts);
+double precision(const AccuracyCounts& counts);
+
 // Throws std::runtime_error when a row's scan is not in the truth or appears in
 // two rows: the table and the truth are not from the same run.
 AccuracyCounts evaluate(const std::vector<TableRow>& rows, const TruthTable& truth,
@@ -117,7 +123,8 @@ struct LabelledCounts {
 [[gnu::format(printf, 1, 2)]] std::string format_text(const char* format, ...);
 
 // Two Markdown tables with one line per evaluated table, after a line that
-// states the truth and the rules: rows, precursors and the four figures as
+// states the truth and the rules: rows, precursors, the precision over all
+// written precursors and the four figures as
 // percentages with their counts ("-" for an empty denominator); then the
 // written precursors that match no true ion, by where they lie.
 std::string format_report(const std::vector<LabelledCounts>& runs, const MatchRules& rules);

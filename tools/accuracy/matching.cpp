@@ -74,6 +74,17 @@ int64_t coeluted_ions(const std::vector<TruthIon>& truth, double min_share) {
 
 }  // namespace
 
+int64_t matching_precursors(const AccuracyCounts& counts) {
+    return counts.m_precursors - counts.m_wrong_isotope - counts.m_wrong_charge -
+           counts.m_wrong_other;
+}
+
+double precision(const AccuracyCounts& counts) {
+    return counts.m_precursors == 0 ? 0.0
+                                    : static_cast<double>(matching_precursors(counts)) /
+                                          static_cast<double>(counts.m_precursors);
+}
+
 bool same_ion(const Precursor& written, const Precursor& truth, double ppm) {
     return written.m_charge == truth.m_charge && ppm_distance(written, truth) <= ppm;
 }

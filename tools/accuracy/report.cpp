@@ -45,14 +45,16 @@ std::string format_report(const std::vector<LabelledCounts>& runs, const MatchRu
                         first.m_scans, first.m_coeluted, 100.0 * rules.m_min_share, rules.m_ppm);
     }
     text +=
-        "| precursors | rows | written | dominant precision | dominant recall "
+        "| precursors | rows | written | precision | dominant precision | dominant recall "
         "| co-eluted precision | co-eluted recall |\n"
-        "|---|--:|--:|--:|--:|--:|--:|\n";
+        "|---|--:|--:|--:|--:|--:|--:|--:|\n";
     for (const LabelledCounts& run : runs) {
         const AccuracyCounts& c = run.m_counts;
         text += "| " + run.m_label + " | " + std::to_string(c.m_rows) + " | " +
-                std::to_string(c.m_precursors) + " | " + percent(c.m_first_is_dominant, c.m_rows) +
-                " | " + percent(c.m_dominant_found, c.m_scans) + " | " +
+                std::to_string(c.m_precursors) + " | " +
+                percent(matching_precursors(c), c.m_precursors) + " | " +
+                percent(c.m_first_is_dominant, c.m_rows) + " | " +
+                percent(c.m_dominant_found, c.m_scans) + " | " +
                 percent(c.m_extra_correct, c.m_extra) + " | " +
                 percent(c.m_coeluted_found, c.m_coeluted) + " |\n";
     }

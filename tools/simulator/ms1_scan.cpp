@@ -8,11 +8,11 @@ namespace {
 
 constexpr double kProfileSigmas = 4.0;
 
-// Orbitrap resolving power: 60,000 at m/z 400, falling with the square root of
-// m/z. Two centroids closer than one peak width (m/z over resolving power) are
-// seen as one.
-double peak_width(double mz) {
-    return mz / (60000.0 * std::sqrt(400.0 / mz));
+// Orbitrap resolving power: `resolution` at m/z 400 (60,000 by default), falling
+// with the square root of m/z. Two centroids closer than one peak width (m/z over
+// resolving power) are seen as one.
+double peak_width(double mz, double resolution) {
+    return mz / (resolution * std::sqrt(400.0 / mz));
 }
 
 // Relative scatter of a cluster's total from scan to scan (spray and injection),
@@ -62,14 +62,15 @@ void add_noise_peaks(const SimulatorOptions& options, Rng& rng, Ms1Scan& scan) {
 
 // Merges neighbours that the resolution cannot separate into intensity-weighted
 // centroids, and links every raw peak to its centroid and its feature.
-void centroid(std::vector<Feature>& features, Ms1Scan& scan) {
+void centroid(std::vector<Feature>& features, double resolution, Ms1Scan& scan) {
     std::sort(scan.m_raw.begin(), scan.m_raw.end(), [](const RawPeak& a, const RawPeak& b) {
         return a.m_mz < b.m_mz || (a.m_mz == b.m_mz && a.m_intensity < b.m_intensity);
     });
     double weighted_mz = 0.0;
     for (size_t i = 0; i < scan.m_raw.size(); ++i) {
         RawPeak& raw = scan.m_raw[i];
-        const bool joins = i > 0 && raw.m_mz - scan.m_raw[i - 1].m_mz < peak_width(raw.m_mz);
+        const bool joins =
+            i > 0 && raw.m_mz - scan.m_raw[i - 1].m_mz < peak_width(raw.m_mz, resolution);
         if (!joins) {
             scan.m_centroids.push_back({0.0, 0.0});
             weighted_mz = 0.0;
@@ -97,7 +98,7 @@ void build_ms1_scan(std::vector<Feature>& features, double seconds, const Simula
     const double offset_ppm = 0.5 * options.m_ppm_error * rng.normal();
     add_feature_peaks(features, options, rng, seconds, offset_ppm, scan);
     add_noise_peaks(options, rng, scan);
-    centroid(features, scan);
+    centroid(features, options.m_ms1_resolution, scan);
 }
 
 std::vector<int32_t> select_precursors(std::vector<Feature>& features, const Ms1Scan& scan,

@@ -77,6 +77,7 @@ const std::map<std::string, Setter>& setters() {
          integer(0, 3, [](SimulatorOptions& o, int64_t v) { o.m_missed_cleavages = int(v); })},
         {"--feature-rate", real(1e-3, 1e3, &SimulatorOptions::m_feature_rate)},
         {"--ppm-error", real(0.0, 100.0, &SimulatorOptions::m_ppm_error)},
+        {"--ms1-resolution", real(1000.0, 1e7, &SimulatorOptions::m_ms1_resolution)},
         {"--noise-level", real(1.0, 1e9, &SimulatorOptions::m_noise_level)},
         {"--noise-peaks",
          integer(1, 100000, [](SimulatorOptions& o, int64_t v) { o.m_noise_peaks = int(v); })},
@@ -104,6 +105,7 @@ std::string usage_text() {
            "  --missed-cleavages N          0 to 3 (1)\n"
            "  --feature-rate R              peptide elutions starting per second (8)\n"
            "  --ppm-error PPM               MS1 m/z error, standard deviation (2)\n"
+           "  --ms1-resolution R            MS1 resolving power at m/z 400 (60000)\n"
            "  --noise-level I               median MS1 noise peak (1000)\n"
            "  --noise-peaks N               noise peaks per MS1 scan, at least 1 (150)\n"
            "  --ms2-noise-peaks N           noise peaks per MS2 scan, at least 1 (30)\n"

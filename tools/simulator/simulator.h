@@ -38,6 +38,7 @@ struct SimulatorOptions {
     int m_missed_cleavages = 1;              // tryptic peptides with up to this many
     double m_feature_rate = 8.0;             // peptide elutions starting per second
     double m_ppm_error = 2.0;                // standard deviation of MS1 peak m/z error
+    double m_ms1_resolution = 60000.0;       // MS1 resolving power at m/z 400
     double m_noise_level = 1000.0;           // median noise peak; half of it is the floor
     int m_noise_peaks = 150;                 // noise peaks per MS1 scan
     int m_ms2_noise_peaks = 30;              // noise peaks per MS2 scan

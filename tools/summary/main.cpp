@@ -56,8 +56,10 @@ int main(int argc, char** argv) {
     try {
         const std::vector<ksieve::eval::TableRow> rows =
             ksieve::eval::read_precursor_table((directory / (stem + ".csv")).string());
-        const ksieve::eval::RunSummary summary = ksieve::eval::summarise(
-            rows, ksieve::eval::read_scan_counts(read_text(log), stem), kSameIonPpm);
+        const std::string log_text = read_text(log);
+        ksieve::eval::RunSummary summary = ksieve::eval::summarise(
+            rows, ksieve::eval::read_scan_counts(log_text, stem), kSameIonPpm);
+        summary.m_validation = ksieve::eval::read_validation_tally(log_text, stem);
         std::fputs(ksieve::eval::format_summary(stem, summary, kSameIonPpm, directory.string(),
                                                 list_outputs(directory, stem, log))
                        .c_str(),

@@ -11,6 +11,7 @@ namespace ksieve::eval {
 namespace {
 
 constexpr const char* kScanCountLine = "Scan Number in ";
+constexpr const char* kValidationLine = "Precursor validation in ";
 
 std::string file_name(const std::string& path) {
     const size_t slash = path.find_last_of('/');
@@ -82,18 +83,37 @@ DeclaredFate classify_row(const TableRow& row, double ppm) {
     return fate;
 }
 
+namespace {
+
+// A log line "...<prefix><path>: <rest>": the file name of <path> and <rest>.
+struct NamedLine {
+    std::string m_name;
+    const char* m_rest = nullptr;
+};
+
+std::optional<NamedLine> named_line(const std::string& line, const char* prefix) {
+    const size_t start = line.find(prefix);
+    const size_t colon = line.rfind(": ");
+    if (start == std::string::npos || colon == std::string::npos || colon < start) {
+        return std::nullopt;
+    }
+    const size_t path_start = start + std::char_traits<char>::length(prefix);
+    return NamedLine{file_name(line.substr(path_start, colon - path_start)),
+                     line.c_str() + colon + 2};
+}
+
+}  // namespace
+
 ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem) {
     ScanCounts counts;
     std::istringstream lines(log_text);
     for (std::string line; std::getline(lines, line);) {
-        const size_t start = line.find(kScanCountLine);
-        const size_t colon = line.rfind(": ");
-        if (start == std::string::npos || colon == std::string::npos || colon < start) {
+        const std::optional<NamedLine> named = named_line(line, kScanCountLine);
+        if (!named) {
             continue;
         }
-        const size_t path_start = start + std::char_traits<char>::length(kScanCountLine);
-        const std::string name = file_name(line.substr(path_start, colon - path_start));
-        const int64_t count = std::strtoll(line.c_str() + colon + 2, nullptr, 10);
+        const std::string& name = named->m_name;
+        const int64_t count = std::strtoll(named->m_rest, nullptr, 10);
         if (name == stem + ".ms1") {
             counts.m_ms1 = count;
         } else if (name == stem + ".ms2") {
@@ -101,6 +121,32 @@ ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem
         }
     }
     return counts;
+}
+
+std::optional<ValidationTally> read_validation_tally(const std::string& log_text,
+                                                     const std::string& stem) {
+    std::optional<ValidationTally> tally;
+    std::istringstream lines(log_text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::optional<NamedLine> named = named_line(line, kValidationLine);
+        if (!named || named->m_name != stem + ".ms1") {
+            continue;
+        }
+        ValidationTally found;
+        auto& r = found.m_by_reason;
+        const int read = std::sscanf(
+            named->m_rest,
+            "%" SCNd64 " detected, %" SCNd64 " kept; removed charge alias %" SCNd64
+            ", isotope alias %" SCNd64 ", duplicate %" SCNd64 ", not co-eluting %" SCNd64
+            ", poor envelope %" SCNd64 "; corrected isotope %" SCNd64 ", charge %" SCNd64
+            "; scans left with the best detected only %" SCNd64,
+            &found.m_detected, &found.m_kept, &r[0], &r[1], &r[2], &r[3], &r[4], &r[5], &r[6],
+            &r[7]);
+        if (read == 10) {
+            tally = found;
+        }
+    }
+    return tally;
 }
 
 RunSummary summarise(const std::vector<TableRow>& rows, const ScanCounts& read, double ppm) {
@@ -117,6 +163,25 @@ RunSummary summarise(const std::vector<TableRow>& rows, const ScanCounts& read, 
     }
     return summary;
 }
+
+namespace {
+
+std::string format_validation(const ValidationTally& tally) {
+    static const std::array<const char*, 8> kReasons{
+        "removed: charge alias         ", "removed: isotope alias        ",
+        "removed: duplicate            ", "removed: does not co-elute    ",
+        "removed: poor envelope        ", "corrected: mono-isotopic peak ",
+        "corrected: charge             ", "scans left with best detected "};
+    std::string text =
+        format_text("  precursor validation  %" PRId64 " detected, %" PRId64 " kept\n",
+                    tally.m_detected, tally.m_kept);
+    for (size_t i = 0; i < kReasons.size(); ++i) {
+        text += format_text("    %s  %6" PRId64 "\n", kReasons[i], tally.m_by_reason[i]);
+    }
+    return text;
+}
+
+}  // namespace
 
 std::string format_summary(const std::string& stem, const RunSummary& summary, double ppm,
                            const std::string& directory, const std::vector<OutputFile>& outputs) {
@@ -135,6 +200,9 @@ std::string format_summary(const std::string& stem, const RunSummary& summary, d
     text += format_text("    replaced by other ions          %6" PRId64 "\n", fates[4]);
     text += format_text("  scans that gained co-eluted precursors: %" PRId64 "\n",
                         summary.m_with_coeluted);
+    if (summary.m_validation) {
+        text += format_validation(*summary.m_validation);
+    }
     text += "  outputs in " + directory + "/\n";
     for (const OutputFile& output : outputs) {
         text += format_text("    %-28s %10s  %s\n", output.m_name.c_str(),

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,12 +42,29 @@ struct ScanCounts {
 // whose path names <stem>.ms1 and <stem>.ms2, in any directory.
 ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem);
 
+// What the precursor validation stage (validate_precursors = 1) did to one
+// input, from its log line.
+struct ValidationTally {
+    int64_t m_detected = 0;
+    int64_t m_kept = 0;
+    // Removed: charge alias, isotope alias, duplicate, not co-eluting, poor
+    // envelope; then corrected: isotope, charge; then scans left with the best
+    // detected precursor only.
+    std::array<int64_t, 8> m_by_reason{};
+};
+
+// The counts of the last "Precursor validation in <path>: ..." line whose path
+// names <stem>.ms1, in any directory; nothing when the stage did not run.
+std::optional<ValidationTally> read_validation_tally(const std::string& log_text,
+                                                     const std::string& stem);
+
 struct RunSummary {
     ScanCounts m_read;
     int64_t m_written = 0;     // MS2 scans written: rows of the table
     int64_t m_precursors = 0;  // precursors written
     std::array<int64_t, kDeclaredFates> m_fates{};
     int64_t m_with_coeluted = 0;  // scans with two or more detected precursors
+    std::optional<ValidationTally> m_validation;
 };
 
 RunSummary summarise(const std::vector<TableRow>& rows, const ScanCounts& read, double ppm);
@@ -57,7 +75,8 @@ struct OutputFile {
     uintmax_t m_bytes = 0;
 };
 
-// The summary as the lines a user reads, ending with the outputs found in
+// The summary as the lines a user reads (with what the validation stage removed
+// and corrected, by reason, when it ran), ending with the outputs found in
 // `directory`, each with its size and what it holds.
 std::string format_summary(const std::string& stem, const RunSummary& summary, double ppm,
                            const std::string& directory, const std::vector<OutputFile>& outputs);

@@ -17,6 +17,8 @@ rule ksieve:
     run:
         options = [arg for item in config["ksieve_options"].items()
                    for arg in ("--option", *map(str, item))]
+        options += [arg for item in config["ksieve_parameters"].items()
+                    for arg in ("--parameter", *map(str, item))]
         python_script("run_ksieve.py", "--run", wildcards.run, "--input", input[0],
                       "--bin", KSIEVE_BIN, "--outdir", Path(output.table).parent,
                       "--run-dir", f"{OUT}/runs/{wildcards.run}", "--threads", threads,

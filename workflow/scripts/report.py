@@ -100,12 +100,22 @@ def figure(kind, prefix, run, svg, values):
             f'data-run="{html.escape(run, quote=True)}" data-values="{data}">{svg}</figure>')
 
 
+def validation_section(counts):
+    """What kSieve's precursor validation removed and corrected, by reason; nothing
+    when the stage was off."""
+    if not counts:
+        return ""
+    return ("<h3>Precursor validation: removed and corrected, by reason</h3>"
+            f"{table(['precursors', 'count'], counts)}")
+
+
 def run_section(index, numbers, threshold):
     run, prefix = numbers["run"], f"run{index}"
     sides = [("declared precursors", numbers["declared"]), ("kSieve precursors", numbers["ksieve"])]
     counts = table(["precursors searched", "PSMs", "identified MS2 scans", "peptides"],
                    [[name, s["psms"], s["scans"], s["peptides"]] for name, s in sides])
     account = numbers["info"]["scan_account"]
+    validation = numbers["info"].get("validation")
     figures = [
         figure("precursors", prefix, run,
                plots.precursors_per_scan(prefix, numbers["precursors_per_scan"]),
@@ -124,6 +134,7 @@ def run_section(index, numbers, threshold):
             f"{numbers['precursors']} precursors.</p>{counts}"
             f"<h3>The companion's account of the scans</h3>"
             f"{table(['count', 'value'], account) if account else '<p>none recorded</p>'}"
+            f"{validation_section(validation)}"
             f'<div class="plots">{"".join(figures)}</div></section>')
 
 

@@ -32,6 +32,8 @@ def parse_args():
     parser.add_argument("--info", required=True)
     parser.add_argument("--option", nargs=2, action="append", default=[],
                         metavar=("LETTER", "VALUE"), help="a kSieve command-line option")
+    parser.add_argument("--parameter", nargs=2, action="append", default=[],
+                        metavar=("KEY", "VALUE"), help="a kSieve parameter-file key")
     return parser.parse_args()
 
 
@@ -89,6 +91,40 @@ def parameter_echo(log_text):
     return [re.sub(r"^.*?- \d+: ", "", line) for line in inside.group(1).splitlines()]
 
 
+def write_parameter_file(args, source, outdir):
+    """kSieve reads parameter-file keys only from a parameter file: one in the
+    run directory, with the input, the output directory and the given keys."""
+    if args.option:
+        raise StageError("ksieve_options and ksieve_parameters cannot be combined: "
+                         "give every kSieve option as a parameter-file key")
+    # A parameter file ends a value at '#' and a line at a line break, and a key at '='.
+    pairs = [("datapath", str(source)), ("outputpath", str(outdir))] + args.parameter
+    for key, value in pairs:
+        if any(c in key + value for c in "\n\r#") or "=" in key or key[:1] in (";", "["):
+            raise StageError(f"kSieve parameter {key!r} = {value!r} cannot be written "
+                             "to a parameter file")
+    lines = [f"{key} = {value}" for key, value in pairs]
+    path = Path(args.run_dir).resolve() / "ksieve.params"
+    path.write_text("\n".join(lines) + "\n", encoding="utf-8")
+    return path
+
+
+def validation_counts(log_text):
+    """The precursor validation stage's counts, from its log line; None when it
+    did not run."""
+    found = re.findall(r"Precursor validation in .*: (\d+) detected, (\d+) kept; removed "
+                       r"charge alias (\d+), isotope alias (\d+), duplicate (\d+), not co-eluting "
+                       r"(\d+), poor envelope (\d+); corrected isotope (\d+), charge (\d+); scans "
+                       r"left with the best detected only (\d+)", log_text)
+    if not found:
+        return None
+    names = ["detected", "kept", "removed: charge alias", "removed: isotope alias",
+             "removed: duplicate", "removed: does not co-elute", "removed: poor envelope",
+             "corrected: mono-isotopic peak", "corrected: charge",
+             "scans left with the best detected only"]
+    return [[name, int(value)] for name, value in zip(names, found[-1])]
+
+
 def ksieve(args, log):
     outdir = Path(args.outdir).resolve()
     # Whatever an earlier attempt left (a marker without its .ms1/.ms2 pair, half a
@@ -101,6 +137,8 @@ def ksieve(args, log):
     command = ["./kSieve", "-D", source, "-O", outdir]
     for letter, value in args.option:
         command += [letter, value]
+    if args.parameter:
+        command = ["./kSieve", write_parameter_file(args, source, outdir)]
     try:
         stdout = run_tool(command, log, cwd=args.bin, env=env)
     except StageError as error:
@@ -121,6 +159,7 @@ def ksieve(args, log):
         "parameters": parameter_echo(log_text),
         "scan_account": marker_counts(outdir / f"{args.run}.spexor"),
         "mgf": sorted(p.name for p in outdir.glob(f"{args.run}_*.mgf")),
+        "validation": validation_counts(log_text),
     })
 
 

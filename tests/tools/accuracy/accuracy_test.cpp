@@ -98,11 +98,17 @@ TEST(Evaluate, CountsFiguresLeavesMinorIonsOutAndReports) {
     const AccuracyCounts low = evaluate(rows, truth, MatchRules{10.0, 0.01});
     EXPECT_EQ(std::tie(low.m_coeluted, low.m_coeluted_found, low.m_extra, low.m_extra_correct),
               std::make_tuple(4, 2, 6, 3));
+    // Precision over every written precursor: the minor ion's match counts as
+    // right, the second precursor for one ion as wrong.
+    EXPECT_EQ(matching_precursors(c), 5);
+    EXPECT_DOUBLE_EQ(precision(c), 5.0 / 9.0);
     AccuracyCounts none;
     none.m_scans = 4;
+    EXPECT_EQ(precision(none), 0.0);
     const std::string report = format_report({{"model 4", c}, {"empty", none}}, MatchRules{});
-    EXPECT_NE(report.find("| model 4 | 3 | 9 | 33.3 % (1/3) | 75.0 % (3/4) | 40.0 % (2/5) | "
-                          "33.3 % (1/3) |\n| empty | 0 | 0 | - | 0.0 % (0/4) | - | - |\n"),
+    EXPECT_NE(report.find("| model 4 | 3 | 9 | 55.6 % (5/9) | 33.3 % (1/3) | 75.0 % (3/4) | "
+                          "40.0 % (2/5) | 33.3 % (1/3) |\n"
+                          "| empty | 0 | 0 | - | - | 0.0 % (0/4) | - | - |\n"),
               std::string::npos)
         << report;
     rows.push_back({14, {500.0, 2}, {{500.0, 2}}});  // a table from another run

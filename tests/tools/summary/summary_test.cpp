@@ -65,5 +65,33 @@ TEST(Summary, CountsFromTheLogAndTheTableAndLaysThemOut) {
         << text;
 }
 
+// The validation stage's line is the pipeline's own; only the stem's last one
+// counts, and without one the summary has no validation block.
+TEST(Summary, ValidationCountsByReasonWhenTheStageRan) {
+    const std::string line =
+        ": 90 detected, 70 kept; removed charge alias 8, isotope alias 7, duplicate 3, not "
+        "co-eluting 1, poor envelope 1; corrected isotope 4, charge 2; scans left with the best "
+        "detected only 5\n";
+    const std::string log = "[kSieve] <INFO> - Precursor validation in out/other.ms1" + line +
+                            "[kSieve] <INFO> - Precursor validation in /d: x/run.ms1" + line +
+                            "[kSieve] <INFO> - Precursor validation in run.ms1: 1 detected\n";
+    const std::optional<ValidationTally> tally = read_validation_tally(log, "run");
+    ASSERT_TRUE(tally);
+    EXPECT_EQ(tally->m_detected, 90);
+    EXPECT_EQ(tally->m_kept, 70);
+    EXPECT_EQ(tally->m_by_reason, (std::array<int64_t, 8>{8, 7, 3, 1, 1, 4, 2, 5}));
+    EXPECT_FALSE(read_validation_tally(log, "absent"));
+
+    RunSummary summary;
+    EXPECT_EQ(format_summary("run", summary, kPpm, "out", {}).find("validation"),
+              std::string::npos);
+    summary.m_validation = tally;
+    const std::string text = format_summary("run", summary, kPpm, "out", {});
+    EXPECT_NE(text.find("  precursor validation  90 detected, 70 kept\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("    removed: isotope alias               7\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("    corrected: charge                    2\n"), std::string::npos) << text;
+}
+
 }  // namespace
 }  // namespace ksieve::eval

@@ -1,0 +1,371 @@
+// The evidence on one precursor: its isotope envelope summed over the ten MS1
+// slices and compared with the expected pattern under several readings, the
+// signal between its isotope peaks, and the elution profiles of its isotopes.
+#include <algorithm>
+#include <cmath>
+
+#include "validation.h"
+
+namespace ksieve {
+
+namespace {
+
+constexpr double kSpacing = kPeptideIsotopeSpacing;
+constexpr double kProtonMass = 1.007276;
+constexpr std::size_t kSlices = 10;
+// Envelope positions looked at: three below the mono-isotopic peak (one below the
+// lowest alternative mono-isotopic peak) to four above.
+constexpr int kLowest = -3;
+constexpr int kHighest = 4;
+constexpr std::size_t kPositions = kHighest - kLowest + 1;
+
+using Profile = std::array<double, kSlices>;
+
+using PeakIt = PeakList::const_iterator;
+
+PeakIt first_from(const PeakList& peaks, double mz) {
+    return std::lower_bound(peaks.begin(), peaks.end(), mz,
+                            [](const Peak& peak, double value) { return peak.m_mz < value; });
+}
+
+// The most intense peak strictly within `tolerance` of `mz`, looking from `it`
+// on; 0 when none. `it` is left at the first peak above mz - tolerance, where
+// the search for a higher m/z can go on.
+double peak_from(PeakIt& it, PeakIt end, double mz, double tolerance) {
+    while (it != end && it->m_mz <= mz - tolerance) {
+        ++it;
+    }
+    double best = 0.0;
+    for (PeakIt peak = it; peak != end && peak->m_mz < mz + tolerance; ++peak) {
+        best = std::max(best, peak->m_intensity);
+    }
+    return best;
+}
+
+double peak_at(const PeakList& peaks, double mz, double tolerance) {
+    PeakIt it = first_from(peaks, mz - tolerance);
+    return peak_from(it, peaks.end(), mz, tolerance);
+}
+
+// The intensity at `mz` in every slice.
+Profile profile_at(const ValidationInput& input, double mz) {
+    Profile profile{};
+    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
+    const Ms1Slices& slices = *input.m_slices;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        profile[s] = peak_at(slices[s], mz, tolerance);
+    }
+    return profile;
+}
+
+// The profiles of isotope positions 0 .. N-1 of `p`, in one walk over each slice.
+template <std::size_t N>
+std::array<Profile, N> isotope_profiles(const ValidationInput& input, const Precursor& p) {
+    std::array<Profile, N> profiles{};
+    const Ms1Slices& slices = *input.m_slices;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    const double step = kSpacing / p.m_charge;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        PeakIt it = first_from(slices[s], p.m_mz - p.m_mz * ppm);
+        for (std::size_t k = 0; k < N; ++k) {
+            const double at = p.m_mz + static_cast<double>(k) * step;
+            profiles[k][s] = peak_from(it, slices[s].end(), at, at * ppm);
+        }
+    }
+    return profiles;
+}
+
+double total(const Profile& profile) {
+    double sum = 0.0;
+    for (double value : profile) {
+        sum += value;
+    }
+    return sum;
+}
+
+using Envelope = std::array<double, kPositions>;
+
+std::size_t cell(int k) {
+    return static_cast<std::size_t>(k - kLowest);
+}
+
+// Summed intensity at isotope positions from + half .. to + half, in spacings
+// (the others stay 0); `half` 0.5 looks between the peaks.
+// Summed intensity at isotope positions from .. to, in spacings (the others stay
+// 0), and with `between` also half a spacing above each of them up to `to` - 1:
+// one walk over each slice, the positions rising.
+Envelope envelope(const ValidationInput& input, double mz, int charge, int from, int to,
+                  Envelope* between = nullptr) {
+    Envelope sums{};
+    const Ms1Slices& slices = *input.m_slices;
+    const double step = kSpacing / charge;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        const double lowest = mz + from * step;
+        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
+        for (int k = from; k <= to; ++k) {
+            const double at = mz + k * step;
+            sums[cell(k)] += peak_from(it, slices[s].end(), at, at * ppm);
+            if (between != nullptr && k >= 0 && k < to) {
+                const double half = mz + (k + 0.5) * step;
+                (*between)[cell(k)] += peak_from(it, slices[s].end(), half, half * ppm);
+            }
+        }
+    }
+    return sums;
+}
+
+const std::array<double, 5>* table_row(const IsotopeTable& table, double mz, int charge) {
+    const double mass = charge * mz - charge * kProtonMass + kProtonMass;
+    if (!(mass > 0.0) || mass >= static_cast<double>(table.size())) {
+        return nullptr;
+    }
+    return &table[static_cast<std::size_t>(mass)];
+}
+
+// Cosine between the observed cells from one below a mono-isotopic peak `shift`
+// isotopes from the reported one to four above it, and the expected pattern with
+// a zero in front: signal below the mono lowers it. 0 without an expected
+// pattern or without signal. `observed` must hold positions shift - 1 .. shift + 4.
+double cells_fit(const Envelope& observed, int shift, const std::array<double, 5>* row) {
+    if (row == nullptr) {
+        return 0.0;
+    }
+    double dot = 0.0;
+    double seen = 0.0;
+    double expected = 0.0;
+    for (int k = -1; k <= 4; ++k) {
+        const double o = observed[cell(shift + k)];
+        const double e = k < 0 ? 0.0 : (*row)[static_cast<std::size_t>(k)];
+        dot += o * e;
+        seen += o * o;
+        expected += e * e;
+    }
+    return seen > 0.0 && expected > 0.0 ? dot / std::sqrt(seen * expected) : 0.0;
+}
+
+// The fits at the other charges read the cells k / c spacings from the reported
+// m/z, for c from 1 to kMaxCharge and k from -1 to 4; many coincide (2/4 is 1/2),
+// so each distinct offset is summed once, in one walk over each slice.
+constexpr int kMaxCharge = 6;
+
+struct Fraction {
+    int m_num = 0;
+    int m_den = 1;
+};
+
+constexpr bool below(Fraction a, Fraction b) {
+    return a.m_num * b.m_den < b.m_num * a.m_den;
+}
+
+constexpr bool same(Fraction a, Fraction b) {
+    return a.m_num * b.m_den == b.m_num * a.m_den;
+}
+
+// The distinct offsets in ascending order, and for each charge and k the
+// index of its offset.
+struct ChargeCells {
+    std::array<Fraction, 36> m_offsets{};
+    std::size_t m_count = 0;
+    std::array<std::array<std::size_t, 6>, kMaxCharge + 1> m_index{};
+};
+
+constexpr ChargeCells make_charge_cells() {
+    ChargeCells cells;
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        for (int k = -1; k <= 4; ++k) {
+            const Fraction f{k, c};
+            std::size_t at = 0;
+            while (at < cells.m_count && below(cells.m_offsets[at], f)) {
+                ++at;
+            }
+            if (at == cells.m_count || !same(cells.m_offsets[at], f)) {
+                for (std::size_t i = cells.m_count; i > at; --i) {
+                    cells.m_offsets[i] = cells.m_offsets[i - 1];
+                }
+                cells.m_offsets[at] = f;
+                ++cells.m_count;
+            }
+        }
+    }
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        for (int k = -1; k <= 4; ++k) {
+            std::size_t at = 0;
+            while (!same(cells.m_offsets[at], Fraction{k, c})) {
+                ++at;
+            }
+            cells.m_index[static_cast<std::size_t>(c)][static_cast<std::size_t>(k + 1)] = at;
+        }
+    }
+    return cells;
+}
+
+constexpr ChargeCells kChargeCells = make_charge_cells();
+
+// The best fit at a charge other than `z`, with the mono-isotopic peak at `mz`.
+double best_other_charge_fit(const ValidationInput& input, double mz, int z) {
+    std::array<double, 36> sums{};
+    const Ms1Slices& slices = *input.m_slices;
+    const double ppm = input.m_tolerance_ppm * 1e-6;
+    const auto position = [mz](Fraction f) { return mz + f.m_num * kSpacing / f.m_den; };
+    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
+        const double lowest = position(kChargeCells.m_offsets[0]);
+        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
+        for (std::size_t i = 0; i < kChargeCells.m_count; ++i) {
+            const double at = position(kChargeCells.m_offsets[i]);
+            sums[i] += peak_from(it, slices[s].end(), at, at * ppm);
+        }
+    }
+    double best = 0.0;
+    for (int c = 1; c <= kMaxCharge; ++c) {
+        if (c == z) {
+            continue;
+        }
+        Envelope cells{};
+        for (int k = -1; k <= 4; ++k) {
+            cells[cell(k)] =
+                sums[kChargeCells
+                         .m_index[static_cast<std::size_t>(c)][static_cast<std::size_t>(k + 1)]];
+        }
+        best = std::max(best, cells_fit(cells, 0, table_row(*input.m_table, mz, c)));
+    }
+    return best;
+}
+
+double pearson(const Profile& a, const Profile& b) {
+    const double mean_a = total(a) / kSlices;
+    const double mean_b = total(b) / kSlices;
+    double ab = 0.0;
+    double aa = 0.0;
+    double bb = 0.0;
+    for (std::size_t s = 0; s < kSlices; ++s) {
+        ab += (a[s] - mean_a) * (b[s] - mean_b);
+        aa += (a[s] - mean_a) * (a[s] - mean_a);
+        bb += (b[s] - mean_b) * (b[s] - mean_b);
+    }
+    return aa > 0.0 && bb > 0.0 ? ab / std::sqrt(aa * bb) : 0.0;
+}
+
+// Mean correlation of the mono-isotopic profile with those of isotopes 1 and 2;
+// -1 when the mono-isotopic peak is seen nowhere.
+double elution_correlation(const ValidationInput& input, const Precursor& p) {
+    const std::array<Profile, 3> isotopes = isotope_profiles<3>(input, p);
+    if (total(isotopes[0]) <= 0.0) {
+        return -1.0;
+    }
+    return 0.5 * (pearson(isotopes[0], isotopes[1]) + pearson(isotopes[0], isotopes[2]));
+}
+
+}  // namespace
+
+double MeasuredMz(const ValidationInput& input, double mz) {
+    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
+    double weighted = 0.0;
+    double sum = 0.0;
+    for (const PeakList& slice : *input.m_slices) {
+        for (PeakIt it = first_from(slice, mz - tolerance);
+             it != slice.end() && it->m_mz < mz + tolerance; ++it) {
+            if (it->m_mz > mz - tolerance) {
+                weighted += it->m_mz * it->m_intensity;
+                sum += it->m_intensity;
+            }
+        }
+    }
+    return sum > 1e-6 ? weighted / sum : mz;
+}
+
+double EnvelopeIntensity(const ValidationInput& input, const Precursor& precursor) {
+    return total(EnvelopeProfile(input, precursor));
+}
+
+std::array<double, 10> EnvelopeProfile(const ValidationInput& input, const Precursor& precursor) {
+    Profile sum{};
+    if (precursor.m_charge < 1) {
+        return sum;
+    }
+    for (const Profile& one : isotope_profiles<4>(input, precursor)) {
+        for (std::size_t s = 0; s < kSlices; ++s) {
+            sum[s] += one[s];
+        }
+    }
+    return sum;
+}
+
+double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
+                        const Precursor& weak) {
+    const double seen = total(profile_at(input, weak.m_mz));
+    const std::array<double, 5>* row = table_row(*input.m_table, strong.m_mz, strong.m_charge);
+    if (seen <= 0.0 || row == nullptr || strong.m_charge < 1) {
+        return seen > 0.0 ? 1.0 : 0.0;
+    }
+    // The strong reading's pattern scaled as high as its first three peaks allow:
+    // another ion on one of them cannot inflate it.
+    const Envelope observed = envelope(input, strong.m_mz, strong.m_charge, 0, 2);
+    double scale = -1.0;
+    for (std::size_t k = 0; k < 3; ++k) {
+        if ((*row)[k] > 0.0) {
+            const double allowed = observed[cell(static_cast<int>(k))] / (*row)[k];
+            scale = scale < 0.0 ? allowed : std::min(scale, allowed);
+        }
+    }
+    const double apex = std::max(scale, 0.0) * *std::max_element(row->begin(), row->end());
+    if (apex <= 0.0) {
+        return 1.0;
+    }
+    // What the pattern puts where the weak reading has its mono-isotopic peak:
+    // nothing off its isotope positions.
+    const double step = kSpacing / strong.m_charge;
+    const long offset = std::lround((weak.m_mz - strong.m_mz) / step);
+    const double tolerance = weak.m_mz * input.m_tolerance_ppm * 1e-6;
+    const bool on_peak =
+        offset >= 0 && offset < 5 && std::abs(weak.m_mz - strong.m_mz - offset * step) < tolerance;
+    const double expected =
+        on_peak ? std::max(scale, 0.0) * (*row)[static_cast<std::size_t>(offset)] : 0.0;
+    return std::clamp((seen - expected) / apex, 0.0, 1.0);
+}
+
+double ProfileCorrelation(const std::array<double, 10>& a, const std::array<double, 10>& b) {
+    return pearson(a, b);
+}
+
+ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
+                                             const Precursor& precursor, std::size_t rank,
+                                             double scan_max) {
+    const double mz = precursor.m_mz;
+    const int z = std::max(1, precursor.m_charge);
+    const IsotopeTable& table = *input.m_table;
+    Envelope halves{};
+    const Envelope whole = envelope(input, mz, z, kLowest, kHighest, &halves);
+    const double fit = cells_fit(whole, 0, table_row(table, mz, z));
+    const double other = best_other_charge_fit(input, mz, z);
+    double on = 0.0;
+    double between = 0.0;
+    double strongest = 0.0;
+    for (int k = 0; k < 4; ++k) {
+        on += whole[cell(k)];
+        between += halves[cell(k)];
+        strongest = std::max(strongest, whole[cell(k)]);
+    }
+    const double mono = whole[cell(0)];
+    return {fit,
+            cells_fit(whole, -1, table_row(table, mz - kSpacing / z, z)) - fit,
+            cells_fit(whole, -2, table_row(table, mz - 2 * kSpacing / z, z)) - fit,
+            other - fit,
+            on > 0.0 ? std::min(2.0, between / on) : 0.0,
+            elution_correlation(input, precursor),
+            mono > 0.0 ? std::min(3.0, whole[cell(-1)] / mono) : 3.0,
+            on > 0.0 && scan_max > 0.0 ? std::max(-4.0, std::log10(on / scan_max)) : -4.0,
+            rank == 0 ? 1.0 : 0.0,
+            std::log1p(static_cast<double>(rank)),
+            strongest > 0.0 ? mono / strongest : 0.0};
+}
+
+double Support(const ValidationModel& model, const ValidationFeatures& features) {
+    double sum = model.m_bias;
+    for (std::size_t i = 0; i < kValidationFeatures; ++i) {
+        sum += model.m_weights[i] * features[i];
+    }
+    return 1.0 / (1.0 + std::exp(-sum));
+}
+
+}  // namespace ksieve
