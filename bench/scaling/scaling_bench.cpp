@@ -91,10 +91,12 @@ int run_child(const std::string& what, const std::string& first, const std::stri
     }
     ksieve::UserParameters params;
     params.m_outputpath = second;
-    ksieve::set_current_file(params, first);
+    params.m_threads = 1;
     ksieve::process_ms_files(
-        params, [](const ksieve::UserParameters&, const ksieve::Ms1Store&,
-                   const ksieve::MS2Spectrum&) { return std::vector<ksieve::Precursor>{}; });
+        params, ksieve::file_context(params, first, "ms1", nullptr),
+        [](const ksieve::Ms1Slices&, const ksieve::MS2Spectrum&, ksieve::DetectionScratch&) {
+            return std::vector<ksieve::Precursor>{};
+        });
     return 0;
 }
 

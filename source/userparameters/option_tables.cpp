@@ -79,6 +79,7 @@ const char* const kMarsModelHelp =
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr OptionRange kAnyNumber{-kInfinity, kInfinity, false, false};
 constexpr OptionRange kCeilingRange{0.0, 1048576.0, false, false};
+constexpr OptionRange kThreadsRange{0.0, 4096.0, false, false};
 
 const char* const kDataPathHelp = "\t\t# The directory contains input files / the input file path.";
 
@@ -242,6 +243,11 @@ std::vector<OptionRow> make_option_rows() {
          "0",
          "1: MGF `RTINSECONDS` in seconds (the `.ms2` gives minutes) and a `SCANS=` line after "
          "`TITLE`"},
+        {"threads", "", &U::m_threads, kThreadsRange, nullptr, false, "0",
+         "threads that determine precursors and format output (0: every core kSieve may use; "
+         "1: one after another); output is the same for any number. The environment variable "
+         "`KSIEVE_THREADS` stands in for a missing key",
+         false},
     };
 }
 
