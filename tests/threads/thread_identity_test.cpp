@@ -153,10 +153,10 @@ std::vector<Ms2Block> ms2_blocks(const std::string& ms2, std::string& header) {
     return blocks;
 }
 
-// Every 97th MS2 scan that goes to detection and whose window is full gets, in
-// turn, the window's oldest FT scan or the one before it as its parent. The
-// window reaches five FT scans past the newest parent so far, and holds
-// kWindowScans of them.
+// Every 97th MS2 scan, and the first after each progress line, that goes to
+// detection and whose window is full gets, in turn, the window's oldest FT scan
+// or the one before it as its parent. The window reaches five FT scans past the
+// newest parent so far, and holds kWindowScans of them.
 EdgeScans move_parents_to_the_edge(const fs::path& ms2_path, const std::vector<int64_t>& ft) {
     std::string moved;
     std::vector<Ms2Block> blocks = ms2_blocks(test::read_file(ms2_path), moved);
@@ -166,7 +166,7 @@ EdgeScans move_parents_to_the_edge(const fs::path& ms2_path, const std::vector<i
         Ms2Block& block = blocks[i];
         // A parent moved back leaves the window where the scans before put it.
         const std::size_t back = std::min(newest + kScansBehindParent, ft.size() - 1);
-        if (i % 97 == 96 && back >= kWindowScans && block.m_first_charge >= 1 &&
+        if ((i % 97 == 96 || i % 1000 == 0) && back >= kWindowScans && block.m_first_charge >= 1 &&
             block.m_parent_line > 0) {
             const bool beyond = (edges.m_at_edge + edges.m_beyond) % 2 == 1;
             const std::size_t edge = back + 1 - kWindowScans - (beyond ? 1 : 0);
