@@ -39,9 +39,7 @@ extern const std::set<std::string> g_instrument_types;  // IT FT
 struct FileContext {
     std::string m_path;
     std::string m_dir;                // "." when the path has no directory part
-    std::string m_name;               // file name with extension
     std::string m_stem;               // file name without extension
-    std::string m_ext;                // extension without the dot
     std::string m_output_dir;         // outputpath, or the input's directory without one
     std::string m_input_format;       // the format word in force, as stored
     const IpvTable* m_ipv = nullptr;  // the run's isotope table

@@ -97,20 +97,18 @@ FileContext file_context(const UserParameters& params, const std::string& path,
     FileContext file;
     file.m_path = path;
     const size_t separator = path.find_last_of(kPathSeparators);
+    std::string name = path;
     if (separator != std::string::npos) {
         file.m_dir = path.substr(0, separator);
-        file.m_name = path.substr(separator + 1);
+        name = path.substr(separator + 1);
     } else {
         file.m_dir = ".";
-        file.m_name = path;
     }
     // The stem of "run.mzML.gz" is "run", as that of "run.mzML".
-    const std::string& name = file.m_name;
     const size_t i_dot =
         name.rfind('.', is_compressed_xml(name) ? name.size() - 4 : std::string::npos);
     KS_ASSERT(i_dot != std::string::npos, "i_dot != string::npos");
     file.m_stem = name.substr(0, i_dot);
-    file.m_ext = name.substr(i_dot + 1);
     file.m_output_dir = params.m_output_beside_input ? file.m_dir : params.m_outputpath;
     file.m_input_format = std::move(input_format);
     file.m_ipv = ipv;
