@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
+#include <stdexcept>
 
 #include "basicprocesslogic.h"
 #include "detection.h"
@@ -135,6 +137,47 @@ TEST(PipelineTest, AnyMemoryCeilingGivesIdenticalResults) {
                              "pair_CIDIT.ks2", "pair_HCDFT.mgf", "pair_CIDIT.mgf"}) {
         EXPECT_EQ(test::read_file(tiny_out.file(name)), test::read_file(roomy_out.file(name)))
             << name;
+    }
+}
+
+}  // namespace
+}  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+// A failure on a worker thread reaches the caller as it was thrown, after the
+// scans before it are written and every worker has stopped; the table keeps its
+// unfinished name, so the next run does the input again.
+TEST(PipelineTest, AFailureOnAWorkerEndsTheFileAsItWouldOnOneThread) {
+    for (const int32_t threads : {1, 3}) {
+        const test::TempDir out;
+        UserParameters params;
+        params.m_outputpath = out.path().string();
+        params.m_search_window = 1000.0;
+        params.m_threads = threads;
+        const PrecursorDetector detector = [](const Ms1Slices&, const MS2Spectrum& ms2,
+                                              DetectionScratch&) -> std::vector<Precursor> {
+            if (ms2.m_scan == 101) {
+                throw std::runtime_error("detector gave up on 101");
+            }
+            return {};
+        };
+        const FileContext file =
+            file_context(params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1",
+                         "ms1", nullptr);
+        test::CaptureStream errors(std::cerr);
+        test::CaptureStream output(std::cout);
+        std::string thrown = "<nothing thrown>";
+        try {
+            process_ms_files(params, file, detector);
+        } catch (const std::runtime_error& error) {
+            thrown = error.what();
+        }
+        std::fflush(nullptr);
+        EXPECT_EQ(thrown, "detector gave up on 101") << threads;
+        EXPECT_TRUE(std::filesystem::exists(out.file("pair.csv_unfinished"))) << threads;
+        EXPECT_FALSE(std::filesystem::exists(out.file("pair.csv"))) << threads;
     }
 }
 
