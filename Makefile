@@ -1,7 +1,8 @@
 # The two commands a user needs. Both install what is missing first.
 #   make demo   build kSieve and run it on the bundled sample data
 #   make test   build with warnings as errors, run every test, then again under
-#               AddressSanitizer and UndefinedBehaviorSanitizer
+#               AddressSanitizer and UndefinedBehaviorSanitizer, and under
+#               ThreadSanitizer
 #   make install PREFIX=/opt/ksieve
 #               build, then put kSieve, its two companions and IPV.txt together
 #               in PREFIX/bin, from where kSieve runs in any working directory
@@ -41,6 +42,10 @@ test: deps
 	  -DKSIEVE_SANITIZE=ON -DKSIEVE_BUILD_COMPANION=OFF -DKSIEVE_BUILD_BENCH=OFF
 	cmake --build build/sanitize -j $(JOBS)
 	ctest --test-dir build/sanitize --output-on-failure -j $(JOBS)
+	cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSIEVE_WERROR=ON \
+	  -DKSIEVE_TSAN=ON -DKSIEVE_BUILD_COMPANION=OFF -DKSIEVE_BUILD_BENCH=OFF
+	cmake --build build/tsan -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build/tsan --output-on-failure -j $(JOBS)
 
 # Snakemake runs inside OUT, so each output folder keeps its own record of what
 # is done (a rerun redoes only what is missing) and its own lock.

@@ -242,17 +242,18 @@ double run_child(const fs::path& ms1, const fs::path& output, Stages stages, lon
     if (child == 0) {
         ksieve::UserParameters params;
         params.m_outputpath = output.string();
+        params.m_threads = 1;
         params.m_validate_precursors = stages == Stages::kDetectAndValidate;
         ksieve::finalize_parameters(params);
-        ksieve::LoadIpvMatrix(KSIEVE_IPV_FILE);
-        ksieve::set_current_file(params, ms1.string());
+        const ksieve::IpvTable ipv = ksieve::read_ipv_file(KSIEVE_IPV_FILE);
+        const ksieve::FileContext file = ksieve::file_context(params, ms1.string(), "ms1", &ipv);
         if (stages != Stages::kNone) {
-            ksieve::process_ms_files(params);
+            ksieve::process_ms_files(params, file);
         } else {
             ksieve::process_ms_files(
-                params,
-                [](const ksieve::UserParameters&, const ksieve::Ms1Store&,
-                   const ksieve::MS2Spectrum&) { return std::vector<ksieve::Precursor>{}; });
+                params, file,
+                [](const ksieve::Ms1Slices&, const ksieve::MS2Spectrum&,
+                   ksieve::DetectionScratch&) { return std::vector<ksieve::Precursor>{}; });
         }
         std::fflush(nullptr);
         _exit(0);

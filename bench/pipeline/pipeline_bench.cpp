@@ -116,11 +116,13 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 
 // The whole pipeline on the pair named in `params`, with a detector that finds
 // nothing, so every scan keeps its declared precursors.
-double time_pipeline(ksieve::UserParameters& params) {
+double time_pipeline(const ksieve::UserParameters& params, const ksieve::FileContext& file) {
     const auto start = std::chrono::steady_clock::now();
     ksieve::process_ms_files(
-        params, [](const ksieve::UserParameters&, const ksieve::Ms1Store&,
-                   const ksieve::MS2Spectrum&) { return std::vector<ksieve::Precursor>{}; });
+        params, file,
+        [](const ksieve::Ms1Slices&, const ksieve::MS2Spectrum&, ksieve::DetectionScratch&) {
+            return std::vector<ksieve::Precursor>{};
+        });
     return seconds_since(start);
 }
 
@@ -174,12 +176,13 @@ int main(int argc, char** argv) {
 
     ksieve::UserParameters params;
     params.m_outputpath = output_dir.string();
-    ksieve::set_current_file(params, ms1.string());
-    const double pipeline_seconds = time_pipeline(params);
+    params.m_threads = 1;
+    const ksieve::FileContext file = ksieve::file_context(params, ms1.string(), "ms1", nullptr);
+    const double pipeline_seconds = time_pipeline(params, file);
     // The same again without the MGF files, to show what the text output costs.
     params.m_rewrite_files = true;
     params.m_output_mgf = false;
-    const double no_mgf_seconds = time_pipeline(params);
+    const double no_mgf_seconds = time_pipeline(params, file);
 
     const double read_rate = megabytes / read_seconds;
     const double pipeline_rate = megabytes / pipeline_seconds;

@@ -10,13 +10,23 @@
 //             and all outputs.
 // It reports wall and CPU time, MS2 scans per second, input megabytes per
 // second and peak memory, then the time per MS2 scan at each size and the
-// exponent of the growth between neighbouring sizes (1 is linear).
+// exponent of the growth between neighbouring sizes (1 is linear). All of
+// this runs on one thread.
 //
-// Usage: scaling_bench [--sizes N,N,...] [--repeats N] [--dir PATH] [--keep]
-//   --sizes    MS2 scans of the simulated runs (default 2000,20000,100000)
+// With --threads it measures instead, on the first size only, the program at
+// 1, 2, ... threads up to the cores this process may use, and the stages that
+// bound it: reading, writing (the pipeline without detection on one thread,
+// less reading), detection (the program on one thread, less the pipeline) and
+// the reading thread's own part (the pipeline without detection with every
+// core, where workers format). From these it projects the time on more cores.
+//
+// Usage: scaling_bench [--sizes N,N,...] [--repeats N] [--dir PATH] [--keep] [--threads]
+//   --sizes    MS2 scans of the simulated runs (default 2000,20000,100000;
+//              with --threads the first, default 20000)
 //   --repeats  runs of each configuration; the median wall time is shown (3)
 //   --dir      scratch directory (default <temp>/ksieve_scaling_bench)
 //   --keep     leave the simulated runs behind
+//   --threads  the thread sweep described above
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -35,6 +45,7 @@
 #include "basicprocesslogic.h"
 #include "simulator.h"
 #include "spectrumfiles.h"
+#include "utils.h"
 
 namespace {
 
@@ -48,6 +59,8 @@ struct Options {
     int repeats = 3;
     fs::path dir = fs::temp_directory_path() / "ksieve_scaling_bench";
     bool keep = false;
+    bool threads = false;
+    int64_t sweep_size = 20000;  // the first of --sizes when given
 };
 
 // One simulated run and where its outputs go.
@@ -91,10 +104,12 @@ int run_child(const std::string& what, const std::string& first, const std::stri
     }
     ksieve::UserParameters params;
     params.m_outputpath = second;
-    ksieve::set_current_file(params, first);
+    params.m_threads = std::atoi(std::getenv("KSIEVE_THREADS"));
     ksieve::process_ms_files(
-        params, [](const ksieve::UserParameters&, const ksieve::Ms1Store&,
-                   const ksieve::MS2Spectrum&) { return std::vector<ksieve::Precursor>{}; });
+        params, ksieve::file_context(params, first, "ms1", nullptr),
+        [](const ksieve::Ms1Slices&, const ksieve::MS2Spectrum&, ksieve::DetectionScratch&) {
+            return std::vector<ksieve::Precursor>{};
+        });
     return 0;
 }
 
@@ -111,8 +126,9 @@ std::vector<std::string> command_of(const std::string& configuration, const Run&
 }
 
 // Runs the command in a child with its console output discarded (the program
-// logs every file it opens), and measures it with wait4.
-Measurement measure(const std::vector<std::string>& command, const fs::path& workdir) {
+// logs every file it opens) and `threads` as KSIEVE_THREADS, and measures it
+// with wait4.
+Measurement measure(const std::vector<std::string>& command, const fs::path& workdir, int threads) {
     std::vector<char*> argv;
     for (const std::string& word : command) {
         argv.push_back(const_cast<char*>(word.c_str()));
@@ -124,7 +140,8 @@ Measurement measure(const std::vector<std::string>& command, const fs::path& wor
         const int null = open("/dev/null", O_WRONLY);
         dup2(null, STDOUT_FILENO);
         dup2(null, STDERR_FILENO);
-        if (chdir(workdir.c_str()) == 0) {
+        if (chdir(workdir.c_str()) == 0 &&
+            setenv("KSIEVE_THREADS", std::to_string(threads).c_str(), 1) == 0) {
             execv(argv[0], argv.data());
         }
         _exit(127);
@@ -145,12 +162,13 @@ Measurement measure(const std::vector<std::string>& command, const fs::path& wor
 
 // The median wall time of the repeats, the CPU time of that same run, and the
 // largest peak memory of any.
-Measurement measure_repeated(const std::string& configuration, const Run& run, int repeats) {
+Measurement measure_repeated(const std::string& configuration, const Run& run, int repeats,
+                             int threads = 1) {
     std::vector<Measurement> runs;
     for (int i = 0; i < repeats; ++i) {
         fs::remove_all(run.output);
         fs::create_directories(run.output);
-        runs.push_back(measure(command_of(configuration, run), run.output));
+        runs.push_back(measure(command_of(configuration, run), run.output, threads));
         // A run that skipped its input would measure nothing: the table is the
         // last output written.
         if (configuration != std::string("read") && !fs::exists(run.output / (run.stem + ".csv"))) {
@@ -265,6 +283,51 @@ void print_growth(const std::vector<Run>& runs,
     }
 }
 
+// ---- threads ----------------------------------------------------------------
+
+// The program at 1 .. `cores` threads, then the stages on which the projection
+// rests. The projection takes the reading thread's part as serial and spreads
+// the rest of the one-thread time evenly: max(serial, one thread / cores).
+void sweep_threads(const Run& run, int repeats) {
+    const int cores = static_cast<int>(ksieve::usable_cores());
+    std::printf("\n%lld MS2 scans, %lld MS1 scans, %.1f MB of input\n\n",
+                static_cast<long long>(run.ms2_scans), static_cast<long long>(run.ms1_scans),
+                run.megabytes);
+    std::printf(
+        "| threads | wall s | CPU s | MB/s | peak MB | time / time at 1 thread |\n"
+        "|--:|--:|--:|--:|--:|--:|\n");
+    std::vector<Measurement> program;
+    for (int threads = 1; threads <= cores; ++threads) {
+        const Measurement& m =
+            program.emplace_back(measure_repeated("kSieve", run, repeats, threads));
+        std::printf("| %d | %.2f | %.2f | %.1f | %.1f | %.2f |\n", threads, m.wall_seconds,
+                    m.cpu_seconds, run.megabytes / m.wall_seconds, m.peak_megabytes,
+                    m.wall_seconds / program.front().wall_seconds);
+    }
+    const double one = program.front().wall_seconds;
+    const double reading = measure_repeated("read", run, repeats).wall_seconds;
+    const double pipeline = measure_repeated("pipeline", run, repeats).wall_seconds;
+    const double serial = measure_repeated("pipeline", run, repeats, cores).wall_seconds;
+    std::printf("\n| stage | wall s | share of one thread |\n|---|--:|--:|\n");
+    const std::pair<const char*, double> stages[] = {
+        {"reading", reading},
+        {"writing (pipeline without detection, less reading)", pipeline - reading},
+        {"detection (whole program, less the pipeline)", one - pipeline},
+        {"reading thread's own part (pipeline without detection, all cores)", serial}};
+    for (const auto& [name, seconds] : stages) {
+        std::printf("| %s | %.2f | %.0f %% |\n", name, seconds, 100.0 * seconds / one);
+    }
+    std::printf(
+        "\n| cores | projected wall s | projected MB/s | time / time at 1 thread |\n"
+        "|--:|--:|--:|--:|\n");
+    for (const int projected : {cores, 8, 32}) {
+        const double wall = std::max(serial, one / projected);
+        std::printf("| %d%s | %.2f | %.1f | %.2f |\n", projected,
+                    projected == cores ? " (measured machine)" : "", wall, run.megabytes / wall,
+                    wall / one);
+    }
+}
+
 Options parse_options(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
@@ -275,6 +338,7 @@ Options parse_options(int argc, char** argv) {
                 options.sizes.push_back(std::strtoll(text, &text, 10));
                 text += *text == ',' ? 1 : 0;
             }
+            options.sweep_size = options.sizes.empty() ? 0 : options.sizes.front();
         } else if (arg == "--repeats" && i + 1 < argc) {
             options.repeats = std::max(1, std::atoi(argv[++i]));
         } else if (arg == "--dir" && i + 1 < argc) {
@@ -282,10 +346,12 @@ Options parse_options(int argc, char** argv) {
             options.dir = fs::absolute(argv[++i]);
         } else if (arg == "--keep") {
             options.keep = true;
+        } else if (arg == "--threads") {
+            options.threads = true;
         } else {
             std::fprintf(stderr,
                          "usage: scaling_bench [--sizes N,N,...] [--repeats N] [--dir PATH] "
-                         "[--keep]\n");
+                         "[--keep] [--threads]\n");
             std::exit(2);
         }
     }
@@ -300,6 +366,14 @@ int main(int argc, char** argv) {
     }
     const Options options = parse_options(argc, argv);
     print_machine();
+    if (options.threads) {
+        const Run run = simulate(options.sweep_size, options.dir / "threads");
+        sweep_threads(run, options.repeats);
+        if (!options.keep) {
+            fs::remove_all(options.dir);
+        }
+        return 0;
+    }
     std::vector<Run> runs;
     std::vector<std::vector<Measurement>> measured;
     for (const int64_t size : options.sizes) {

@@ -1,13 +1,14 @@
 // Run control: the batch over the configured data paths, the per-file flows and
 // the run of the companion extractor.
 //
-// Everything here works on the per-file fields of the UserParameters it is given
-// and fails only by throwing (a std::string or std::runtime_error, reported by
-// the entry point); one failing file ends the batch and what it wrote stays
-// behind unfinished, so the next run redoes it. A failed write (WriteFailure)
-// is the exception: the input's KS, MGF and unfinished table files are removed
-// first, so that nothing short can pass for output. Finished inputs are
-// recognised by their markers and skipped unless m_rewrite_files is set:
+// The parameters are read-only here; what belongs to one input file travels
+// beside them in its FileContext. Everything fails only by throwing (a
+// std::string or std::runtime_error, reported by the entry point); one failing
+// file ends the batch and what it wrote stays behind unfinished, so the next run
+// redoes it. A failed write (WriteFailure) is the exception: the input's KS, MGF
+// and unfinished table files are removed first, so that nothing short can pass
+// for output. Finished inputs are recognised by their markers and skipped unless
+// m_rewrite_files is set:
 //   <stem>.csv    in the output directory  - the file was fully processed
 //   <stem>.spexor in the output directory  - the companion has extracted it
 //   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
@@ -20,6 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "detection.h"
+#include "featuresextractor.h"
 #include "records.h"
 #include "spectrumfiles.h"
 #include "userparameters.h"
@@ -31,59 +34,81 @@ namespace ksieve {
 extern const std::set<std::string> g_activation_types;  // CID HCD ETD ETCID ETHCD
 extern const std::set<std::string> g_instrument_types;  // IT FT
 
-// Installs the peak format, loads the isotope table once (from beside the
-// executable when the working directory lacks it), then walks m_datapaths in
-// order, sending each file down the flow of its format word. Each input is
-// locked (flock) for the whole of its flow; a run that finds it locked logs
-// "waiting for another kSieve run on <stem>" and waits. mzML and mzXML inputs
-// may be gzip-compressed (run.mzML.gz).
-void run_batch(UserParameters& params);
+// One input file as the flows see it. Made by file_context and never changed;
+// a flow that goes on with another file (the extracted pair) makes a new one.
+struct FileContext {
+    std::string m_path;
+    std::string m_dir;                // "." when the path has no directory part
+    std::string m_stem;               // file name without extension
+    std::string m_output_dir;         // outputpath, or the input's directory without one
+    std::string m_input_format;       // the format word in force, as stored
+    const IpvTable* m_ipv = nullptr;  // the run's isotope table
+};
+
+// Loads the isotope table once (from beside the executable when the working
+// directory lacks it), then walks m_datapaths in order, sending each file down
+// the flow of its format word. Each input is locked (flock) for the whole of its
+// flow; a run that finds it locked logs "waiting for another kSieve run on
+// <stem>" and waits. mzML and mzXML inputs may be gzip-compressed (run.mzML.gz).
+void run_batch(const UserParameters& params);
 
 // The lower-cased extension of an existing file (the whole path when it has no
-// dot); for a directory or a missing path, m_input_format as it stands.
-std::string input_format_of(const std::string& path, const UserParameters& params);
+// dot); for a directory or a missing path, `format_in_force` as it stands.
+std::string input_format_of(const std::string& path, const std::string& format_in_force);
 
-// Sets m_current_path/_dir/_name/_stem/_ext for `path` and, with the output
-// beside the input, m_outputpath. The stem of "run.mzML.gz" is "run". Asserts
-// "i_dot != string::npos".
-void set_current_file(UserParameters& params, const std::string& path);
+// The context of `path`: its names and, with the output beside the input, its
+// directory as the output directory. The stem of "run.mzML.gz" is "run".
+// Asserts "i_dot != string::npos".
+FileContext file_context(const UserParameters& params, const std::string& path,
+                         std::string input_format, const IpvTable* ipv);
 
-// <m_outputpath>/<stem><suffix> and <m_current_dir>/<stem><suffix>.
-std::string output_path(const UserParameters& params, const std::string& suffix);
-std::string sibling_path(const UserParameters& params, const std::string& suffix);
+// <m_output_dir>/<stem><suffix> and <m_dir>/<stem><suffix>.
+std::string output_path(const FileContext& file, const std::string& suffix);
+std::string sibling_path(const FileContext& file, const std::string& suffix);
 
 // The resume rule: with m_rewrite_files off and <stem><marker> present in the
 // output directory, logs "<path> has existed results, skipping<what>" and returns
 // true, so the caller skips its work.
-bool has_existing_result(const UserParameters& params, const std::string& marker,
-                         const std::string& what);
-
-// Loads m_ipv_file into the process-wide isotope table unless it is loaded.
-void LoadIpvMatrix(const std::string& path);
+bool has_existing_result(const UserParameters& params, const FileContext& file,
+                         const std::string& marker, const std::string& what);
 
 // A raw, mzXML or mzML file: resume check, companion run, then the pipeline on
 // the extracted pair; with m_delete_msn the pair and its marker are removed.
-void process_instrument_file(UserParameters& params);
+void process_instrument_file(const UserParameters& params, const FileContext& file);
 
 // Runs the companion ("ms" kind) unless its marker exists, with an argument
 // vector and no shell, passing its output to the log under "SUBPROCESS". Throws
 // std::runtime_error when no process or pipe can be had, and "Cannot use spexor
 // to extract signals from: <path>" when the extraction fails; the companion's
 // standard error then stands in the log just before the ERROR line.
-void run_extractor(UserParameters& params, const std::string& kind);
+void run_extractor(const UserParameters& params, const FileContext& file, const std::string& kind);
+
+// The number of threads that detect and format: m_threads, or with 0 every core
+// the process may run on (at least 1).
+std::size_t detection_threads(const UserParameters& params);
 
 // One `.ms1` file and its `.ms2` partner beside it: detection for every MS2 scan
 // that passes the gate, then .ks1/.ks2/.mgf output and the precursor table, which
 // takes its final name <stem>.csv last of all.
-void process_ms_files(UserParameters& params);
+//
+// With more than one thread, this thread reads both files and cuts each scan's
+// ten MS1 slices from the window at once, so that no later movement of the
+// window can touch them; worker threads then detect and format a bounded number
+// of scans ahead, and this thread writes them, and logs what each scan had to
+// say, in file order. Every output byte and every log line is the same for any
+// number of threads.
+void process_ms_files(const UserParameters& params, const FileContext& file);
 
 // The same pipeline with the detection step supplied by the caller (the plain
 // overload passes DetectPrecursors). Benchmarks use it to time reading and
-// writing alone, tests to drive the handling of detection results; a detector
-// must behave as DetectPrecursors does: no I/O, empty when it finds nothing.
-using PrecursorDetector = std::function<std::vector<Precursor>(
-    const UserParameters&, const Ms1Store&, const MS2Spectrum&)>;
-void process_ms_files(UserParameters& params, const PrecursorDetector& detect);
+// writing alone, tests to drive the handling of detection results. A detector
+// must behave as DetectPrecursors does: no I/O, empty when it finds nothing, and
+// safe to call from several threads at once, each with its own scratch. It is
+// called only for a scan whose parent the window holds (ten slices).
+using PrecursorDetector =
+    std::function<std::vector<Precursor>(const Ms1Slices&, const MS2Spectrum&, DetectionScratch&)>;
+void process_ms_files(const UserParameters& params, const FileContext& file,
+                      const PrecursorDetector& detect);
 
 // The MS1 window of the pipeline under a ceiling on the bytes of peak lists it
 // holds. Past the ceiling the oldest lists are let go, and read again from the
@@ -112,6 +137,6 @@ std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2S
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
-void process_mgf_file(UserParameters& params);
+void process_mgf_file(const UserParameters& params, const FileContext& file);
 
 }  // namespace ksieve

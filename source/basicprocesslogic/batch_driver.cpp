@@ -37,52 +37,52 @@ std::vector<std::string> instrument_extensions(const std::string& format) {
 // input itself: a second run on the same input waits here, and its flow's
 // resume check then finds the work done.
 template <typename Flow>
-void run_each(UserParameters& params, const std::vector<std::string>& files, Flow flow) {
-    for (const std::string& file : files) {
-        set_current_file(params, file);
-        const ExclusiveFileLock lock(file, [&params] {
-            log_info("waiting for another kSieve run on " + params.m_current_stem);
-        });
-        flow(params);
+void run_each(const UserParameters& params, const std::vector<std::string>& files,
+              const std::string& format, const IpvTable& ipv, Flow flow) {
+    for (const std::string& path : files) {
+        const FileContext file = file_context(params, path, format, &ipv);
+        const ExclusiveFileLock lock(
+            path, [&file] { log_info("waiting for another kSieve run on " + file.m_stem); });
+        flow(params, file);
     }
 }
 
 }  // namespace
 
-void run_batch(UserParameters& params) {
-    set_peak_format(params.m_peak_format);
-    LoadIpvMatrix(shipped_file(params.m_ipv_file));
+void run_batch(const UserParameters& params) {
+    const IpvTable ipv = read_ipv_file(shipped_file(params.m_ipv_file));
+    std::string format = params.m_input_format;
     for (const std::string& entry : params.m_datapaths) {
-        const std::string word = input_format_of(entry, params);
+        const std::string word = input_format_of(entry, format);
         // The word stays in force for the paths that follow: a directory after a
         // single .mgf file is listed as MGF whatever the configuration says.
         if (is_format_word(word)) {
-            params.m_input_format = word;
+            format = word;
         }
         if (word == "ms1") {
-            run_each(params, list_files(entry, ".ms1"),
-                     [](UserParameters& file) { process_ms_files(file); });
+            run_each(params, list_files(entry, ".ms1"), format, ipv,
+                     [](const UserParameters& p, const FileContext& f) { process_ms_files(p, f); });
         } else if (word == "mgf") {
-            run_each(params, list_files(entry, ".mgf"), process_mgf_file);
+            run_each(params, list_files(entry, ".mgf"), format, ipv, process_mgf_file);
         } else {
             // A file of unknown extension leaves the configured word in force,
             // and only the three instrument words have a flow here.
-            const std::string configured = to_lower(params.m_input_format);
+            const std::string configured = to_lower(format);
             if (!is_instrument_word(configured)) {
-                throw "Argument input_format(-F) invalid: " + params.m_input_format +
+                throw "Argument input_format(-F) invalid: " + format +
                     "; input_format should be raw, mzxml or mzml for " + entry;
             }
-            run_each(params, list_files(entry, instrument_extensions(configured)),
+            run_each(params, list_files(entry, instrument_extensions(configured)), format, ipv,
                      process_instrument_file);
         }
     }
 }
 
-std::string input_format_of(const std::string& path, const UserParameters& params) {
+std::string input_format_of(const std::string& path, const std::string& format_in_force) {
     // The template's own help writes "mzXML": the configured word is taken in
     // any case, as the extension of a file always was.
     if (!file_exists(path)) {
-        return to_lower(params.m_input_format);
+        return to_lower(format_in_force);
     }
     if (is_compressed_xml(path)) {
         const std::string inner = path.substr(0, path.size() - 3);  // without ".gz"
@@ -92,65 +92,60 @@ std::string input_format_of(const std::string& path, const UserParameters& param
     return to_lower(dot == std::string::npos ? path : path.substr(dot + 1));
 }
 
-void set_current_file(UserParameters& params, const std::string& path) {
-    params.m_current_path = path;
+FileContext file_context(const UserParameters& params, const std::string& path,
+                         std::string input_format, const IpvTable* ipv) {
+    FileContext file;
+    file.m_path = path;
     const size_t separator = path.find_last_of(kPathSeparators);
+    std::string name = path;
     if (separator != std::string::npos) {
-        params.m_current_dir = path.substr(0, separator);
-        params.m_current_name = path.substr(separator + 1);
+        file.m_dir = path.substr(0, separator);
+        name = path.substr(separator + 1);
     } else {
-        params.m_current_dir = ".";
-        params.m_current_name = path;
+        file.m_dir = ".";
     }
     // The stem of "run.mzML.gz" is "run", as that of "run.mzML".
-    const std::string& name = params.m_current_name;
     const size_t i_dot =
         name.rfind('.', is_compressed_xml(name) ? name.size() - 4 : std::string::npos);
     KS_ASSERT(i_dot != std::string::npos, "i_dot != string::npos");
-    params.m_current_stem = params.m_current_name.substr(0, i_dot);
-    params.m_current_ext = params.m_current_name.substr(i_dot + 1);
-    if (params.m_output_beside_input) {
-        params.m_outputpath = params.m_current_dir;
-    }
+    file.m_stem = name.substr(0, i_dot);
+    file.m_output_dir = params.m_output_beside_input ? file.m_dir : params.m_outputpath;
+    file.m_input_format = std::move(input_format);
+    file.m_ipv = ipv;
+    return file;
 }
 
-std::string output_path(const UserParameters& params, const std::string& suffix) {
-    return join_path({params.m_outputpath, params.m_current_stem + suffix});
+std::string output_path(const FileContext& file, const std::string& suffix) {
+    return join_path({file.m_output_dir, file.m_stem + suffix});
 }
 
-std::string sibling_path(const UserParameters& params, const std::string& suffix) {
-    return join_path({params.m_current_dir, params.m_current_stem + suffix});
+std::string sibling_path(const FileContext& file, const std::string& suffix) {
+    return join_path({file.m_dir, file.m_stem + suffix});
 }
 
-void LoadIpvMatrix(const std::string& path) {
-    if (FeaturesExtractor::m_h_is_IPV_inited) {
-        return;
-    }
-    FeaturesExtractor::InstallIpvMatrix(read_ipv_file(path));
-}
-
-bool has_existing_result(const UserParameters& params, const std::string& marker,
-                         const std::string& what) {
-    if (params.m_rewrite_files || !file_exists(output_path(params, marker))) {
+bool has_existing_result(const UserParameters& params, const FileContext& file,
+                         const std::string& marker, const std::string& what) {
+    if (params.m_rewrite_files || !file_exists(output_path(file, marker))) {
         return false;
     }
-    log_info(params.m_current_path + " has existed results, skipping" + what);
+    log_info(file.m_path + " has existed results, skipping" + what);
     return true;
 }
 
-void process_instrument_file(UserParameters& params) {
-    if (has_existing_result(params, ".csv", "...")) {
+// The extracted pair lies in the output directory, and so does its output.
+void process_instrument_file(const UserParameters& params, const FileContext& file) {
+    if (has_existing_result(params, file, ".csv", "...")) {
         return;
     }
-    run_extractor(params, "ms");
-    set_current_file(params, output_path(params, ".ms1"));
-    process_ms_files(params);
+    run_extractor(params, file, "ms");
+    process_ms_files(
+        params, file_context(params, output_path(file, ".ms1"), file.m_input_format, file.m_ipv));
     if (!params.m_delete_msn) {
         return;
     }
-    delete_file(output_path(params, ".ms1"));
-    delete_file(output_path(params, ".ms2"));
-    delete_file(output_path(params, ".spexor"));
+    delete_file(output_path(file, ".ms1"));
+    delete_file(output_path(file, ".ms2"));
+    delete_file(output_path(file, ".spexor"));
 }
 
 }  // namespace ksieve

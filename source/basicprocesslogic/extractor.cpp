@@ -19,9 +19,9 @@ namespace {
 // Bytes of one read from the pipe; a longer line reaches the log in pieces.
 constexpr std::size_t kPipeBufferSize = 2048;
 
-std::vector<std::string> extractor_arguments(const UserParameters& params,
+std::vector<std::string> extractor_arguments(const UserParameters& params, const FileContext& file,
                                              const std::string& kind) {
-    const bool is_xml = params.m_input_format == "mzxml" || params.m_input_format == "mzml";
+    const bool is_xml = file.m_input_format == "mzxml" || file.m_input_format == "mzml";
     const std::string program = is_xml ? "spexor_xml.exe" : "spexor_raw.exe";
     return {shipped_file(join_path({".", program})),
             kind == "mgf" ? "-mgf" : "-ms",
@@ -31,8 +31,8 @@ std::vector<std::string> extractor_arguments(const UserParameters& params,
             "-m",
             std::to_string(params.m_mz_digits),
             "-o",
-            params.m_outputpath,
-            params.m_current_path};
+            file.m_output_dir,
+            file.m_path};
 }
 
 // The command as the log shows it: the two paths in double quotes.
@@ -48,11 +48,11 @@ std::string command_text(const std::vector<std::string>& args) {
 
 }  // namespace
 
-void run_extractor(UserParameters& params, const std::string& kind) {
-    if (has_existing_result(params, ".spexor", " spexor process...")) {
+void run_extractor(const UserParameters& params, const FileContext& file, const std::string& kind) {
+    if (has_existing_result(params, file, ".spexor", " spexor process...")) {
         return;
     }
-    const std::vector<std::string> args = extractor_arguments(params, kind);
+    const std::vector<std::string> args = extractor_arguments(params, file, kind);
     const std::string command = command_text(args);
     log_info(command);
     // The two messages keep the words users and their scripts know.
@@ -62,7 +62,7 @@ void run_extractor(UserParameters& params, const std::string& kind) {
         "popen(\"" + command + "\",\"r\") lose connection with kSieve!");
     // The marker is the companion's own word that the pair is complete; an exit
     // code of 0 without it is no success.
-    if (!outcome.m_succeeded || !file_exists(output_path(params, ".spexor"))) {
+    if (!outcome.m_succeeded || !file_exists(output_path(file, ".spexor"))) {
         // Why the companion failed, in its own words, stands in the log before
         // the ERROR line (the console has had it already).
         std::string reason = outcome.m_error_text;
@@ -70,7 +70,7 @@ void run_extractor(UserParameters& params, const std::string& kind) {
             reason += '\n';
         }
         Logger::instance().append(reason);
-        throw "Cannot use spexor to extract signals from: " + params.m_current_path;
+        throw "Cannot use spexor to extract signals from: " + file.m_path;
     }
 }
 

@@ -31,22 +31,22 @@ void convert_spectra(MgfFile& input, KsFile* ks2) {
 
 }  // namespace
 
-void process_mgf_file(UserParameters& params) {
+void process_mgf_file(const UserParameters& params, const FileContext& file) {
     // The marker looked for is <stem>.mgf, which this flow never writes. With the
     // output beside the input it is the input itself, so such a file only runs
     // with rewrite_files set.
-    if (has_existing_result(params, ".mgf", "...")) {
+    if (has_existing_result(params, file, ".mgf", "...")) {
         return;
     }
     log("WARN",
         "We DO NOT RECOMMAND you to use [MGF] as input!! kSieve cannot utilize MS1 Message.");
     MgfFile input;
-    open_spectrum_file(input.m_head, params.m_current_path, "r");
+    open_spectrum_file(input.m_head, file.m_path, "r");
     std::optional<KsFile> ks2;
     try {
         if (params.m_output_ks) {
             ks2.emplace();
-            open_ks_file(*ks2, output_path(params, ".ks2"), "wb+", params.m_current_stem);
+            open_ks_file(*ks2, output_path(file, ".ks2"), "wb+", file.m_stem);
         }
         convert_spectra(input, ks2 ? &*ks2 : nullptr);
         report_dropped_values(input.m_head.m_path, input.m_dropped);
@@ -60,8 +60,8 @@ void process_mgf_file(UserParameters& params) {
     } catch (const WriteFailure&) {
         // A short file must not pass for a converted one.
         if (ks2) {
-            discard_file(output_path(params, ".ks2"));
-            discard_file(output_path(params, ".ks2idx"));
+            discard_file(output_path(file, ".ks2"));
+            discard_file(output_path(file, ".ks2idx"));
         }
         throw;
     }

@@ -3,12 +3,25 @@
 // written as KS, MGF and the precursor table.
 //
 // Memory stays bounded whatever the length of the run: the MS1 side is a window
-// of kMs1StoreSize FT scans under a ceiling on its peak lists, the MS2 side one
-// scan at a time.
+// of kMs1StoreSize FT scans under a ceiling on its peak lists, the MS2 side a
+// fixed number of scans in flight per thread.
+//
+// Threads: this thread reads, cuts each scan's slices out of the window, writes
+// and logs; scans go round a ring of slots, each claimed in turn by a worker
+// (or by this thread while it waits for the oldest). A slot belongs to this
+// thread until it is handed over, to one worker from its claim until it is
+// marked done, and to this thread again from then on; the hand-overs go through
+// the queue's mutex. Workers touch nothing else but the read-only parameters,
+// the isotope table and their own scratch.
+#include <condition_variable>
+#include <exception>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "basicprocesslogic.h"
 #include "detection.h"
@@ -27,6 +40,9 @@ namespace {
 constexpr std::size_t kScansBehindParent = 5;
 constexpr std::size_t kMinWindow = 10;
 constexpr int32_t kProgressStep = 1000;
+// Scans in flight per thread: enough that a slow scan holds no thread up, few
+// enough that memory grows with the threads and not with the run.
+constexpr std::size_t kScansPerThread = 16;
 
 // Everything one pipeline call owns. The members are opened in the order of
 // declaration; close_pipeline releases them in its own fixed order.
@@ -38,9 +54,52 @@ struct MsPipeline {
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
     Ms1Window window;
-    bool mgf_conventions = false;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
+};
+
+// One MS2 scan on its way from the reader to the writer.
+struct ScanWork {
+    MS2Spectrum scan;
+    bool passes = false;  // through the gate
+    bool detect = false;  // detection runs on `raw`
+    Ms1Slices raw;
+    HeldLines told;  // what reading and detecting the scan had to say, in order
+    std::string ks2;
+    std::string mgf;
+    std::string csv;
+    ValidationCounts validation;  // what the second look removed and corrected
+    std::exception_ptr failure;
+};
+
+// What the workers read and never change.
+struct ScanFormat {
+    const PrecursorDetector* detect = nullptr;
+    const UserParameters* params = nullptr;
+    const IpvTable* ipv = nullptr;
+    bool validate = false;
+    bool ks = false;
+    bool mgf = false;
+    MgfLayout layout;
+};
+
+// The ring of scans in flight. Sequence number n lives in slot n % size.
+struct ScanQueue {
+    explicit ScanQueue(std::size_t size) : slots(size), done(size, 0) {}
+    std::vector<ScanWork> slots;
+    std::mutex mutex;
+    std::condition_variable work_ready;  // a scan to claim, or the end
+    std::condition_variable work_done;
+    std::vector<unsigned char> done;  // by slot; guarded by `mutex`
+    std::size_t published = 0;        // guarded by `mutex`
+    std::size_t claimed = 0;          // guarded by `mutex`
+    bool stop = false;                // guarded by `mutex`
+};
+
+// A worker's own reusable buffers.
+struct WorkerScratch {
+    DetectionScratch detection;
+    std::string peak_text;
 };
 
 // Back to a default record, keeping the peak buffer's capacity for the next
@@ -57,7 +116,8 @@ void reset_keeping_buffer(Scan& scan) {
 // scan also enters the window, pushing out the oldest record, whose buffers come
 // back in `scan` for reuse (the caller resets it before the next pull). At the
 // end of the stream the window loses its front record and false is returned.
-bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1) {
+bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1,
+                   HeldLines* told) {
     if (!ReadMs1Scan(reader, scan)) {
         if (!window.m_store.empty()) {
             pop_ms1_scan(window);
@@ -72,20 +132,20 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
     }
     const int32_t count = reader.m_head.m_scan_count;
     if (count % kProgressStep == 0) {
-        log_info("Extracting MS1, Scan Num = " + std::to_string(count));
+        log_or_hold(told, "INFO", "Extracting MS1, Scan Num = " + std::to_string(count));
     }
     return true;
 }
 
 // Pulls MS1 scans until five FT scans stand behind the parent of `ms2` (or the
 // MS1 file ends). A scan with no parent (0) pulls nothing.
-void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2) {
+void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
     reset_keeping_buffer(ms1);
     const Ms1Store& store = p.window.m_store;
     while (store.size() > kMinWindow &&
            store[store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
-        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1)) {
+        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, &told)) {
             return;
         }
         reset_keeping_buffer(ms1);
@@ -102,77 +162,217 @@ double tolerance_ppm(const UserParameters& params, const MS2Spectrum& scan) {
 }
 
 // The second look at what detection found, on the same ten MS1 slices.
-void validate_precursors(const UserParameters& params, const Ms1Store& store, MS2Spectrum& scan,
-                         ValidationCounts& counts) {
-    const Ms1Slices slices = CollectMs1Slices(params.m_search_window, store, scan);
-    const ValidationInput input{&scan.m_precursors, &slices, &FeaturesExtractor::m_h_IPV_Matrix,
-                                tolerance_ppm(params, scan)};
+void validate_precursors(const ScanFormat& format, ScanWork& work) {
+    MS2Spectrum& scan = work.scan;
+    const ValidationInput input{&scan.m_precursors, &work.raw, format.ipv,
+                                tolerance_ppm(*format.params, scan)};
     ValidationResult result = ValidatePrecursors(input, kFittedValidationModel);
     scan.m_precursors = std::move(result.m_precursors);
-    add_counts(counts, result.m_counts);
+    work.validation = result.m_counts;
 }
 
 // Detection runs only for a scan with a positive declared charge and a window
-// large enough to slice; when it finds nothing the declared precursors stand.
-void determine_precursors(const UserParameters& params, const PrecursorDetector& detect,
-                          MsPipeline& p, MS2Spectrum& scan) {
-    Ms1Window& window = p.window;
+// large enough to slice. Its slices are cut here, while the window still holds
+// the parent; a parent not in the window leaves the declared precursors.
+void prepare_detection(const UserParameters& params, Ms1Window& window, ScanWork& work) {
+    MS2Spectrum& scan = work.scan;
     if (scan.m_precursors.empty() || scan.m_precursors.front().m_charge < 1 ||
         window.m_store.size() < kMinWindow) {
         return;
     }
     const auto held = hold_ms1_scans(window, scan);
-    scan.m_precursors = detect(params, window.m_store, scan);
-    if (params.m_validate_precursors && !scan.m_precursors.empty()) {
-        validate_precursors(params, window.m_store, scan, p.validation);
-    }
+    work.raw = CollectMs1Slices(params.m_search_window, window.m_store, scan);
     release_ms1_scans(window, held);
-    if (scan.m_precursors.empty()) {
+    if (work.raw.size() < 5) {
+        work.told.push_back({"INFO", "Cannot found the precurosr scan of MS2: " +
+                                         std::to_string(scan.m_precursor_scan)});
         scan.m_precursors = scan.m_instrument_precursors;
+        return;
     }
+    work.detect = true;
+}
+
+// Reads the next MS2 scan into `work`, with the MS1 scans it needs. False at
+// the end of the MS2 file, with what the last read had to say left in `told`.
+bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, ScanWork& work) {
+    reset_keeping_buffer(work.scan);
+    work.told.clear();
+    work.passes = work.detect = false;
+    work.failure = nullptr;
+    p.ms2.m_head.m_held_lines = &work.told;
+    const bool read = ReadMs2Scan(p.ms2, work.scan);
+    p.ms2.m_head.m_held_lines = nullptr;
+    if (!read) {
+        return false;
+    }
+    read_ahead(p, ms1, work.scan, work.told);
+    // Scans outside the known activation and instrument types leave no trace.
+    work.passes = passes_gate(work.scan);
+    if (!work.passes) {
+        return true;
+    }
+    const int32_t count = p.ms2.m_head.m_scan_count;
+    if (count % kProgressStep == 0) {
+        work.told.push_back({"INFO", "Extracting MS2, Scan Num = " + std::to_string(count)});
+    }
+    prepare_detection(params, p.window, work);
+    return true;
 }
 
 // Drops what no writer may print: an m/z below 1e-6 or a charge of 0. Walked
 // from the back, so one scan's messages come last entry first.
-void remove_invalid_precursors(MS2Spectrum& scan) {
+void remove_invalid_precursors(MS2Spectrum& scan, HeldLines& told) {
     for (size_t i = scan.m_precursors.size(); i-- > 0;) {
         if (!is_valid(scan.m_precursors[i])) {
             scan.m_precursors.erase(scan.m_precursors.begin() + static_cast<std::ptrdiff_t>(i));
-            log("WARN", "Scan " + std::to_string(scan.m_scan) +
-                            " has incorrect precursor infomation, skipping...");
+            told.push_back({"WARN", "Scan " + std::to_string(scan.m_scan) +
+                                        " has incorrect precursor infomation, skipping..."});
         }
     }
 }
 
-void write_scan(MsPipeline& p, const MS2Spectrum& scan) {
+// Detection and formatting of one scan: everything a worker does. When nothing
+// is found the declared precursors stand.
+void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& work) {
+    MS2Spectrum& scan = work.scan;
+    work.ks2.clear();
+    work.mgf.clear();
+    work.csv.clear();
+    work.validation = ValidationCounts{};
+    if (!work.passes) {
+        return;
+    }
+    if (work.detect) {
+        scan.m_precursors = (*format.detect)(work.raw, scan, scratch.detection);
+        if (format.validate && !scan.m_precursors.empty()) {
+            validate_precursors(format, work);
+        }
+        if (scan.m_precursors.empty()) {
+            scan.m_precursors = scan.m_instrument_precursors;
+        }
+    }
+    remove_invalid_precursors(scan, work.told);
+    if (scan.m_precursors.empty()) {
+        return;
+    }
+    if (format.ks) {
+        format_ks2_record(work.ks2, scan);
+    }
+    if (format.mgf) {
+        format_mgf_blocks(work.mgf, scratch.peak_text, format.layout, scan);
+    }
+    format_csv_row(work.csv, scan);
+}
+
+// Runs claimed scan `sequence` and marks it done; a failure travels with it to
+// the writer, which raises it in turn.
+void run_claimed(ScanQueue& queue, const ScanFormat& format, WorkerScratch& scratch,
+                 std::size_t sequence) {
+    const std::size_t slot = sequence % queue.slots.size();
+    try {
+        process_work(format, scratch, queue.slots[slot]);
+    } catch (...) {
+        queue.slots[slot].failure = std::current_exception();
+    }
+    {
+        const std::lock_guard<std::mutex> lock(queue.mutex);
+        queue.done[slot] = 1;
+    }
+    queue.work_done.notify_all();
+}
+
+void work_loop(ScanQueue& queue, const ScanFormat& format) {
+    WorkerScratch scratch;
+    while (true) {
+        std::size_t sequence = 0;
+        {
+            std::unique_lock<std::mutex> lock(queue.mutex);
+            queue.work_ready.wait(
+                lock, [&queue] { return queue.stop || queue.claimed < queue.published; });
+            if (queue.stop) {
+                return;
+            }
+            sequence = queue.claimed++;
+        }
+        run_claimed(queue, format, scratch, sequence);
+    }
+}
+
+// The worker threads of one file; leaving the scope stops and joins them, on
+// failure too, before the queue they work on goes.
+class Workers {
+  public:
+    Workers(ScanQueue& queue, const ScanFormat& format, std::size_t count) : m_queue(queue) {
+        for (std::size_t i = 0; i < count; ++i) {
+            m_threads.emplace_back(work_loop, std::ref(queue), std::cref(format));
+        }
+    }
+    ~Workers() {
+        {
+            const std::lock_guard<std::mutex> lock(m_queue.mutex);
+            m_queue.stop = true;
+        }
+        m_queue.work_ready.notify_all();
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
+    }
+    Workers(const Workers&) = delete;
+    Workers& operator=(const Workers&) = delete;
+
+  private:
+    ScanQueue& m_queue;
+    std::vector<std::thread> m_threads;
+};
+
+void publish(ScanQueue& queue, std::size_t sequence) {
+    {
+        const std::lock_guard<std::mutex> lock(queue.mutex);
+        queue.done[sequence % queue.slots.size()] = 0;
+        ++queue.published;
+    }
+    queue.work_ready.notify_one();
+}
+
+// Waits until scan `sequence` is done, detecting scans nobody has claimed yet
+// meanwhile, so that this thread's core is not idle.
+void wait_or_help(ScanQueue& queue, const ScanFormat& format, WorkerScratch& scratch,
+                  std::size_t sequence) {
+    std::unique_lock<std::mutex> lock(queue.mutex);
+    while (queue.done[sequence % queue.slots.size()] == 0) {
+        if (queue.claimed < queue.published) {
+            const std::size_t mine = queue.claimed++;
+            lock.unlock();
+            run_claimed(queue, format, scratch, mine);
+            lock.lock();
+            continue;
+        }
+        queue.work_done.wait(lock);
+    }
+}
+
+// Output, in file order: the scan's messages, then its KS2 record, MGF blocks
+// and table row.
+void write_work(MsPipeline& p, ScanWork& work) {
+    if (work.failure) {
+        std::rethrow_exception(work.failure);
+    }
+    log_held(work.told);
+    add_counts(p.validation, work.validation);
+    const MS2Spectrum& scan = work.scan;
+    if (!work.passes || scan.m_precursors.empty()) {
+        return;
+    }
     p.keys.insert(scan.m_activation_type + scan.m_instrument_type);
     if (p.ks2) {
-        write_ks2_record(file_for(*p.ks2, scan), scan);
+        write_ks_record_bytes(file_for(*p.ks2, scan), scan.m_scan, work.ks2);
     }
     if (p.mgf) {
         MgfFile& mgf = file_for(*p.mgf, scan);
         ++mgf.m_head.m_scan_count;  // scans, not blocks
-        mgf.m_conventions = p.mgf_conventions;
-        write_mgf_blocks(mgf, scan);
+        write_mgf_text(mgf, work.mgf);
     }
-    write_csv_row(p.table, scan);
-}
-
-void handle_ms2_scan(MsPipeline& p, const UserParameters& params, const PrecursorDetector& detect,
-                     MS2Spectrum& scan) {
-    // Scans outside the known activation and instrument types leave no trace.
-    if (!passes_gate(scan)) {
-        return;
-    }
-    const int32_t count = p.ms2.m_head.m_scan_count;
-    if (count % kProgressStep == 0) {
-        log_info("Extracting MS2, Scan Num = " + std::to_string(count));
-    }
-    determine_precursors(params, detect, p, scan);
-    remove_invalid_precursors(scan);
-    if (!scan.m_precursors.empty()) {
-        write_scan(p, scan);
-    }
+    write_csv_text(p.table, work.csv);
 }
 
 // One line per input, which the run summary reads back.
@@ -187,21 +387,20 @@ void log_validation_counts(const std::string& path, const ValidationCounts& c) {
              n(c.m_restored));
 }
 
-void open_pipeline(MsPipeline& p, const UserParameters& params) {
-    open_spectrum_file(p.ms1.m_head, params.m_current_path, "r");
-    open_spectrum_file(p.ms2.m_head, sibling_path(params, ".ms2"), "r");
-    open_csv_file(p.table, output_path(params, ".csv"), "w+");
-    const std::string& title = params.m_current_stem;
+void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContext& file) {
+    open_spectrum_file(p.ms1.m_head, file.m_path, "r");
+    open_spectrum_file(p.ms2.m_head, sibling_path(file, ".ms2"), "r");
+    open_csv_file(p.table, output_path(file, ".csv"), "w+");
+    const std::string& title = file.m_stem;
     if (params.m_output_ks) {
         p.ks1.emplace();
-        open_ks_file(*p.ks1, output_path(params, ".ks1"), "wb+", title);
-        p.ks2.emplace(KsFileSet{4, output_path(params, "_.ks2"), "wb+", title, {}});
+        open_ks_file(*p.ks1, output_path(file, ".ks1"), "wb+", title);
+        p.ks2.emplace(KsFileSet{4, output_path(file, "_.ks2"), "wb+", title, {}});
     }
     if (params.m_output_mgf) {
-        p.mgf.emplace(MgfFileSet{4, output_path(params, "_.mgf"), "w+", title, {}});
+        p.mgf.emplace(MgfFileSet{4, output_path(file, "_.mgf"), "w+", title, {}});
     }
-    start_ms1_window(p.window, params, params.m_current_path);
-    p.mgf_conventions = params.m_mgf_conventions;
+    start_ms1_window(p.window, params, file.m_path);
 }
 
 // The precursor table is renamed last: a <stem>.csv on disk means that every
@@ -231,9 +430,9 @@ void close_pipeline(MsPipeline& p) {
 
 // After a failed write nothing of this input may look usable: its KS files, MGF
 // files and unfinished table go, so that the next run does it again.
-void remove_outputs(const MsPipeline& p, const UserParameters& params) {
+void remove_outputs(const MsPipeline& p, const FileContext& file) {
     for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished"}) {
-        discard_file(output_path(params, suffix));
+        discard_file(output_path(file, suffix));
     }
     for (const std::string& key : p.keys) {
         if (p.ks2) {
@@ -246,41 +445,89 @@ void remove_outputs(const MsPipeline& p, const UserParameters& params) {
     }
 }
 
-void run_pipeline(MsPipeline& p, const UserParameters& params, const PrecursorDetector& detect) {
-    open_pipeline(p, params);
+// Reads up to a full ring ahead, then writes the oldest scan once it is done.
+// With one thread the ring has one slot and every scan is read, detected and
+// written before the next is read.
+void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& format,
+               std::size_t threads) {
+    ScanQueue queue(threads == 1 ? 1 : threads * kScansPerThread);
+    const Workers workers(queue, format, threads - 1);
+    WorkerScratch scratch;
     MS1Spectrum ms1;
-    MS2Spectrum ms2;
-    while (ReadMs2Scan(p.ms2, ms2)) {
-        read_ahead(p, ms1, ms2);
-        handle_ms2_scan(p, params, detect, ms2);
-        reset_keeping_buffer(ms2);
+    HeldLines last_read;
+    std::size_t read = 0;
+    std::size_t written = 0;
+    bool more = true;
+    while (true) {
+        while (more && read - written < queue.slots.size()) {
+            ScanWork& work = queue.slots[read % queue.slots.size()];
+            if (!read_work(p, params, ms1, work)) {
+                last_read = std::move(work.told);
+                more = false;
+                break;
+            }
+            publish(queue, read++);
+        }
+        if (written == read) {
+            break;
+        }
+        wait_or_help(queue, format, scratch, written);
+        write_work(p, queue.slots[written++ % queue.slots.size()]);
     }
+    log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr)) {
+    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
         reset_keeping_buffer(ms1);
     }
+}
+
+void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext& file,
+                  const PrecursorDetector& detect) {
+    open_pipeline(p, params, file);
+    ScanFormat format;
+    format.detect = &detect;
+    format.params = &params;
+    format.ipv = file.m_ipv;
+    format.validate = params.m_validate_precursors;
+    format.ks = params.m_output_ks;
+    format.mgf = params.m_output_mgf;
+    format.layout = MgfLayout{file.m_stem, params.m_peak_format, params.m_mgf_conventions};
+    run_scans(p, params, format, detection_threads(params));
     if (params.m_validate_precursors) {
-        log_validation_counts(params.m_current_path, p.validation);
+        log_validation_counts(file.m_path, p.validation);
     }
     close_pipeline(p);
 }
 
 }  // namespace
 
-void process_ms_files(UserParameters& params) {
-    process_ms_files(params, DetectPrecursors);
+std::size_t detection_threads(const UserParameters& params) {
+    if (params.m_threads > 0) {
+        return static_cast<std::size_t>(params.m_threads);
+    }
+    return usable_cores();
 }
 
-void process_ms_files(UserParameters& params, const PrecursorDetector& detect) {
-    if (has_existing_result(params, ".csv", "...")) {
+void process_ms_files(const UserParameters& params, const FileContext& file) {
+    const IpvTable& ipv = *file.m_ipv;
+    process_ms_files(
+        params, file,
+        [&params, &ipv](const Ms1Slices& raw, const MS2Spectrum& ms2, DetectionScratch& scratch) {
+            return DetectPrecursors(params, ipv, raw, ms2, scratch);
+        });
+}
+
+void process_ms_files(const UserParameters& params, const FileContext& file,
+                      const PrecursorDetector& detect) {
+    if (has_existing_result(params, file, ".csv", "...")) {
         return;
     }
     MsPipeline p;
     try {
-        run_pipeline(p, params, detect);
+        run_pipeline(p, params, file, detect);
     } catch (const WriteFailure&) {
-        remove_outputs(p, params);
+        remove_outputs(p, file);
         throw;
     }
 }

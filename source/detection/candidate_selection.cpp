@@ -62,7 +62,7 @@ bool PassesCandidateFilters(FeaturesExtractor& candidate, const UserParameters& 
     }
     // A doubly charged ion near the target may show a single isotope inside the
     // window; higher charges and ions above the window must show two.
-    const double upper = candidate.m_ms2->m_activation_center + params.m_isolation_width;
+    const double upper = candidate.ms2().m_activation_center + params.m_isolation_width;
     if ((candidate.charge() > 2 || candidate.precursor().m_mz > upper) &&
         candidate.GetIsotopesInWindow() < 2) {
         return false;
@@ -138,15 +138,12 @@ CandidateList SelectCandidates(const UserParameters& params, CandidateList kept)
 }
 
 double RecalibratedMz(FeaturesExtractor& candidate) {
-    if (candidate.m_has_recalibrated_mz) {
-        return candidate.m_recalibrated_mz;
-    }
     const double mz = candidate.precursor().m_mz;
-    const double window_ppm = candidate.m_params->m_recalibrate_window;
+    const double window_ppm = candidate.params().m_recalibrate_window;
     double weighted = 0.0;
     double intensity = 0.0;
     // The raw slices: peaks below the noise limit pull on the mean too.
-    for (const PeakList& slice : *candidate.m_scan_peaks) {
+    for (const PeakList& slice : candidate.scan_peaks()) {
         for (const Peak& peak : PeaksInWindow(slice, mz, window_ppm, true)) {
             weighted += peak.m_mz * peak.m_intensity;
             intensity += peak.m_intensity;
@@ -155,9 +152,7 @@ double RecalibratedMz(FeaturesExtractor& candidate) {
     if (intensity <= kZeroGuard) {
         return mz;
     }
-    candidate.m_recalibrated_mz = weighted / intensity;
-    candidate.m_has_recalibrated_mz = true;
-    return candidate.m_recalibrated_mz;
+    return weighted / intensity;
 }
 
 }  // namespace ksieve

@@ -1,18 +1,15 @@
 // The detection of one MS2 scan: candidate generation, then selection, with the
 // evaluators of the scan owned here.
-#include <string>
 #include <utility>
 
 #include "detection.h"
-#include "logger.h"
 
 namespace ksieve {
 
-std::vector<Precursor> DetectPrecursors(const UserParameters& params, const Ms1Store& store,
-                                        const MS2Spectrum& ms2) {
-    const Ms1Slices raw = CollectMs1Slices(params.m_search_window, store, ms2);
+std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
+                                        const Ms1Slices& raw, const MS2Spectrum& ms2,
+                                        DetectionScratch& scratch) {
     if (raw.size() < 5) {
-        log_info("Cannot found the precurosr scan of MS2: " + std::to_string(ms2.m_precursor_scan));
         return {};
     }
     const Ms1Slices clean = FilterSliceNoise(raw, ms2);
@@ -24,11 +21,13 @@ std::vector<Precursor> DetectPrecursors(const UserParameters& params, const Ms1S
     const IntensityGrid grid(params.m_peak_window, clean, ms2);
     // Reserved for every pair, so the kept pointers into it stay valid; a rejected
     // evaluator is dropped at once, since nothing reads it again.
-    std::vector<FeaturesExtractor> owned;
+    std::vector<FeaturesExtractor>& owned = scratch.m_evaluators;
+    owned.clear();
     owned.reserve(pairs.size());
     CandidateList kept;
     for (const Precursor& pair : pairs) {
-        FeaturesExtractor& candidate = owned.emplace_back(params, raw, merged, grid, ms2, pair);
+        FeaturesExtractor& candidate =
+            owned.emplace_back(params, ipv, raw, merged, grid, ms2, pair);
         if (PassesCandidateFilters(candidate, params)) {
             kept.push_back(&candidate);
         } else {
@@ -41,6 +40,7 @@ std::vector<Precursor> DetectPrecursors(const UserParameters& params, const Ms1S
     for (FeaturesExtractor* candidate : selected) {
         result.push_back({RecalibratedMz(*candidate), candidate->charge()});
     }
+    owned.clear();
     return result;
 }
 

@@ -8,10 +8,11 @@
 // how many go on by a rank product, scores the rest with the chosen model, keeps
 // those above the threshold and recalibrates their m/z over the ten slices.
 //
-// No file I/O and no options beyond the UserParameters given. Detection raises
-// nothing: a scan it cannot explain gives the empty vector, on which the pipeline
-// keeps the instrument's declared precursors. Its one message is the "INFO" line
-// for a parent scan that is not in the store.
+// No I/O, no messages and no options beyond the UserParameters given; nothing
+// is shared between calls but the read-only parameters and isotope table, so
+// threads detect side by side, each with its own scratch. Detection raises
+// nothing: a scan it cannot explain gives the empty vector, on which the
+// pipeline keeps the instrument's declared precursors.
 //
 // All peak searches here use absolute m/z widths, except the recalibration, whose
 // window is in ppm of the candidate. Every tolerance test is strict: a peak at
@@ -29,12 +30,19 @@
 
 namespace ksieve {
 
-// The detected precursors of `ms2`, best model score first; each has the m/z
-// recalibrated over the ten MS1 slices and a charge from 2 to 6. Empty when
-// nothing passes. Requires the isotope table to be loaded (a candidate whose
-// singly protonated mass lies outside the table fails the table's assertion).
-std::vector<Precursor> DetectPrecursors(const UserParameters& params, const Ms1Store& store,
-                                        const MS2Spectrum& ms2);
+// What one detecting thread reuses from scan to scan: the evaluators of the
+// scan in work. Nothing in it survives into the next scan's result.
+struct DetectionScratch {
+    std::vector<FeaturesExtractor> m_evaluators;
+};
+
+// The detected precursors of `ms2` from `raw`, the ten MS1 slices that
+// CollectMs1Slices cut for it (no slices: empty), best model score first; each
+// has the m/z recalibrated over the ten slices and a charge from 2 to 6. Empty
+// when nothing passes.
+std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
+                                        const Ms1Slices& raw, const MS2Spectrum& ms2,
+                                        DetectionScratch& scratch);
 
 // ---- Candidate generation ----
 
@@ -117,9 +125,8 @@ std::vector<ScoredCandidate> ScoreAndSort(const UserParameters& params, const Ca
 CandidateList SelectCandidates(const UserParameters& params, CandidateList kept);
 
 // The intensity-weighted m/z of the raw-slice peaks strictly within
-// m_recalibrate_window ppm of the candidate's m/z, over all ten slices; cached on
-// the candidate. The candidate's own m/z, uncached, when those peaks sum to at
-// most 1e-6 in intensity.
+// m_recalibrate_window ppm of the candidate's m/z, over all ten slices; the
+// candidate's own m/z when those peaks sum to at most 1e-6 in intensity.
 double RecalibratedMz(FeaturesExtractor& candidate);
 
 }  // namespace ksieve

@@ -37,15 +37,18 @@ double pearson(const double* theory, const double* observed, int32_t n) {
 
 }  // namespace
 
-FeaturesExtractor::FeaturesExtractor(const UserParameters& params, const Ms1Slices& scan_peaks,
-                                     const PeakList& merged_peaks, const IntensityGrid& grid,
-                                     const MS2Spectrum& ms2, Precursor precursor)
+FeaturesExtractor::FeaturesExtractor(const UserParameters& params, const IpvTable& ipv,
+                                     const Ms1Slices& scan_peaks, const PeakList& merged_peaks,
+                                     const IntensityGrid& grid, const MS2Spectrum& ms2,
+                                     Precursor precursor, FeatureCache known)
     : m_params(&params),
+      m_ipv(&ipv),
       m_scan_peaks(&scan_peaks),
       m_merged_peaks(&merged_peaks),
       m_grid(&grid),
       m_ms2(&ms2),
-      m_precursor(precursor) {}
+      m_precursor(precursor),
+      m_cache(known) {}
 
 const IsoPattern& FeaturesExtractor::GetPattern() {
     if (!m_pattern) {
@@ -71,9 +74,6 @@ double FeaturesExtractor::GetIpvCorrelation(int32_t shift) {
             pearson(theory.data(), pattern.m_matrix[r].data() + IsoPattern::m_mono_col + shift, n);
         if (value > best) {
             best = value;
-            if (shift == -2) {
-                m_best_row_m2 = r;
-            }
         }
     }
     return best;
@@ -99,8 +99,8 @@ double FeaturesExtractor::GetElutionCosine(int32_t a, int32_t b) {
 }
 
 double FeaturesExtractor::GetClusterFraction() {
-    if (m_has_cluster_fraction) {
-        return m_cluster_fraction;
+    if (m_cache.m_cluster_fraction) {
+        return *m_cache.m_cluster_fraction;
     }
     const IsoPattern& pattern = GetPattern();
     if (pattern.m_total < kZeroGuard) {
@@ -112,14 +112,13 @@ double FeaturesExtractor::GetClusterFraction() {
             kept += pattern.m_matrix[r][c];
         }
     }
-    m_cluster_fraction = kept / pattern.m_total;
-    m_has_cluster_fraction = true;
-    return m_cluster_fraction;
+    m_cache.m_cluster_fraction = kept / pattern.m_total;
+    return *m_cache.m_cluster_fraction;
 }
 
 int32_t FeaturesExtractor::GetIsotopeRun() {
-    if (m_has_isotope_run) {
-        return m_isotope_run;
+    if (m_cache.m_isotope_run) {
+        return *m_cache.m_isotope_run;
     }
     int32_t longest = 0;
     for (const IsoPattern::Row& row : GetPattern().m_matrix) {
@@ -130,14 +129,13 @@ int32_t FeaturesExtractor::GetIsotopeRun() {
         }
         longest = std::max(longest, run);
     }
-    m_isotope_run = longest;
-    m_has_isotope_run = true;
-    return m_isotope_run;
+    m_cache.m_isotope_run = longest;
+    return *m_cache.m_isotope_run;
 }
 
 int32_t FeaturesExtractor::GetIsotopesInWindow() {
-    if (m_has_isotopes_in_window) {
-        return m_isotopes_in_window;
+    if (m_cache.m_isotopes_in_window) {
+        return *m_cache.m_isotopes_in_window;
     }
     const int32_t n = GetIsotopeRun();
     const double h = m_params->m_isolation_width * 0.5 + 0.05;
@@ -147,14 +145,13 @@ int32_t FeaturesExtractor::GetIsotopesInWindow() {
             ++count;
         }
     }
-    m_isotopes_in_window = count;
-    m_has_isotopes_in_window = true;
-    return m_isotopes_in_window;
+    m_cache.m_isotopes_in_window = count;
+    return *m_cache.m_isotopes_in_window;
 }
 
 double FeaturesExtractor::GetWindowShare() {
-    if (m_has_window_share) {
-        return m_window_share;
+    if (m_cache.m_window_share) {
+        return *m_cache.m_window_share;
     }
     const double center = m_ms2->m_activation_center;
     const double width = m_params->m_isolation_width;
@@ -177,14 +174,13 @@ double FeaturesExtractor::GetWindowShare() {
         return 0.0;
     }
     // Half the isolation width scales the share: 1 at the usual width of 2.0.
-    m_window_share = explained * width / in_window * 0.5;
-    m_has_window_share = true;
-    return m_window_share;
+    m_cache.m_window_share = explained * width / in_window * 0.5;
+    return *m_cache.m_window_share;
 }
 
 double FeaturesExtractor::GetMzSpreadPpm() {
-    if (m_has_mz_spread_ppm) {
-        return m_mz_spread_ppm;
+    if (m_cache.m_mz_spread_ppm) {
+        return *m_cache.m_mz_spread_ppm;
     }
     std::vector<double> values;
     std::vector<double> weights;
@@ -197,49 +193,43 @@ double FeaturesExtractor::GetMzSpreadPpm() {
             weights.push_back(peak.m_intensity);
         }
     }
-    m_mz_spread_ppm = WeightedStdDev(values, std::move(weights)) * 1e6 / m_precursor.m_mz;
-    m_has_mz_spread_ppm = true;
-    return m_mz_spread_ppm;
+    m_cache.m_mz_spread_ppm = WeightedStdDev(values, std::move(weights)) * 1e6 / m_precursor.m_mz;
+    return *m_cache.m_mz_spread_ppm;
 }
 
 double FeaturesExtractor::corr_0() {
-    if (!m_has_corr_0) {
-        m_corr_0 = GetIpvCorrelation(0);
-        m_has_corr_0 = true;
+    if (!m_cache.m_corr_0) {
+        m_cache.m_corr_0 = GetIpvCorrelation(0);
     }
-    return m_corr_0;
+    return *m_cache.m_corr_0;
 }
 
 double FeaturesExtractor::corr_m1() {
-    if (!m_has_corr_m1) {
-        m_corr_m1 = GetIpvCorrelation(-1);
-        m_has_corr_m1 = true;
+    if (!m_cache.m_corr_m1) {
+        m_cache.m_corr_m1 = GetIpvCorrelation(-1);
     }
-    return m_corr_m1;
+    return *m_cache.m_corr_m1;
 }
 
 double FeaturesExtractor::corr_m2() {
-    if (!m_has_corr_m2) {
-        m_corr_m2 = GetIpvCorrelation(-2);
-        m_has_corr_m2 = true;
+    if (!m_cache.m_corr_m2) {
+        m_cache.m_corr_m2 = GetIpvCorrelation(-2);
     }
-    return m_corr_m2;
+    return *m_cache.m_corr_m2;
 }
 
 double FeaturesExtractor::cos_0_1() {
-    if (!m_has_cos_0_1) {
-        m_cos_0_1 = GetElutionCosine(0, 1);
-        m_has_cos_0_1 = true;
+    if (!m_cache.m_cos_0_1) {
+        m_cache.m_cos_0_1 = GetElutionCosine(0, 1);
     }
-    return m_cos_0_1;
+    return *m_cache.m_cos_0_1;
 }
 
 double FeaturesExtractor::cos_m1_0() {
-    if (!m_has_cos_m1_0) {
-        m_cos_m1_0 = GetElutionCosine(-1, 0);
-        m_has_cos_m1_0 = true;
+    if (!m_cache.m_cos_m1_0) {
+        m_cache.m_cos_m1_0 = GetElutionCosine(-1, 0);
     }
-    return m_cos_m1_0;
+    return *m_cache.m_cos_m1_0;
 }
 
 double FeaturesExtractor::mass_z() const {
@@ -252,6 +242,22 @@ int32_t FeaturesExtractor::charge() const {
 
 const Precursor& FeaturesExtractor::precursor() const {
     return m_precursor;
+}
+
+const MS2Spectrum& FeaturesExtractor::ms2() const {
+    return *m_ms2;
+}
+
+const UserParameters& FeaturesExtractor::params() const {
+    return *m_params;
+}
+
+const Ms1Slices& FeaturesExtractor::scan_peaks() const {
+    return *m_scan_peaks;
+}
+
+const FeatureCache& FeaturesExtractor::cache() const {
+    return m_cache;
 }
 
 }  // namespace ksieve

@@ -1,5 +1,5 @@
-// The evaluator of one candidate precursor, and the process-wide table of
-// theoretical isotope patterns it compares observations with.
+// The evaluator of one candidate precursor, and the table of theoretical
+// isotope patterns it compares observations with.
 //
 // A FeaturesExtractor answers every feature of one (m/z, charge) candidate of one
 // MS2 scan. Each feature is computed on first demand and cached, because the
@@ -20,35 +20,48 @@
 
 namespace ksieve {
 
+// The isotope table: row m holds the relative intensities of the first five
+// isotope peaks of a molecule of singly protonated integer mass m. Loaded once
+// per run and read-only afterwards, so every detecting thread shares it.
+using IpvTable = std::vector<std::array<double, 5>>;
+
+// The features an evaluator has computed so far; a feature without a value has
+// not been asked for yet (or gave one of its fixed, uncached results).
+struct FeatureCache {
+    std::optional<double> m_corr_0;
+    std::optional<double> m_corr_m1;
+    std::optional<double> m_corr_m2;
+    std::optional<double> m_cos_0_1;
+    std::optional<double> m_cos_m1_0;
+    std::optional<double> m_cluster_fraction;
+    std::optional<double> m_window_share;
+    std::optional<double> m_mz_spread_ppm;
+    std::optional<int32_t> m_isotope_run;
+    std::optional<int32_t> m_isotopes_in_window;
+};
+
 class FeaturesExtractor {
   public:
-    // The isotope table: row m holds the relative intensities of the first five
-    // isotope peaks of a molecule of singly protonated integer mass m. Written
-    // once, before any evaluator exists; read-only afterwards.
-    static bool m_h_is_IPV_inited;
-    static std::vector<std::array<double, 5>> m_h_IPV_Matrix;
-
-    // Installs a loaded table and marks the store as loaded.
-    static void InstallIpvMatrix(std::vector<std::array<double, 5>> rows);
-
     // All references must outlive the evaluator; it owns none of them.
     // `scan_peaks` are the ten raw MS1 slices, `merged_peaks` the candidate peak list
     // of the central scans (in peak order; must not be empty once a pattern-based
-    // feature is asked for), `grid` the scan's intensity grid.
-    FeaturesExtractor(const UserParameters& params, const Ms1Slices& scan_peaks,
-                      const PeakList& merged_peaks, const IntensityGrid& grid,
-                      const MS2Spectrum& ms2, Precursor precursor);
+    // feature is asked for), `grid` the scan's intensity grid. `known` holds
+    // features already known, which are then never computed.
+    FeaturesExtractor(const UserParameters& params, const IpvTable& ipv,
+                      const Ms1Slices& scan_peaks, const PeakList& merged_peaks,
+                      const IntensityGrid& grid, const MS2Spectrum& ms2, Precursor precursor,
+                      FeatureCache known = {});
 
     // The candidate's pattern, built on first use and kept for the evaluator's life.
     const IsoPattern& GetPattern();
 
     // The isotope-table row of the candidate's singly protonated mass
     // z * m/z - z * 1.007276 + 1.007276, truncated toward zero. Asserts
-    // "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()": it fails before the
-    // table is loaded, for a mass of 15000 or more, and for a negative index.
+    // "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()": it fails for an
+    // empty table, for a mass beyond the table and for a negative index.
     const std::array<double, 5>& GetIpvRow() const;
-    // Whether the loaded table has a row for the candidate's mass; a candidate
-    // without one is dropped before any feature asks for the row.
+    // Whether the table has a row for the candidate's mass; a candidate without
+    // one is dropped before any feature asks for the row.
     bool HasIpvRow() const;
 
     // Best Pearson correlation, over the 11 pattern rows, of the table row with the
@@ -86,38 +99,22 @@ class FeaturesExtractor {
     double mass_z() const;
     int32_t charge() const;
     const Precursor& precursor() const;
+    const MS2Spectrum& ms2() const;
+    const UserParameters& params() const;
+    const Ms1Slices& scan_peaks() const;
+    // What has been computed so far.
+    const FeatureCache& cache() const;
 
+  private:
     const UserParameters* m_params;
+    const IpvTable* m_ipv;
     const Ms1Slices* m_scan_peaks;
     const PeakList* m_merged_peaks;
     const IntensityGrid* m_grid;
-    std::optional<IsoPattern> m_pattern;
-    bool m_has_corr_0 = false;
-    double m_corr_0 = -1.0;
-    bool m_has_mz_spread_ppm = false;
-    double m_mz_spread_ppm = -1.0;
-    bool m_has_cos_0_1 = false;
-    double m_cos_0_1 = -1.0;
-    bool m_has_cluster_fraction = false;
-    double m_cluster_fraction = -1.0;
-    bool m_has_cos_m1_0 = false;
-    double m_cos_m1_0 = -1.0;
-    bool m_has_isotopes_in_window = false;
-    int32_t m_isotopes_in_window = -1;
-    bool m_has_isotope_run = false;
-    int32_t m_isotope_run = -1;
-    bool m_has_window_share = false;
-    double m_window_share = -1.0;
-    bool m_has_corr_m1 = false;
-    double m_corr_m1 = -1.0;
-    bool m_has_corr_m2 = false;
-    double m_corr_m2 = -1.0;
-    int32_t m_best_row_m2 = -1;  // pattern row that gave the best correlation at shift -2
-    // The m/z recalibrated over the ten slices; detection computes and keeps it here.
-    bool m_has_recalibrated_mz = false;
-    double m_recalibrated_mz = -1.0;
     const MS2Spectrum* m_ms2;
     Precursor m_precursor;
+    std::optional<IsoPattern> m_pattern;
+    FeatureCache m_cache;
 };
 
 }  // namespace ksieve

@@ -3,20 +3,12 @@
 
 namespace ksieve {
 
-bool FeaturesExtractor::m_h_is_IPV_inited = false;
-std::vector<std::array<double, 5>> FeaturesExtractor::m_h_IPV_Matrix;
-
 namespace {
 
 // The proton mass with which the table's rows are keyed.
 constexpr double kProtonMass = 1.007276;
 
 }  // namespace
-
-void FeaturesExtractor::InstallIpvMatrix(std::vector<std::array<double, 5>> rows) {
-    m_h_IPV_Matrix = std::move(rows);
-    m_h_is_IPV_inited = true;
-}
 
 namespace {
 
@@ -32,13 +24,13 @@ bool FeaturesExtractor::HasIpvRow() const {
     // out of the table as one past its end. Tested on the mass itself so that no
     // out-of-range value is ever converted.
     const double mz = singly_protonated_mass(m_precursor);
-    return m_h_is_IPV_inited && mz > -1.0 && mz < static_cast<double>(m_h_IPV_Matrix.size());
+    return mz > -1.0 && mz < static_cast<double>(m_ipv->size());
 }
 
 const std::array<double, 5>& FeaturesExtractor::GetIpvRow() const {
     KS_ASSERT(HasIpvRow(), "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()");
     const double mz = singly_protonated_mass(m_precursor);
-    return m_h_IPV_Matrix[static_cast<std::size_t>(static_cast<int32_t>(mz))];
+    return (*m_ipv)[static_cast<std::size_t>(static_cast<int32_t>(mz))];
 }
 
 }  // namespace ksieve

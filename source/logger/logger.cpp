@@ -80,4 +80,19 @@ void log_info(std::string message) {
     log("INFO", std::move(message));
 }
 
+void log_or_hold(HeldLines* held, std::string level, std::string message) {
+    if (held == nullptr) {
+        log(std::move(level), std::move(message));
+    } else {
+        held->push_back({std::move(level), std::move(message)});
+    }
+}
+
+void log_held(HeldLines& held) {
+    for (HeldLine& line : held) {
+        log(std::move(line.m_level), std::move(line.m_message));
+    }
+    held.clear();
+}
+
 }  // namespace ksieve

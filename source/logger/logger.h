@@ -17,6 +17,7 @@
 #include <mutex>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace ksieve {
 
@@ -52,7 +53,7 @@ class Logger {
     std::FILE* m_log_file = nullptr;
     std::string m_log_buffer;
     std::string m_log_path;
-    std::mutex m_mutex;     // single-threaded program: constructed and never taken
+    std::mutex m_mutex;     // constructed and never taken: one thread logs, others hold lines
     bool m_failed = false;  // the file refused a write: nothing more goes to it
 };
 
@@ -60,5 +61,18 @@ class Logger {
 void write_line(std::ostream& stream, std::string level, std::string message);
 void log(std::string level, std::string message);
 void log_info(std::string message);
+
+// Lines told later, in the order they were held: work done ahead of its turn
+// (reading ahead, detection on another thread) keeps its messages here until
+// the thread that logs reaches that work.
+struct HeldLine {
+    std::string m_level;
+    std::string m_message;
+};
+using HeldLines = std::vector<HeldLine>;
+// Holds the line when `held` is given, logs it now otherwise.
+void log_or_hold(HeldLines* held, std::string level, std::string message);
+// Logs every held line in order and empties `held`.
+void log_held(HeldLines& held);
 
 }  // namespace ksieve

@@ -30,22 +30,31 @@ void open_csv_file(CsvFile& file, std::string path, std::string mode) {
 
 // Every field is followed by ", ", the last one too. Precursors are numbered
 // from 1 here, while MGF titles count them from 0.
-void write_csv_row(CsvFile& file, const MS2Spectrum& scan) {
-    std::FILE* stream = file.m_head.m_stream;
-    ++file.m_head.m_scan_count;
+void format_csv_row(std::string& row, const MS2Spectrum& scan) {
     const bool declared = !scan.m_instrument_precursors.empty();
     const double declared_mz = declared ? scan.m_instrument_precursors.front().m_mz : -1.0;
     const int32_t declared_charge = declared ? scan.m_instrument_precursors.front().m_charge : -1;
-    bool written =
-        std::fprintf(stream, "%s, %s, %d, %.6f, %d, %d, ", scan.m_activation_type.c_str(),
-                     scan.m_instrument_type.c_str(), scan.m_scan, declared_mz, declared_charge,
-                     static_cast<int>(scan.m_precursors.size())) >= 0;
+    row.clear();
+    append_format(row, "%s, %s, %d, %.6f, %d, %d, ", scan.m_activation_type.c_str(),
+                  scan.m_instrument_type.c_str(), scan.m_scan, declared_mz, declared_charge,
+                  static_cast<int>(scan.m_precursors.size()));
     int number = 1;
     for (const Precursor& precursor : scan.m_precursors) {
-        written = written && std::fprintf(stream, "%d, %.6f, %d, ", number++, precursor.m_mz,
-                                          precursor.m_charge) >= 0;
+        append_format(row, "%d, %.6f, %d, ", number++, precursor.m_mz, precursor.m_charge);
     }
-    check_written(written && std::fputs("\n", stream) >= 0, file.m_unfinished_path);
+    row += '\n';
+}
+
+void write_csv_text(CsvFile& file, const std::string& row) {
+    ++file.m_head.m_scan_count;
+    check_written(std::fwrite(row.data(), 1, row.size(), file.m_head.m_stream) == row.size(),
+                  file.m_unfinished_path);
+}
+
+void write_csv_row(CsvFile& file, const MS2Spectrum& scan) {
+    std::string row;
+    format_csv_row(row, scan);
+    write_csv_text(file, row);
 }
 
 // An older table of the same name stays readable until the new one is complete.

@@ -99,17 +99,39 @@ void write_ks1_record(KsFile& file, const MS1Spectrum& scan) {
     put(stream, path, int32_t{1});
 }
 
-void write_ks2_record(KsFile& file, const MS2Spectrum& scan) {
-    begin_record(file, scan.m_scan);
-    std::FILE* stream = file.m_head.m_stream;
-    const std::string& path = file.m_head.m_path;
-    put(stream, path, scan.m_scan);
-    put_peaks(stream, path, scan.m_peaks);
-    put(stream, path, static_cast<uint32_t>(scan.m_precursors.size()));
+namespace {
+
+template <typename Number>
+void append(std::string& bytes, Number value) {
+    static_assert(std::is_arithmetic_v<Number>);
+    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+}  // namespace
+
+void format_ks2_record(std::string& bytes, const MS2Spectrum& scan) {
+    bytes.clear();
+    append(bytes, scan.m_scan);
+    append(bytes, static_cast<uint32_t>(scan.m_peaks.size()));
+    bytes.append(reinterpret_cast<const char*>(scan.m_peaks.data()),
+                 scan.m_peaks.size() * sizeof(Peak));
+    append(bytes, static_cast<uint32_t>(scan.m_precursors.size()));
     for (const Precursor& precursor : scan.m_precursors) {
-        put(stream, path, precursor.m_mz);
-        put(stream, path, precursor.m_charge);
+        append(bytes, precursor.m_mz);
+        append(bytes, precursor.m_charge);
     }
+}
+
+void write_ks_record_bytes(KsFile& file, int32_t scan, const std::string& bytes) {
+    begin_record(file, scan);
+    check_written(std::fwrite(bytes.data(), 1, bytes.size(), file.m_head.m_stream) == bytes.size(),
+                  file.m_head.m_path);
+}
+
+void write_ks2_record(KsFile& file, const MS2Spectrum& scan) {
+    std::string bytes;
+    format_ks2_record(bytes, scan);
+    write_ks_record_bytes(file, scan.m_scan, bytes);
 }
 
 void finalize_ks_file(KsFile& file) {

@@ -11,12 +11,6 @@
 
 namespace ksieve {
 
-char g_peak_format[32] = "%.5f %.1f\n";
-
-void set_peak_format(const std::string& format) {
-    std::strncpy(g_peak_format, format.c_str(), sizeof(g_peak_format) - 1);
-}
-
 namespace {
 
 // Decimals of the m/z and the intensity of one peak line.
@@ -66,9 +60,9 @@ char* put_fixed(char* out, char* end, double value, int digits) {
 // The hot path of MGF output: to_chars prints exactly what printf "%.Nf"
 // prints, without parsing the format for every peak. The lines of one scan are
 // formatted once into `text`, since every precursor's block repeats them.
-void format_peaks(std::string& text, const std::vector<Peak>& peaks) {
+void format_peaks(std::string& text, const std::string& format, const std::vector<Peak>& peaks) {
     text.clear();
-    const std::optional<PeakDigits> digits = fixed_digits(g_peak_format);
+    const std::optional<PeakDigits> digits = fixed_digits(format.c_str());
     char line[kPeakLineSize];
     char* const end = line + kPeakLineSize;
     for (const Peak& peak : peaks) {
@@ -80,7 +74,7 @@ void format_peaks(std::string& text, const std::vector<Peak>& peaks) {
             *out++ = '\n';
         } else {
             const int written =
-                std::snprintf(line, kPeakLineSize, g_peak_format, peak.m_mz, peak.m_intensity);
+                std::snprintf(line, kPeakLineSize, format.c_str(), peak.m_mz, peak.m_intensity);
             out += std::clamp(written, 0, static_cast<int>(kPeakLineSize) - 1);
         }
         text.append(line, out);
@@ -88,47 +82,62 @@ void format_peaks(std::string& text, const std::vector<Peak>& peaks) {
 }
 
 // Negative ions carry their sign behind the number, as in "CHARGE=3-".
-bool write_charge(std::FILE* stream, int32_t charge) {
+void append_charge(std::string& text, int32_t charge) {
     if (charge >= 0) {
-        return std::fprintf(stream, "CHARGE=%d+\n", charge) >= 0;
+        append_format(text, "CHARGE=%d+\n", charge);
+    } else {
+        append_format(text, "CHARGE=%lld-\n", -static_cast<long long>(charge));
     }
-    return std::fprintf(stream, "CHARGE=%lld-\n", -static_cast<long long>(charge)) >= 0;
 }
 
-bool write_block(std::FILE* stream, const MgfFile& file, const MS2Spectrum& scan, std::size_t i) {
+void append_block(std::string& text, const std::string& peaks, const MgfLayout& layout,
+                  const MS2Spectrum& scan, std::size_t i) {
     const Precursor& precursor = scan.m_precursors[i];
-    const std::string& peaks = file.m_peak_text;
     // The opt-in conventions of most search engines: seconds, and the scan on its own line.
     const double seconds =
-        file.m_conventions ? scan.m_retention_time * 60.0 : scan.m_retention_time;
-    return std::fputs("BEGIN IONS\n", stream) >= 0 &&
-           std::fprintf(stream, "TITLE=%s.%d.%d.%d.%d.dta\n", file.m_title.c_str(), scan.m_scan,
-                        scan.m_scan, precursor.m_charge, static_cast<int>(i)) >= 0 &&
-           (!file.m_conventions || std::fprintf(stream, "SCANS=%d\n", scan.m_scan) >= 0) &&
-           write_charge(stream, precursor.m_charge) &&
-           std::fprintf(stream, "RTINSECONDS=%.7f\n", seconds) >= 0 &&
-           std::fprintf(stream, "PEPMASS=%f\n", precursor.m_mz) >= 0 &&
-           std::fwrite(peaks.data(), 1, peaks.size(), stream) == peaks.size() &&
-           std::fputs("END IONS\n", stream) >= 0;
+        layout.m_conventions ? scan.m_retention_time * 60.0 : scan.m_retention_time;
+    text += "BEGIN IONS\n";
+    append_format(text, "TITLE=%s.%d.%d.%d.%d.dta\n", layout.m_title.c_str(), scan.m_scan,
+                  scan.m_scan, precursor.m_charge, static_cast<int>(i));
+    if (layout.m_conventions) {
+        append_format(text, "SCANS=%d\n", scan.m_scan);
+    }
+    append_charge(text, precursor.m_charge);
+    append_format(text, "RTINSECONDS=%.7f\n", seconds);
+    append_format(text, "PEPMASS=%f\n", precursor.m_mz);
+    text += peaks;
+    text += "END IONS\n";
 }
 
 }  // namespace
 
 void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title) {
     open_spectrum_file(file.m_head, std::move(path), std::move(mode));
-    file.m_title = std::move(title);
+    file.m_layout.m_title = std::move(title);
 }
 
 // The title counts the precursors of a scan from 0; the precursor table counts
 // them from 1.
-void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
-    std::FILE* stream = file.m_head.m_stream;
-    if (!scan.m_precursors.empty()) {
-        format_peaks(file.m_peak_text, scan.m_peaks);
+void format_mgf_blocks(std::string& text, std::string& peak_text, const MgfLayout& layout,
+                       const MS2Spectrum& scan) {
+    text.clear();
+    if (scan.m_precursors.empty()) {
+        return;
     }
+    format_peaks(peak_text, layout.m_peak_format, scan.m_peaks);
     for (std::size_t i = 0; i < scan.m_precursors.size(); ++i) {
-        check_written(write_block(stream, file, scan, i), file.m_head.m_path);
+        append_block(text, peak_text, layout, scan, i);
     }
+}
+
+void write_mgf_text(MgfFile& file, const std::string& text) {
+    check_written(std::fwrite(text.data(), 1, text.size(), file.m_head.m_stream) == text.size(),
+                  file.m_head.m_path);
+}
+
+void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
+    format_mgf_blocks(file.m_text, file.m_peak_text, file.m_layout, scan);
+    write_mgf_text(file, file.m_text);
 }
 
 }  // namespace ksieve

@@ -204,7 +204,8 @@ void finish_ms2_scan(SpectrumFile& file, MS2Spectrum& scan) {
     for (std::size_t i = precursors.size(); i-- > 0;) {
         if (!is_valid(precursors[i])) {
             precursors.erase(precursors.begin() + static_cast<std::ptrdiff_t>(i));
-            log("WARN", "Scan " + std::to_string(scan.m_scan) +
+            log_or_hold(file.m_held_lines, "WARN",
+                        "Scan " + std::to_string(scan.m_scan) +
                             " has incorrect precursor infomation, skipping this precursor...");
         }
     }

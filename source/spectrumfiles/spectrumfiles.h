@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "logger.h"
 #include "records.h"
 
 namespace ksieve {
@@ -41,6 +42,9 @@ struct SpectrumFile {
     std::string m_mode;
     std::FILE* m_stream = nullptr;
     std::unique_ptr<char[]> m_read_buffer;  // the stream's buffer, when opened for reading
+    // When set, what reading the file has to say waits here, for the owner to
+    // log in the order of its output.
+    HeldLines* m_held_lines = nullptr;
 
     // A record that goes out of scope with its stream still open (a failure
     // unwinding past its owner) closes the stream quietly, so the stream never
@@ -65,16 +69,24 @@ struct LineFile {
     DroppedValues m_dropped;
 };
 
-// An MGF input, or one MGF output file (m_title is the stem printed in titles).
+// How MGF output blocks are written: the stem printed in titles, the printf
+// format of one peak line (finalising builds it from the m/z and intensity
+// digits), and the conventions of most search engines: RTINSECONDS in seconds
+// (the input's minutes times 60) and a SCANS= line after each TITLE.
+struct MgfLayout {
+    std::string m_title;
+    std::string m_peak_format = "%.5f %.1f\n";
+    bool m_conventions = false;
+};
+
+// An MGF input, or one MGF output file.
 struct MgfFile {
     SpectrumFile m_head;
-    std::string m_title;
+    MgfLayout m_layout;  // output only
     char m_line[kLineBufferSize] = {};
+    std::string m_text;       // output only: one scan's blocks, reused across scans
     std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
     DroppedValues m_dropped;  // input only
-    // Output only: RTINSECONDS in seconds (the input's minutes times 60) and a
-    // SCANS= line after each TITLE, as search engines read them.
-    bool m_conventions = false;
 };
 
 // The last data offset that an index entry, a signed 32-bit number, can hold.
@@ -176,6 +188,10 @@ void open_ks_file(KsFile& file, std::string path, std::string mode, std::string 
 // Appends one record and its index entry (scan, position); raises the count.
 void write_ks1_record(KsFile& file, const MS1Spectrum& scan);
 void write_ks2_record(KsFile& file, const MS2Spectrum& scan);
+// The same in two steps, so that the bytes can be made away from the file: the
+// record after its index entry, then written with its index entry.
+void format_ks2_record(std::string& bytes, const MS2Spectrum& scan);
+void write_ks_record_bytes(KsFile& file, int32_t scan, const std::string& bytes);
 // Rewrites the scan count at offset 0 and closes the index stream, so that the
 // index is complete on disk as soon as the data file is. An index given up is
 // removed instead, with the WARN line
@@ -215,22 +231,26 @@ void close_file_set(MgfFileSet& set);
 
 // ---- MGF and CSV output -----------------------------------------------------
 
-// The printf format of one MGF peak line, "%.5f %.1f\n" until run_batch installs
-// the one built from the m/z and intensity digits.
-extern char g_peak_format[32];
-void set_peak_format(const std::string& format);
-
 // Opens an MGF output file (mode "w+"), logging as any spectrum file.
 void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title);
 // One block per entry of m_precursors, every peak repeated in each. The caller
 // raises the file's m_scan_count once per scan.
 void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan);
+// The blocks as text, replacing `text`; `peak_text` is scratch for the peak
+// lines, which every block repeats.
+void format_mgf_blocks(std::string& text, std::string& peak_text, const MgfLayout& layout,
+                       const MS2Spectrum& scan);
+// Appends formatted text to an output file.
+void write_mgf_text(MgfFile& file, const std::string& text);
 
 // Opens <path>_unfinished and writes the header line; logs nothing.
 void open_csv_file(CsvFile& file, std::string path, std::string mode);
 // Raises the count and writes one row: declared m/z and charge, then one
 // "n, mz, charge, " triple per precursor.
 void write_csv_row(CsvFile& file, const MS2Spectrum& scan);
+// The row as text, replacing `row`, and its writing (which raises the count).
+void format_csv_row(std::string& row, const MS2Spectrum& scan);
+void write_csv_text(CsvFile& file, const std::string& row);
 // Finishes the stream, deletes any old <path>, renames <path>_unfinished to it.
 // Throws "Cannot rename file: <unfinished path>".
 void finish_csv_file(CsvFile& file);

@@ -79,6 +79,7 @@ const char* const kMarsModelHelp =
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr OptionRange kAnyNumber{-kInfinity, kInfinity, false, false};
 constexpr OptionRange kCeilingRange{0.0, 1048576.0, false, false};
+constexpr OptionRange kThreadsRange{0.0, 4096.0, false, false};
 
 const char* const kDataPathHelp = "\t\t# The directory contains input files / the input file path.";
 
@@ -251,6 +252,11 @@ std::vector<OptionRow> make_option_rows() {
          "0",
          "1: after detection, remove or correct precursors that are another charge or isotope "
          "of an ion, twice the same ion, or an envelope whose isotopes do not elute together"},
+        {"threads", "", &U::m_threads, kThreadsRange, nullptr, false, "0",
+         "threads that determine precursors and format output (0: every core kSieve may use; "
+         "1: one after another); output is the same for any number. The environment variable "
+         "`KSIEVE_THREADS` stands in for a missing key",
+         false},
     };
 }
 

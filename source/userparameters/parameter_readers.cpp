@@ -204,6 +204,11 @@ UserParameters read_command_line(int argc, char** argv) {
 }
 
 void apply_parameters(UserParameters& record, ParameterMap map) {
+    // The key of the parameter file wins over the environment.
+    if (const char* threads = std::getenv("KSIEVE_THREADS");
+        threads != nullptr && map.count("threads") == 0) {
+        map["threads"] = threads;
+    }
     // The order of the rows decides which of several bad values the user hears about.
     for (const OptionRow& row : option_rows()) {
         const auto value = map.find(row.m_key);

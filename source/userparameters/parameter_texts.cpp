@@ -51,7 +51,7 @@ void print_parameters(const UserParameters& record) {
     // alone logs exactly what it always did.
     const UserParameters defaults;
     for (const OptionRow& row : option_rows()) {
-        if (row.m_original) {
+        if (row.m_original || !row.m_logged) {
             continue;
         }
         const std::string value = field_text(record, row.m_field);

@@ -47,14 +47,11 @@ struct UserParameters {
     int32_t m_memory_ceiling_mib = 1024;   // memory_ceiling_mib: MS1 peak lists held
     bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
     bool m_validate_precursors = false;    // validate_precursors: second look after detection
-    // Set by finalising or per input file; no key.
+    int32_t m_threads = 0;                 // threads: that detect and format; 0 all cores
+    // Set by finalising; no key. The record is never changed after that: what
+    // varies per input file travels beside it.
     bool m_output_beside_input = false;
-    std::string m_peak_format;  // printf format of one MGF peak line
-    std::string m_current_path;
-    std::string m_current_dir;     // "." when the path has no directory part
-    std::string m_current_name;    // file name with extension
-    std::string m_current_stem;    // file name without extension
-    std::string m_current_ext;     // extension without the dot
+    std::string m_peak_format;     // printf format of one MGF peak line
     double m_peak_window = 3.0;    // isolation_width + 1, after finalising
     double m_search_window = 3.5;  // peak window + tolerance margin, after finalising
 };
@@ -86,6 +83,10 @@ struct OptionRow {
     bool m_original = true;
     const char* m_shown_default = nullptr;  // README; nullptr: the row is not listed
     const char* m_meaning = "";             // README
+    // Logged after the echo when not at its default; a key that cannot change a
+    // byte of any output (the thread count) stays silent, so that the log too is
+    // the same whatever its value.
+    bool m_logged = true;
 };
 
 // Every option, in the order in which apply_parameters copies them.
@@ -124,7 +125,8 @@ UserParameters read_command_line(int argc, char** argv);
 
 // Copies the keys present in `map` into `record`, in the order of option_rows
 // (booleans, integers, doubles, mstolppm, strings, then the later keys), then the
-// data paths; the first bad value ends it. An original flag is false only for the
+// data paths; the first bad value ends it. Without a threads key, the
+// environment variable KSIEVE_THREADS stands in for it. An original flag is false only for the
 // text "0"; a later flag takes "0" or "1" only. A number outside its row's range
 // throws "Argument <key>(-<letter>) invalid: <value>; <key> should be " +
 // accepted_text (no letter part for a parameter-file key). Paths come from datapath1..datapathN

@@ -1,7 +1,8 @@
 // The thin layer between kSieve and the operating system beyond plain files:
-// child programs, locks, and the place of kSieve's own executable.
+// child programs, locks, the place of kSieve's own executable and its cores.
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -20,6 +21,16 @@
 extern char** environ;
 
 namespace ksieve {
+
+std::size_t usable_cores() {
+    cpu_set_t cores;
+    CPU_ZERO(&cores);
+    if (sched_getaffinity(0, sizeof cores, &cores) != 0) {
+        return 1;
+    }
+    const int count = CPU_COUNT(&cores);
+    return count > 0 ? static_cast<std::size_t>(count) : 1;
+}
 
 namespace {
 

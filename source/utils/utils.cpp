@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -144,6 +145,30 @@ std::string to_lower(std::string text) {
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
     return text;
+}
+
+void append_format(std::string& text, const char* format, ...) {
+    char buffer[512];
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+    if (length < 0) {
+        va_end(again);
+        return;
+    }
+    if (static_cast<std::size_t>(length) < sizeof buffer) {
+        text.append(buffer, static_cast<std::size_t>(length));
+    } else {
+        // Longer than the buffer (a long title): printed again into the string.
+        const std::size_t start = text.size();
+        text.resize(start + static_cast<std::size_t>(length) + 1);
+        std::vsnprintf(text.data() + start, static_cast<std::size_t>(length) + 1, format, again);
+        text.resize(start + static_cast<std::size_t>(length));
+    }
+    va_end(again);
 }
 
 bool ends_with(std::string text, std::string suffix) {

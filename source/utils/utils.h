@@ -41,6 +41,11 @@ std::string to_lower(std::string text);
 // case-insensitively. An empty suffix always matches; the suffix is not trimmed.
 bool ends_with(std::string text, std::string suffix);
 
+// Appends what printf would print for `format` and the arguments: the same
+// bytes as an fprintf of them, made where no file is at hand.
+void append_format(std::string& text, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 // The pieces of `text` that are each followed by a member of `set`. Neighbouring
 // delimiters give empty pieces; whatever follows the last delimiter is dropped,
 // so split("a b c", " ") is {"a", "b"} and split("abc", ".") is {}.
@@ -110,6 +115,9 @@ inline void check_written(bool written, const std::string& path) {
 // the directory of kSieve's own executable when it is there; else `path`, so that
 // a failure names what was asked for.
 std::string shipped_file(const std::string& path);
+
+// The cores this process may run on (sched_getaffinity), at least 1.
+std::size_t usable_cores();
 
 // An exclusive flock on an existing file, held until destruction; it keeps two
 // runs from working on one input at once. When another process holds the lock,

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
+#include <stdexcept>
 
 #include "basicprocesslogic.h"
 #include "detection.h"
@@ -15,47 +17,65 @@ namespace {
 
 using Tail = std::vector<std::pair<double, int32_t>>;
 
+// The scan each slice came from (its first peak has 100 times the scan number
+// as intensity), 0 for an empty slice.
+std::vector<int32_t> slice_scans(const Ms1Slices& raw) {
+    std::vector<int32_t> scans;
+    for (const PeakList& slice : raw) {
+        scans.push_back(slice.empty() ? 0 : static_cast<int32_t>(slice.front().m_intensity / 100));
+    }
+    return scans;
+}
+
 TEST(PipelineTest, DetectedPrecursorsReachTheOutputsAndTheWindowRunsPastTheParent) {
     const test::TempDir out;
     UserParameters params;
     params.m_outputpath = out.path().string();
-    std::vector<std::pair<int32_t, int32_t>> calls;  // MS2 scan, newest MS1 scan in the store
-    const PrecursorDetector detector = [&](const UserParameters&, const Ms1Store& store,
-                                           const MS2Spectrum& ms2) -> std::vector<Precursor> {
-        EXPECT_EQ(store.size(), kMs1StoreSize);
-        calls.emplace_back(ms2.m_scan, store.back().m_scan);
-        if (ms2.m_scan == 102) {
+    params.m_search_window = 1000.0;  // every peak of a slice's scan
+    params.m_threads = 1;
+    std::vector<std::pair<int32_t, std::vector<int32_t>>> calls;  // MS2 scan, slice scans
+    const PrecursorDetector detector = [&](const Ms1Slices& raw, const MS2Spectrum& ms2,
+                                           DetectionScratch&) -> std::vector<Precursor> {
+        calls.emplace_back(ms2.m_scan, slice_scans(raw));
+        if (ms2.m_scan == 101) {
             return {{700.1, 2}, {0.0, 3}, {650.2, 4}};  // the middle one is invalid
         }
         return {};
     };
-    set_current_file(params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1");
+    const FileContext file = file_context(
+        params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1", "ms1", nullptr);
     test::CaptureStream errors(std::cerr);
-    process_ms_files(params, detector);
+    test::CaptureStream output(std::cout);
+    process_ms_files(params, file, detector);
     // The index streams stay open until the process ends.
     std::fflush(nullptr);
     EXPECT_NE(
-        errors.text().find("<WARN> - Scan 102 has incorrect precursor infomation, skipping...\n"),
+        errors.text().find("<WARN> - Scan 101 has incorrect precursor infomation, skipping...\n"),
         std::string::npos)
         << errors.text();
+    EXPECT_NE(output.text().find("<INFO> - Cannot found the precurosr scan of MS2: 5\n"),
+              std::string::npos)
+        << output.text();
 
     // PQD is gated out; scan 104 (negative charge) and 105 (no valid precursor)
-    // never reach detection. The store runs five FT scans past each parent; parent
-    // 5 of scan 102 is IT, so its window passes FT scan 6.
-    EXPECT_EQ(calls, (std::vector<std::pair<int32_t, int32_t>>{{101, 9}, {102, 11}}));
+    // never reach detection, nor does 102, whose parent 5 is IT and so not in
+    // the window. The window runs five FT scans past the parent 3 of scan 101
+    // (IT scan 5 not counted), and its front holds records without peaks.
+    EXPECT_EQ(calls, (std::vector<std::pair<int32_t, std::vector<int32_t>>>{
+                         {101, {0, 0, 1, 2, 3, 4, 6, 7, 8, 9}}}));
     EXPECT_EQ(kstest::read_ks_file(out.file("pair.ks1")).records.size(), 15u);
+    // No detection: the declared precursors stay.
     const kstest::KsContents cid = kstest::read_ks_file(out.file("pair_CIDIT.ks2"));
     ASSERT_EQ(cid.records.size(), 1u);
-    EXPECT_EQ(cid.records[0].tail, (Tail{{700.1, 2}, {650.2, 4}}));
-    // No detection result: the declared precursor stays.
+    EXPECT_EQ(cid.records[0].tail.size(), 2u);
     const kstest::KsContents hcd = kstest::read_ks_file(out.file("pair_HCDFT.ks2"));
     ASSERT_EQ(hcd.records.size(), 2u);
-    EXPECT_EQ(hcd.records[0].tail, (Tail{{(1000.0 + 1.007276) / 2, 2}}));
+    EXPECT_EQ(hcd.records[0].tail, (Tail{{700.1, 2}, {650.2, 4}}));
 
     const std::string table = test::read_file(out.file("pair.csv"));
     EXPECT_EQ(table.substr(table.find('\n') + 1),
-              "HCD, FT, 101, 500.503638, 2, 1, 1, 500.503638, 2, \n"
-              "CID, IT, 102, 500.671517, 3, 2, 1, 700.100000, 2, 2, 650.200000, 4, \n"
+              "HCD, FT, 101, 500.503638, 2, 2, 1, 700.100000, 2, 2, 650.200000, 4, \n"
+              "CID, IT, 102, 500.671517, 3, 2, 1, 500.671517, 3, 2, 600.503638, 2, \n"
               "HCD, FT, 104, 610.250000, -2, 1, 1, 610.250000, -2, \n");
 }
 
@@ -73,35 +93,24 @@ std::vector<std::pair<double, double>> peak_pairs(const PeakList& peaks) {
     return pairs;
 }
 
-// What detection saw of each MS2 scan: the peaks of the ten records around its
-// parent, and how many other records of the window still held their peaks.
-struct Seen {
-    std::vector<PeakList> m_around_parent;
-    std::size_t m_others_held = 0;
-};
-
-std::vector<Seen> run_with_ceiling(int32_t ceiling_mib, const test::TempDir& out) {
+// The slices that detection saw of each MS2 scan.
+std::vector<Ms1Slices> run_with_ceiling(int32_t ceiling_mib, const test::TempDir& out) {
     UserParameters params;
     params.m_outputpath = out.path().string();
     params.m_memory_ceiling_mib = ceiling_mib;
-    std::vector<Seen> seen;
-    const PrecursorDetector detector = [&](const UserParameters&, const Ms1Store& store,
-                                           const MS2Spectrum& ms2) -> std::vector<Precursor> {
-        Seen now;
-        const std::optional<SliceRange> range = FindSliceRange(store, ms2);
-        for (std::size_t i = 0; i < store.size(); ++i) {
-            if (range && i >= range->m_first && i < range->m_end) {
-                now.m_around_parent.push_back(store[i].m_peaks);
-            } else if (!store[i].m_peaks.empty()) {
-                ++now.m_others_held;
-            }
-        }
-        seen.push_back(now);
+    params.m_search_window = 1000.0;
+    params.m_threads = 1;
+    std::vector<Ms1Slices> seen;
+    const PrecursorDetector detector = [&](const Ms1Slices& raw, const MS2Spectrum&,
+                                           DetectionScratch&) -> std::vector<Precursor> {
+        seen.push_back(raw);
         return {{700.1, 2}};
     };
-    set_current_file(params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1");
+    const FileContext file = file_context(
+        params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1", "ms1", nullptr);
     test::CaptureStream errors(std::cerr);
-    process_ms_files(params, detector);
+    test::CaptureStream output(std::cout);
+    process_ms_files(params, file, detector);
     std::fflush(nullptr);
     return seen;
 }
@@ -111,27 +120,64 @@ std::vector<Seen> run_with_ceiling(int32_t ceiling_mib, const test::TempDir& out
 // peaks, and every output keeps its bytes.
 TEST(PipelineTest, AnyMemoryCeilingGivesIdenticalResults) {
     const test::TempDir tiny_out, roomy_out;
-    const std::vector<Seen> tiny = run_with_ceiling(0, tiny_out);
-    const std::vector<Seen> roomy = run_with_ceiling(1024, roomy_out);
+    const std::vector<Ms1Slices> tiny = run_with_ceiling(0, tiny_out);
+    const std::vector<Ms1Slices> roomy = run_with_ceiling(1024, roomy_out);
     ASSERT_EQ(tiny.size(), roomy.size());
     ASSERT_FALSE(tiny.empty());
     std::size_t reread = 0;
     for (std::size_t i = 0; i < tiny.size(); ++i) {
-        EXPECT_EQ(tiny[i].m_around_parent.size(), roomy[i].m_around_parent.size());
-        for (const PeakList& peaks : tiny[i].m_around_parent) {
-            reread += peaks.empty() ? 0 : 1;
+        ASSERT_EQ(tiny[i].size(), roomy[i].size());
+        for (std::size_t k = 0; k < tiny[i].size(); ++k) {
+            reread += tiny[i][k].empty() ? 0 : 1;
+            EXPECT_EQ(peak_pairs(tiny[i][k]), peak_pairs(roomy[i][k]));
         }
-        for (std::size_t k = 0; k < tiny[i].m_around_parent.size(); ++k) {
-            EXPECT_EQ(peak_pairs(tiny[i].m_around_parent[k]),
-                      peak_pairs(roomy[i].m_around_parent[k]));
-        }
-        EXPECT_EQ(tiny[i].m_others_held, 0u);
     }
     EXPECT_GT(reread, 0u);
     for (const char* name : {"pair.ks1", "pair.ks1idx", "pair.csv", "pair_HCDFT.ks2",
                              "pair_CIDIT.ks2", "pair_HCDFT.mgf", "pair_CIDIT.mgf"}) {
         EXPECT_EQ(test::read_file(tiny_out.file(name)), test::read_file(roomy_out.file(name)))
             << name;
+    }
+}
+
+}  // namespace
+}  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+// A failure on a worker thread reaches the caller as it was thrown, after the
+// scans before it are written and every worker has stopped; the table keeps its
+// unfinished name, so the next run does the input again.
+TEST(PipelineTest, AFailureOnAWorkerEndsTheFileAsItWouldOnOneThread) {
+    for (const int32_t threads : {1, 3}) {
+        const test::TempDir out;
+        UserParameters params;
+        params.m_outputpath = out.path().string();
+        params.m_search_window = 1000.0;
+        params.m_threads = threads;
+        const PrecursorDetector detector = [](const Ms1Slices&, const MS2Spectrum& ms2,
+                                              DetectionScratch&) -> std::vector<Precursor> {
+            if (ms2.m_scan == 101) {
+                throw std::runtime_error("detector gave up on 101");
+            }
+            return {};
+        };
+        const FileContext file =
+            file_context(params, std::string(KSIEVE_TEST_DATA_DIR) + "/basicprocesslogic/pair.ms1",
+                         "ms1", nullptr);
+        test::CaptureStream errors(std::cerr);
+        test::CaptureStream output(std::cout);
+        std::string thrown = "<nothing thrown>";
+        try {
+            process_ms_files(params, file, detector);
+        } catch (const std::runtime_error& error) {
+            thrown = error.what();
+        }
+        std::fflush(nullptr);
+        EXPECT_EQ(thrown, "detector gave up on 101") << threads;
+        EXPECT_TRUE(std::filesystem::exists(out.file("pair.csv_unfinished"))) << threads;
+        EXPECT_FALSE(std::filesystem::exists(out.file("pair.csv"))) << threads;
     }
 }
 

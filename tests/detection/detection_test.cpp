@@ -169,27 +169,28 @@ struct Features {
 // the recalibrated m/z, which comes from the slices.
 class Candidates : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        FeaturesExtractor::InstallIpvMatrix(
-            std::vector<std::array<double, 5>>(3000, {1.0, 0.6, 0.25, 0.08, 0.02}));
+    static FeatureCache Known(const Features& f) {
+        FeatureCache known;
+        known.m_isotope_run = f.run;
+        known.m_corr_0 = known.m_corr_m1 = known.m_corr_m2 = f.corr;
+        known.m_isotopes_in_window = f.in_window;
+        known.m_window_share = known.m_cluster_fraction = f.share;
+        known.m_cos_m1_0 = f.cos_m1_0;
+        known.m_cos_0_1 = f.cos_0_1;
+        return known;
     }
 
     FeaturesExtractor& Make(double mz, int32_t z, const Features& f) {
-        FeaturesExtractor& c =
-            m_owned.emplace_back(m_params, m_slices, m_merged, m_grid, m_ms2, Precursor{mz, z});
-        c.m_has_isotope_run = c.m_has_corr_0 = c.m_has_isotopes_in_window = true;
-        c.m_has_window_share = c.m_has_cos_m1_0 = c.m_has_cos_0_1 = true;
-        c.m_has_corr_m1 = c.m_has_corr_m2 = c.m_has_cluster_fraction = true;
-        c.m_isotope_run = f.run;
-        c.m_corr_0 = c.m_corr_m1 = c.m_corr_m2 = f.corr;
-        c.m_isotopes_in_window = f.in_window;
-        c.m_window_share = c.m_cluster_fraction = f.share;
-        c.m_cos_m1_0 = f.cos_m1_0;
-        c.m_cos_0_1 = f.cos_0_1;
-        return c;
+        return MakeKnowing(mz, z, Known(f));
+    }
+
+    FeaturesExtractor& MakeKnowing(double mz, int32_t z, const FeatureCache& known) {
+        return m_owned.emplace_back(m_params, m_ipv, m_slices, m_merged, m_grid, m_ms2,
+                                    Precursor{mz, z}, known);
     }
 
     UserParameters m_params;
+    IpvTable m_ipv = IpvTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
     MS2Spectrum m_ms2 = FragmentScan(1, 500.0);
     Ms1Slices m_slices = Ms1Slices(10);
     PeakList m_merged = {{300.0, 1.0}};  // far off: a computed feature finds nothing
@@ -219,10 +220,12 @@ TEST_F(Candidates, FiltersRejectAtTheFirstFailureAndLetExactLimitsPass) {
             << c.mz << " z" << c.z;
     }
     // Cheapest first: a short isotope run leaves the costly features uncomputed.
-    FeaturesExtractor& short_run = Make(499.0, 2, {.run = 1});
-    short_run.m_has_corr_0 = short_run.m_has_window_share = false;
+    FeatureCache partly = Known({.run = 1});
+    partly.m_corr_0.reset();
+    partly.m_window_share.reset();
+    FeaturesExtractor& short_run = MakeKnowing(499.0, 2, partly);
     EXPECT_FALSE(PassesCandidateFilters(short_run, m_params));
-    EXPECT_FALSE(short_run.m_has_corr_0 || short_run.m_has_window_share);
+    EXPECT_FALSE(short_run.cache().m_corr_0 || short_run.cache().m_window_share);
 }
 
 // Shares 0.5, 1.0, 1.0, 3.0 rank 1, 1, 1, 2, since each 1.0 equals the rank 1 just
@@ -299,13 +302,10 @@ TEST_F(Candidates, RecalibrationWeighsRawPeaksOfAllTenScansWithinItsPpmWindow) {
     FeaturesExtractor& c = Make(800.0, 2, {});
     const double expected = (799.999 * 1.0 + 800.002 * 3.0 + 800.004 * 4.0) / 8.0;
     EXPECT_DOUBLE_EQ(RecalibratedMz(c), expected);
-    m_slices[0].clear();  // a second request is answered from the cache
-    EXPECT_DOUBLE_EQ(RecalibratedMz(c), expected);
-    // No intensity in the window: the candidate's own m/z, not cached.
+    // No intensity in the window: the candidate's own m/z.
     m_slices[1] = {{900.001, 1.0e-7}};
     FeaturesExtractor& lone = Make(900.0, 3, {});
     EXPECT_EQ(RecalibratedMz(lone), 900.0);
-    EXPECT_FALSE(lone.m_has_recalibrated_mz);
 }
 
 }  // namespace

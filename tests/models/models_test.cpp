@@ -79,12 +79,7 @@ TEST(MarsTermShapes, HingesAreContinuousAndMirrorEachOther) {
 // member asks for beyond its own can be computed and shows up in the flags.
 class ScoreCandidateTest : public testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        FeaturesExtractor::InstallIpvMatrix(
-            std::vector<std::array<double, 5>>(3000, {1.0, 0.6, 0.25, 0.08, 0.02}));
-    }
-
-    FeaturesExtractor& evaluator(const FeatureVector& v) {
+    FeaturesExtractor& evaluator(const FeatureVector& v, FeatureCache known = {}) {
         m_merged.clear();
         for (int i = 0; i < 4; ++i) {
             m_merged.push_back({v.mz() + i * 1.003 / v.charge(), 1000.0 / (i + 1)});
@@ -92,30 +87,29 @@ class ScoreCandidateTest : public testing::Test {
         m_slices.assign(10, m_merged);
         m_ms2.m_activation_center = v.mz();
         m_grid.emplace(m_params.m_peak_window, m_slices, m_ms2);
-        m_features.emplace(m_params, m_slices, m_merged, *m_grid, m_ms2,
-                           Precursor{v.mz(), v.charge()});
+        m_features.emplace(m_params, m_ipv, m_slices, m_merged, *m_grid, m_ms2,
+                           Precursor{v.mz(), v.charge()}, known);
         return *m_features;
     }
 
-    // Fills every cache of the evaluator with the vector's values.
-    static void preset(FeaturesExtractor& fe, const FeatureVector& v) {
-        auto fill = [&](MarsFeature f, bool& flag, auto& field) {
-            flag = true;
-            field = static_cast<std::remove_reference_t<decltype(field)>>(v.value(f));
-        };
-        fill(MarsFeature::corr_0, fe.m_has_corr_0, fe.m_corr_0);
-        fill(MarsFeature::corr_m1, fe.m_has_corr_m1, fe.m_corr_m1);
-        fill(MarsFeature::corr_m2, fe.m_has_corr_m2, fe.m_corr_m2);
-        fill(MarsFeature::cos_0_1, fe.m_has_cos_0_1, fe.m_cos_0_1);
-        fill(MarsFeature::cos_m1_0, fe.m_has_cos_m1_0, fe.m_cos_m1_0);
-        fill(MarsFeature::cluster_fraction, fe.m_has_cluster_fraction, fe.m_cluster_fraction);
-        fill(MarsFeature::isotope_run, fe.m_has_isotope_run, fe.m_isotope_run);
-        fill(MarsFeature::isotopes_in_window, fe.m_has_isotopes_in_window, fe.m_isotopes_in_window);
-        fill(MarsFeature::window_share, fe.m_has_window_share, fe.m_window_share);
-        fill(MarsFeature::mz_spread_ppm, fe.m_has_mz_spread_ppm, fe.m_mz_spread_ppm);
+    // Every feature of the vector, as an evaluator's cache.
+    static FeatureCache preset(const FeatureVector& v) {
+        FeatureCache known;
+        known.m_corr_0 = v.value(MarsFeature::corr_0);
+        known.m_corr_m1 = v.value(MarsFeature::corr_m1);
+        known.m_corr_m2 = v.value(MarsFeature::corr_m2);
+        known.m_cos_0_1 = v.value(MarsFeature::cos_0_1);
+        known.m_cos_m1_0 = v.value(MarsFeature::cos_m1_0);
+        known.m_cluster_fraction = v.value(MarsFeature::cluster_fraction);
+        known.m_isotope_run = static_cast<int32_t>(v.value(MarsFeature::isotope_run));
+        known.m_isotopes_in_window = static_cast<int32_t>(v.value(MarsFeature::isotopes_in_window));
+        known.m_window_share = v.value(MarsFeature::window_share);
+        known.m_mz_spread_ppm = v.value(MarsFeature::mz_spread_ppm);
+        return known;
     }
 
     UserParameters m_params;
+    IpvTable m_ipv = IpvTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
     PeakList m_merged;
     Ms1Slices m_slices;
     MS2Spectrum m_ms2;
@@ -135,8 +129,7 @@ TEST_F(ScoreCandidateTest, EachIdScoresWithItsMemberFromPresetCaches) {
                {250, 6, 6}, {1024, 4, 4}, {7, 0, 0}, {-1, 0, 0}, {15, 6, 5}};
     for (const auto& id : ids) {
         for (size_t v = 0; v < kVectors.size(); ++v) {
-            FeaturesExtractor& fe = evaluator(kVectors[v]);
-            preset(fe, kVectors[v]);
+            FeaturesExtractor& fe = evaluator(kVectors[v], preset(kVectors[v]));
             const double expected =
                 std::max(kMembers[id.member].scores[v], kMembers[id.other].scores[v]);
             m_params.m_mars_model = id.id;
@@ -152,9 +145,10 @@ TEST_F(ScoreCandidateTest, MembersLeaveFeaturesTheyDoNotUseUncomputed) {
     FeaturesExtractor& fe = evaluator(kVectors[0]);
     m_params.m_mars_model = 2;
     ScoreCandidate(m_params, fe);
-    EXPECT_TRUE(fe.m_has_corr_0);
-    EXPECT_FALSE(fe.m_has_corr_m1 || fe.m_has_corr_m2 || fe.m_has_cos_0_1 ||
-                 fe.m_has_isotopes_in_window || fe.m_has_mz_spread_ppm);
+    const FeatureCache& cache = fe.cache();
+    EXPECT_TRUE(cache.m_corr_0);
+    EXPECT_FALSE(cache.m_corr_m1 || cache.m_corr_m2 || cache.m_cos_0_1 ||
+                 cache.m_isotopes_in_window || cache.m_mz_spread_ppm);
 }
 
 }  // namespace

@@ -118,8 +118,9 @@ TEST(MgfReader, ALaterBlockOfTheScanInheritsTheCharge) {
 }
 
 // The MGF blocks of a scan, written into memory.
-std::string mgf_text(const MS2Spectrum& scan) {
+std::string mgf_text(const MS2Spectrum& scan, const std::string& peak_format) {
     MgfFile file;
+    file.m_layout.m_peak_format = peak_format;
     char* data = nullptr;
     std::size_t size = 0;
     file.m_head.m_stream = open_memstream(&data, &size);
@@ -145,8 +146,7 @@ TEST(MgfWriter, PeakLinesMatchPrintfForAnyFormat) {
     scan.m_peaks.push_back({std::numeric_limits<double>::infinity(), -0.0});
     scan.m_peaks.push_back({100.12345, 10.5});
     for (const std::string format : {"%.0f %.0f\n", "%.3f %.1f\n", "%.12f %.9f\n", "%.2e|%g\n"}) {
-        set_peak_format(format);
-        const std::string text = mgf_text(scan);
+        const std::string text = mgf_text(scan, format);
         std::string expected;
         char line[1024];
         for (const Peak& peak : scan.m_peaks) {
@@ -156,7 +156,6 @@ TEST(MgfWriter, PeakLinesMatchPrintfForAnyFormat) {
         const std::size_t begin = text.find("PEPMASS=1.000000\n") + 17;
         EXPECT_EQ(text.substr(begin, text.size() - begin - 9), expected) << format;
     }
-    set_peak_format("%.5f %.1f\n");
 }
 
 // The table marks an input as done: it takes its final name only when finished,
@@ -358,7 +357,7 @@ TEST(MgfWriter, ConventionsGiveSecondsAndAScansLine) {
         test::TempDir dir;
         MgfFile file;
         open_mgf_file(file, dir.file("out.mgf"), "w+", "run");
-        file.m_conventions = conventions;
+        file.m_layout.m_conventions = conventions;
         write_mgf_blocks(file, scan);
         release_spectrum_file(file.m_head);
         return test::read_file(dir.file("out.mgf"));

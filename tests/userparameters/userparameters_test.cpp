@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "test_support.h"
 
@@ -132,6 +134,9 @@ TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
          "1048576]"},
         {"mgf_conventions", "yes",
          "Argument mgf_conventions invalid: yes; mgf_conventions should be 0 or 1"},
+        {"threads", "-1", "Argument threads invalid: -1; threads should be a number in [0, 4096]"},
+        {"threads", "all",
+         "cannot turn param: <name:User Defined Parameter: threads> <value:all> into an int."},
         {"isolation_width", "inf", "<nothing thrown>"},
         {"isolation_width", "-1", "<nothing thrown>"},
         {"recalibrate_window", "1e300", "<nothing thrown>"},
@@ -139,6 +144,8 @@ TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
         {"mars_threshold", "nan", "<nothing thrown>"},
         {"memory_ceiling_mib", "0", "<nothing thrown>"},
         {"mgf_conventions", "1", "<nothing thrown>"},
+        {"threads", "0", "<nothing thrown>"},
+        {"threads", "7", "<nothing thrown>"},
     };
     for (const Case& c : cases) {
         UserParameters record;
@@ -147,6 +154,41 @@ TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
                   c.m_failure)
             << c.m_key << " = " << c.m_value;
     }
+}
+
+// KSIEVE_THREADS stands in for a missing threads key, refused as the key would
+// be; the key of the parameter file wins.
+TEST(OptionTable, TheThreadsKeyWinsOverTheEnvironment) {
+    struct Case {
+        const char* m_environment;
+        std::optional<std::string> m_key;
+        int32_t m_threads;  // -1: refused
+        const char* m_failure;
+    };
+    const Case cases[] = {
+        {"3", std::nullopt, 3, "<nothing thrown>"},
+        {"3", "5", 5, "<nothing thrown>"},
+        {"-2", "1", 1, "<nothing thrown>"},
+        {"-2", std::nullopt, -1,
+         "Argument threads invalid: -2; threads should be a number in [0, 4096]"},
+        {"x", std::nullopt, -1,
+         "cannot turn param: <name:User Defined Parameter: threads> <value:x> into an int."},
+    };
+    for (const Case& c : cases) {
+        ASSERT_EQ(setenv("KSIEVE_THREADS", c.m_environment, 1), 0);
+        UserParameters record;
+        ParameterMap map{{"datanum", "0"}};
+        if (c.m_key) {
+            map["threads"] = *c.m_key;
+        }
+        EXPECT_EQ(failure_of<const std::string&>([&] { apply_parameters(record, map); }),
+                  c.m_failure)
+            << c.m_environment;
+        if (c.m_threads >= 0) {
+            EXPECT_EQ(record.m_threads, c.m_threads) << c.m_environment;
+        }
+    }
+    unsetenv("KSIEVE_THREADS");
 }
 
 // Only the original keys are echoed; a later key speaks once, after the echo,
@@ -164,6 +206,8 @@ TEST(OptionTable, LaterKeysAreLoggedAfterTheEchoWhenSet) {
     EXPECT_EQ(plain.find("mgf_conventions"), std::string::npos);
     const std::string set = echo({{"datanum", "0"}, {"memory_ceiling_mib", "64"}});
     EXPECT_EQ(set, plain + "[kSieve] <INFO> - memory_ceiling_mib = 64\n");
+    // The thread count changes no byte of output, so not the log either.
+    EXPECT_EQ(echo({{"datanum", "0"}, {"threads", "7"}}), plain);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "basicprocesslogic.h"
 #include "detection.h"
 #include "featuresextractor.h"
+#include "spectrumfiles.h"
 #include "userparameters.h"
 #include "validation.h"
 
@@ -36,6 +37,7 @@ struct ScanRecord {
     std::vector<Precursor> m_detected;
     std::vector<Precursor> m_declared;
     ksieve::Ms1Slices m_slices;
+    const ksieve::IpvTable* m_ipv = nullptr;
 };
 
 struct Run {
@@ -43,30 +45,36 @@ struct Run {
     ksieve::eval::TruthTable m_truth;
 };
 
-Run collect_run(const fs::path& dir, const std::string& ipv) {
+// Detection on one simulated run, one scan after another, keeping what the
+// stage would see of every scan.
+Run collect_run(const fs::path& dir, const ksieve::IpvTable& ipv) {
     Run run;
     ksieve::UserParameters params;
     params.m_outputpath = (dir / "fit_out").string();
     params.m_rewrite_files = true;
+    params.m_threads = 1;
     ksieve::finalize_parameters(params);
-    ksieve::LoadIpvMatrix(ipv);
-    ksieve::set_current_file(params, (dir / "sim.ms1").string());
-    ksieve::process_ms_files(
-        params, [&](const ksieve::UserParameters& p, const ksieve::Ms1Store& store,
-                    const ksieve::MS2Spectrum& ms2) {
-            ScanRecord record{ms2.m_scan, p.m_mstol, ksieve::DetectPrecursors(p, store, ms2),
-                              ms2.m_instrument_precursors,
-                              ksieve::CollectMs1Slices(p.m_search_window, store, ms2)};
-            run.m_scans.push_back(record);
-            return record.m_detected;
-        });
+    const ksieve::FileContext file =
+        ksieve::file_context(params, (dir / "sim.ms1").string(), "ms1", &ipv);
+    ksieve::process_ms_files(params, file,
+                             [&](const ksieve::Ms1Slices& raw, const ksieve::MS2Spectrum& ms2,
+                                 ksieve::DetectionScratch& scratch) {
+                                 ScanRecord record{
+                                     ms2.m_scan,
+                                     params.m_mstol,
+                                     ksieve::DetectPrecursors(params, ipv, raw, ms2, scratch),
+                                     ms2.m_instrument_precursors,
+                                     raw,
+                                     &ipv};
+                                 run.m_scans.push_back(record);
+                                 return record.m_detected;
+                             });
     run.m_truth = ksieve::eval::read_truth_table((dir / "sim_truth.csv").string());
     return run;
 }
 
 ksieve::ValidationInput input_of(const ScanRecord& scan) {
-    return {&scan.m_detected, &scan.m_slices, &ksieve::FeaturesExtractor::m_h_IPV_Matrix,
-            scan.m_tolerance_ppm};
+    return {&scan.m_detected, &scan.m_slices, scan.m_ipv, scan.m_tolerance_ppm};
 }
 
 struct Sample {
@@ -258,9 +266,10 @@ int main(int argc, char** argv) {
         std::fputs("usage: ksieve_validation_fit IPV.txt OUT.cpp RUN_DIR...\n", stderr);
         return 2;
     }
+    const ksieve::IpvTable ipv = ksieve::read_ipv_file(argv[1]);
     std::vector<Run> runs;
     for (int i = 3; i < argc; ++i) {
-        runs.push_back(collect_run(argv[i], argv[1]));
+        runs.push_back(collect_run(argv[i], ipv));
     }
     // The limits not searched: an alias supported this well stays, a correction
     // must be clearly better supported.
