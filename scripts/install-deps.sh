@@ -8,7 +8,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build make          # toolchain
   googletest libgtest-dev libgmock-dev # unit and golden tests
-  libbenchmark-dev                    # bench/
+  libbenchmark-dev valgrind           # bench/ (valgrind: instruction counts)
   clang-format                        # formatting check in CI
   libexpat1-dev zlib1g-dev libpwiz-dev # the mzML/mzXML companion extractor
   libboost-filesystem-dev libboost-iostreams-dev libboost-thread-dev  # what ProteoWizard's headers call
