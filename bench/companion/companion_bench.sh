@@ -54,9 +54,9 @@ compare() {
   peak=()
   for ((round = 0; round <= repeats; round++)); do
     local i=0
-    for spec in "$@"; do
-      local reset="${spec%%|*}" seconds memory
-      read -r -a words <<< "${spec#*|}"
+    for command in "$@"; do
+      local reset="${command%%|*}" seconds memory
+      read -r -a words <<< "${command#*|}"
       read -r seconds memory < <(run_once "$reset" "${words[@]}")
       if ((round > 0)); then
         if [ -z "${best[i]:-}" ] || awk -v a="$seconds" -v b="${best[i]}" 'BEGIN { exit !(a < b) }'; then
