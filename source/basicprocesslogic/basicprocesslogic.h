@@ -15,7 +15,9 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -43,6 +45,7 @@ struct FileContext {
     std::string m_output_dir;         // outputpath, or the input's directory without one
     std::string m_input_format;       // the format word in force, as stored
     const IpvTable* m_ipv = nullptr;  // the run's isotope table
+    std::string m_instrument_file;    // for a pair the companion made: its source
 };
 
 // Loads the isotope table once (from beside the executable when the working
@@ -135,6 +138,29 @@ void pop_ms1_scan(Ms1Window& window);
 std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2Spectrum& ms2);
 // Lets the lists of [first, end) go again while the window is over its ceiling.
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
+
+// The MS1 windows of one run, one per FAIMS compensation voltage: with a FAIMS
+// interface each survey scan lets through only the ions of its voltage, so an
+// MS2 scan is judged against the survey scans of its own voltage alone. Scans
+// without a voltage line, and every scan with m_faims_windows off, share one
+// window, which then behaves exactly as the single window of a plain run. The
+// ceiling on held peak lists is shared out evenly among the windows.
+struct SurveyWindows {
+    std::deque<Ms1Window> m_windows;                // in order of first appearance; never moved
+    std::vector<std::optional<double>> m_voltages;  // the voltage of each window
+    bool m_by_voltage = true;
+    std::size_t m_ceiling_bytes = 0;  // for all windows together
+    std::string m_path;               // the `.ms1` file
+};
+void start_survey_windows(SurveyWindows& windows, const UserParameters& params,
+                          const std::string& path);
+// The window of `voltage`, made (full of default records) on first need.
+Ms1Window& window_of(SurveyWindows& windows, const std::optional<double>& voltage);
+// The window that holds the parent scan of `ms2`; when none does (yet), the
+// window of the scan's own voltage.
+Ms1Window& parent_window(SurveyWindows& windows, const MS2Spectrum& ms2);
+// Appends an FT scan to the window of its voltage, as push_ms1_scan does.
+void push_survey_scan(SurveyWindows& windows, MS1Spectrum& scan);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
 void process_mgf_file(const UserParameters& params, const FileContext& file);

@@ -138,8 +138,10 @@ void process_instrument_file(const UserParameters& params, const FileContext& fi
         return;
     }
     run_extractor(params, file, "ms");
-    process_ms_files(
-        params, file_context(params, output_path(file, ".ms1"), file.m_input_format, file.m_ipv));
+    FileContext pair =
+        file_context(params, output_path(file, ".ms1"), file.m_input_format, file.m_ipv);
+    pair.m_instrument_file = file.m_path;
+    process_ms_files(params, pair);
     if (!params.m_delete_msn) {
         return;
     }

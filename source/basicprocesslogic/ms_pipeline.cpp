@@ -53,7 +53,7 @@ struct MsPipeline {
     std::optional<KsFile> ks1;
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
-    Ms1Window window;
+    SurveyWindows windows;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
 };
@@ -113,22 +113,19 @@ void reset_keeping_buffer(Scan& scan) {
 }
 
 // Advances the MS1 stream by one scan. Every scan goes to the KS1 file; an FT
-// scan also enters the window, pushing out the oldest record, whose buffers come
-// back in `scan` for reuse (the caller resets it before the next pull). At the
-// end of the stream the window loses its front record and false is returned.
-bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1,
+// scan also enters the window of its voltage, pushing out the oldest record,
+// whose buffers come back in `scan` for reuse (the caller resets it before the
+// next pull). False at the end of the stream.
+bool pull_ms1_scan(MS1Spectrum& scan, SurveyWindows& windows, LineFile& reader, KsFile* ks1,
                    HeldLines* told) {
     if (!ReadMs1Scan(reader, scan)) {
-        if (!window.m_store.empty()) {
-            pop_ms1_scan(window);
-        }
         return false;
     }
     if (ks1 != nullptr) {
         write_ks1_record(*ks1, scan);
     }
     if (scan.m_instrument_type == "FT") {
-        push_ms1_scan(window, scan);
+        push_survey_scan(windows, scan);
     }
     const int32_t count = reader.m_head.m_scan_count;
     if (count % kProgressStep == 0) {
@@ -137,16 +134,24 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
     return true;
 }
 
-// Pulls MS1 scans until five FT scans stand behind the parent of `ms2` (or the
-// MS1 file ends). A scan with no parent (0) pulls nothing.
-void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
+// Pulls MS1 scans until five FT scans of the parent's window stand behind the
+// parent of `ms2`, and returns that window. At the end of the MS1 file the
+// window loses its front record instead. A scan with no parent (0) pulls
+// nothing.
+Ms1Window& read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
     reset_keeping_buffer(ms1);
-    const Ms1Store& store = p.window.m_store;
-    while (store.size() > kMinWindow &&
-           store[store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
-        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, &told)) {
-            return;
+    while (true) {
+        // The parent, once read, may stand in another voltage's window.
+        Ms1Window& window = parent_window(p.windows, ms2);
+        const Ms1Store& store = window.m_store;
+        if (store.size() <= kMinWindow ||
+            store[store.size() - 1 - kScansBehindParent].m_scan >= ms2.m_precursor_scan) {
+            return window;
+        }
+        if (!pull_ms1_scan(ms1, p.windows, p.ms1, ks1, &told)) {
+            pop_ms1_scan(window);
+            return window;
         }
         reset_keeping_buffer(ms1);
     }
@@ -205,7 +210,7 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     if (!read) {
         return false;
     }
-    read_ahead(p, ms1, work.scan, work.told);
+    Ms1Window& window = read_ahead(p, ms1, work.scan, work.told);
     // Scans outside the known activation and instrument types leave no trace.
     work.passes = passes_gate(work.scan);
     if (!work.passes) {
@@ -215,7 +220,7 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     if (count % kProgressStep == 0) {
         work.told.push_back({"INFO", "Extracting MS2, Scan Num = " + std::to_string(count)});
     }
-    prepare_detection(params, p.window, work);
+    prepare_detection(params, window, work);
     return true;
 }
 
@@ -400,7 +405,7 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
     if (params.m_output_mgf) {
         p.mgf.emplace(MgfFileSet{4, output_path(file, "_.mgf"), "w+", title, {}});
     }
-    start_ms1_window(p.window, params, file.m_path);
+    start_survey_windows(p.windows, params, file.m_path);
 }
 
 // The precursor table is renamed last: a <stem>.csv on disk means that every
@@ -425,7 +430,7 @@ void close_pipeline(MsPipeline& p) {
     }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
-    p.window.m_store = Ms1Store{};
+    p.windows.m_windows.clear();
 }
 
 // After a failed write nothing of this input may look usable: its KS files, MGF
@@ -477,7 +482,7 @@ void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& fo
     log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
+    while (pull_ms1_scan(ms1, p.windows, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
         reset_keeping_buffer(ms1);
     }
 }
@@ -494,6 +499,13 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     format.mgf = params.m_output_mgf;
     format.layout = MgfLayout{file.m_stem, params.m_peak_format, params.m_mgf_conventions};
     run_scans(p, params, format, detection_threads(params));
+    // A pair given directly is read as it stands; one the companion made from
+    // an instrument file without survey scans says why nothing was detected.
+    if (!file.m_instrument_file.empty() && p.ms1.m_head.m_scan_count == 0 &&
+        p.ms2.m_head.m_scan_count > 0) {
+        log("WARN", "No MS1 scan in " + file.m_instrument_file +
+                        ": no precursor detection was possible, the declared precursors stand");
+    }
     if (params.m_validate_precursors) {
         log_validation_counts(file.m_path, p.validation);
     }

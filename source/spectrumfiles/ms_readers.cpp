@@ -17,6 +17,8 @@ constexpr double kProtonMass = 1.007276;
 constexpr double kZeroGuard = 1e-6;
 constexpr double kMaxIntensity = 1e30;
 constexpr double kMaxMz = 100000.0;
+// Where the value of "I\tCompensationVoltage\t" begins.
+constexpr std::size_t kVoltageColumn = 22;
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -71,9 +73,11 @@ std::string instrument_type_of(char first) {
     return first == 'I' ? "IT" : "Unknown";
 }
 
-// The I lines that both readers take: retention time, ion injection time and
-// instrument type, told apart by the letters at positions 2 and 3. False for
-// any other line.
+// The I lines that both readers take: retention time, ion injection time,
+// instrument type and FAIMS compensation voltage, told apart by the letters at
+// positions 2 and 3 (CompensationVoltage against Centroiding, which is not
+// read). A voltage that is not a finite number is no voltage: it would match no
+// other scan's. False for any other line.
 template <typename Spectrum>
 bool read_shared_info(const LineView& line, Spectrum& scan) {
     if (line.at(2) == 'R') {
@@ -82,6 +86,10 @@ bool read_shared_info(const LineView& line, Spectrum& scan) {
         scan.m_ion_injection_time = text_to_double(line.from(19));
     } else if (line.at(2) == 'I' && line.at(3) == 'n') {
         scan.m_instrument_type = instrument_type_of(line.at(17));
+    } else if (line.at(2) == 'C' && line.at(3) == 'o') {
+        const double voltage = text_to_double(line.from(kVoltageColumn));
+        scan.m_compensation_voltage =
+            std::isfinite(voltage) ? std::optional<double>(voltage) : std::nullopt;
     } else {
         return false;
     }

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,7 @@ struct MS1Spectrum {
     // Where the reader began this scan in its file, so that its peaks can be read
     // again after the window let them go; -1 when the stream cannot tell.
     int64_t m_source_offset = -1;
+    std::optional<double> m_compensation_voltage = std::nullopt;  // FAIMS, V; finite when present
 };
 
 struct MS2Spectrum {
@@ -60,6 +62,7 @@ struct MS2Spectrum {
     std::vector<Precursor> m_instrument_precursors;  // valid declared ones, never changed
     std::vector<Precursor> m_precursors;             // working list: detection, writers
     std::vector<Peak> m_peaks;                       // peak order
+    std::optional<double> m_compensation_voltage = std::nullopt;  // FAIMS, V; finite when present
 };
 
 // The MS1 signal around one MS2 scan's isolation target: exactly ten peak lists

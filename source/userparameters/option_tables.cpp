@@ -234,6 +234,15 @@ std::vector<OptionRow> make_option_rows() {
         {"memory_ceiling_mib", "", &U::m_memory_ceiling_mib, kCeilingRange, nullptr, false, "1024",
          "MiB of MS1 peak lists held in memory; older ones are read again from the `.ms1` "
          "file when needed, with identical results"},
+        {"faims_windows",
+         "",
+         &U::m_faims_windows,
+         {},
+         nullptr,
+         false,
+         "1",
+         "1: in a FAIMS run, each MS2 scan is judged against the MS1 scans of its own "
+         "compensation voltage (its parent scan's, else its own); 0: against all MS1 scans"},
         {"mgf_conventions",
          "",
          &U::m_mgf_conventions,

@@ -45,6 +45,7 @@ struct UserParameters {
     std::string m_outputpath;              // outputpath; empty: beside each input
     std::vector<std::string> m_datapaths;  // datapath / datanum + datapathN
     int32_t m_memory_ceiling_mib = 1024;   // memory_ceiling_mib: MS1 peak lists held
+    bool m_faims_windows = true;           // faims_windows: MS1 window per compensation voltage
     bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
     bool m_validate_precursors = false;    // validate_precursors: second look after detection
     int32_t m_threads = 0;                 // threads: that detect and format; 0 all cores

@@ -183,3 +183,72 @@ TEST(PipelineTest, AFailureOnAWorkerEndsTheFileAsItWouldOnOneThread) {
 
 }  // namespace
 }  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+// A FAIMS run of two compensation voltages taken in turn: odd survey scans at
+// -45 V, even ones at -65 V. MS2 scan 100 has a parent at -45 V and says so;
+// 101 says nothing, and its parent is at -65 V; 102 says -65 V, but its parent is
+// at -45 V, and the parent's voltage is the one its ions passed at.
+void write_faims_pair(const test::TempDir& dir) {
+    std::string ms1;
+    for (int scan = 1; scan <= 30; ++scan) {
+        ms1 += "S\t" + std::to_string(scan) + "\t" + std::to_string(scan) +
+               "\nI\tInstrumentType\tFTMS\nI\tCentroiding\tas stored\nI\tCompensationVoltage\t" +
+               (scan % 2 == 1 ? "-45" : "-65") + "\n500.0 " + std::to_string(100 * scan) +
+               "\n501.0 1\n";
+    }
+    test::write_file(dir.file("faims.ms1"), ms1);
+    std::string ms2;
+    const std::pair<int, const char*> scans[] = {{11, "-45"}, {12, nullptr}, {13, "-65"}};
+    int number = 99;
+    for (const auto& [parent, voltage] : scans) {
+        ++number;
+        ms2 +=
+            "S\t" + std::to_string(number) + "\t" + std::to_string(number) +
+            "\t500.0\nI\tActivationType\tHCD\nI\tActivationCenter\t500.0\nI\tPrecursorScan\t" +
+            std::to_string(parent) + "\nI\tInstrumentType\tFTMS\n" +
+            (voltage != nullptr ? std::string("I\tCompensationVoltage\t") + voltage + "\n" : "") +
+            "Z\t2\t999.0\n200 1\n";
+    }
+    test::write_file(dir.file("faims.ms2"), ms2);
+}
+
+std::vector<std::vector<int32_t>> faims_slice_scans(bool by_voltage, int32_t ceiling_mib) {
+    const test::TempDir dir;
+    write_faims_pair(dir);
+    UserParameters params;
+    params.m_outputpath = dir.path().string();
+    params.m_search_window = 1000.0;
+    params.m_threads = 1;
+    params.m_faims_windows = by_voltage;
+    params.m_memory_ceiling_mib = ceiling_mib;
+    std::vector<std::vector<int32_t>> seen;
+    const PrecursorDetector detector = [&](const Ms1Slices& raw, const MS2Spectrum&,
+                                           DetectionScratch&) -> std::vector<Precursor> {
+        seen.push_back(slice_scans(raw));
+        return {};
+    };
+    test::CaptureStream errors(std::cerr);
+    test::CaptureStream output(std::cout);
+    process_ms_files(params, file_context(params, dir.file("faims.ms1"), "ms1", nullptr), detector);
+    std::fflush(nullptr);
+    return seen;
+}
+
+TEST(PipelineTest, EachMs2ScanIsJudgedAgainstTheSurveyScansOfItsParentsVoltage) {
+    using Scans = std::vector<std::vector<int32_t>>;
+    const Scans by_voltage = {{3, 5, 7, 9, 11, 13, 15, 17, 19, 21},
+                              {4, 6, 8, 10, 12, 14, 16, 18, 20, 22},
+                              {5, 7, 9, 11, 13, 15, 17, 19, 21, 23}};
+    EXPECT_EQ(faims_slice_scans(true, 1024), by_voltage);
+    // Each voltage's window lets its lists go and reads them again on its own.
+    EXPECT_EQ(faims_slice_scans(true, 0), by_voltage);
+    EXPECT_EQ(faims_slice_scans(false, 1024), (Scans{{7, 8, 9, 10, 11, 12, 13, 14, 15, 16},
+                                                     {8, 9, 10, 11, 12, 13, 14, 15, 16, 17},
+                                                     {9, 10, 11, 12, 13, 14, 15, 16, 17, 18}}));
+}
+
+}  // namespace
+}  // namespace ksieve

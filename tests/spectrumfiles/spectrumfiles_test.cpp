@@ -7,6 +7,7 @@
 #include <functional>
 #include <iostream>
 #include <limits>
+#include <optional>
 #include <random>
 #include <string>
 #include <utility>
@@ -102,6 +103,28 @@ TEST(Ms2Reader, BlocksFoldAndInfoLinesAreReadAtFixedPositionsWhateverTheLineEnds
         EXPECT_EQ(errors.text(),
                   "[kSieve] <WARN> - Scan 5 has incorrect precursor infomation, "
                   "skipping this precursor...\n");
+    }
+}
+
+// Both Centroiding and CompensationVoltage have a C at position 2: only the
+// voltage is read, in both readers, and a voltage that is not a finite number
+// (which would match no scan's) is no voltage at all. A long voltage line
+// leaves digits behind in the line buffer that the short Centroiding line after
+// it must not pick up.
+TEST(InfoLines, TheCompensationVoltageIsToldApartFromCentroiding) {
+    const std::string scans_text =
+        "S\t1\t1\nI\tCompensationVoltage\t-47.5\nI\tCentroiding\tas stored\n1 1\n"
+        "S\t2\t2\nI\tCentroiding\t-60\n1 1\n"
+        "S\t3\t3\nI\tCompensationVoltage\tnan\n1 1\n"
+        "S\t4\t4\nI\tCompensationVoltage\t-65\nI\tCentroiding\tCwt\n1 1\n";
+    const auto ms1 = read_all(scans_text, ReadMs1Scan);
+    const auto ms2 = read_all(scans_text, ReadMs2Scan);
+    ASSERT_EQ(ms1.size(), 4u);
+    ASSERT_EQ(ms2.size(), 4u);
+    const std::vector<std::optional<double>> expected = {-47.5, std::nullopt, std::nullopt, -65.0};
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(ms1[i].m_compensation_voltage, expected[i]) << i;
+        EXPECT_EQ(ms2[i].m_compensation_voltage, expected[i]) << i;
     }
 }
 

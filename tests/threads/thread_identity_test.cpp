@@ -218,5 +218,27 @@ TEST(ThreadIdentity, ASimulatedRunWithParentsAtTheWindowEdgeIsTheSameAtEveryThre
     expect_same_at_every_thread_count(inputs, "sim", one, scratch.path());
 }
 
+// Three compensation voltages in turn: every MS2 scan is judged against the
+// survey scans of its own voltage, three windows side by side.
+TEST(ThreadIdentity, ASimulatedFaimsRunIsTheSameAtEveryThreadCount) {
+    const test::TempDir scratch;
+    const fs::path inputs = scratch.path() / "inputs";
+    fs::create_directories(inputs);
+    const pid_t simulator = test::start_program(
+        KSIEVE_SIMULATOR,
+        {"ksieve_simulate", "--fasta", KSIEVE_DEMO_FASTA, "--out-dir", inputs.string(), "--stem",
+         "faims", "--ms2-scans", "3000", "--top-n", "5", "--seed", "7", "--faims-cvs", "3"},
+        scratch.path(), scratch.path() / "sim_out", scratch.path() / "sim_err");
+    ASSERT_EQ(test::wait_for_program(simulator), "0\n")
+        << test::read_file(scratch.path() / "sim_err");
+    const std::string ms1 = test::read_file(inputs / "faims.ms1");
+    for (const char* voltage : {"-45", "-55", "-65"}) {
+        ASSERT_GT(count_of(ms1, std::string("I\tCompensationVoltage\t") + voltage + "\n"), 100u);
+    }
+    const Outcome one = run_ksieve(inputs, "faims", 1, scratch.path());
+    EXPECT_EQ(count_of(one.at("out/faims.csv"), "\n"), 3001u);
+    expect_same_at_every_thread_count(inputs, "faims", one, scratch.path());
+}
+
 }  // namespace
 }  // namespace ksieve

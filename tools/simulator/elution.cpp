@@ -174,6 +174,10 @@ Feature ElutionModel::make_feature(double apex) {
     }
     feature.m_fragments =
         make_fragments(peptide.m_sequence, feature.m_charge, m_options.m_activation, m_rng);
+    // Drawn last, and only with FAIMS, so that runs without it keep their bytes.
+    if (m_options.m_faims_cvs > 0) {
+        feature.m_cv = static_cast<int>(m_rng.uniform() * m_options.m_faims_cvs);
+    }
     return feature;
 }
 

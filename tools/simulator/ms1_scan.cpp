@@ -21,17 +21,19 @@ constexpr double kScanScatter = 0.08;
 constexpr double kPeakScatter = 0.05;
 
 void add_feature_peaks(std::vector<Feature>& features, const SimulatorOptions& options, Rng& rng,
-                       double seconds, double offset_ppm, Ms1Scan& scan) {
+                       double seconds, int cv, double offset_ppm, Ms1Scan& scan) {
     const double floor = 0.5 * options.m_noise_level;
     for (size_t f = 0; f < features.size(); ++f) {
         Feature& feature = features[f];
         feature.m_scan_intensity.fill(0.0);
         feature.m_scan_peak.fill(-1);
         const double distance = (seconds - feature.m_apex) / feature.m_sigma;
-        if (std::abs(distance) >= kProfileSigmas) {
+        const double passing = faims_transmission(feature, cv, options);
+        if (std::abs(distance) >= kProfileSigmas || passing == 0.0) {
             continue;
         }
-        const double cluster = feature.m_abundance * std::exp(-0.5 * distance * distance) *
+        const double cluster = passing * feature.m_abundance *
+                               std::exp(-0.5 * distance * distance) *
                                std::max(0.0, 1.0 + kScanScatter * rng.normal());
         for (int k = 0; k < feature.m_peak_count; ++k) {
             // Signal scatter plus the additive noise of the detector.
@@ -88,15 +90,22 @@ void centroid(std::vector<Feature>& features, double resolution, Ms1Scan& scan) 
 
 }  // namespace
 
-void build_ms1_scan(std::vector<Feature>& features, double seconds, const SimulatorOptions& options,
-                    Rng& rng, Ms1Scan& scan) {
+double faims_transmission(const Feature& feature, int cv, const SimulatorOptions& options) {
+    if (options.m_faims_cvs == 0 || feature.m_cv == cv) {
+        return 1.0;
+    }
+    return std::abs(feature.m_cv - cv) == 1 ? kFaimsLeak : 0.0;
+}
+
+void build_ms1_scan(std::vector<Feature>& features, double seconds, int cv,
+                    const SimulatorOptions& options, Rng& rng, Ms1Scan& scan) {
     scan.m_seconds = seconds;
     scan.m_injection_ms = std::clamp(rng.lognormal(5.0, 0.6), 0.5, 50.0);
     scan.m_raw.clear();
     scan.m_centroids.clear();
     // The calibration of the whole scan drifts a little around the true masses.
     const double offset_ppm = 0.5 * options.m_ppm_error * rng.normal();
-    add_feature_peaks(features, options, rng, seconds, offset_ppm, scan);
+    add_feature_peaks(features, options, rng, seconds, cv, offset_ppm, scan);
     add_noise_peaks(options, rng, scan);
     centroid(features, options.m_ms1_resolution, scan);
 }

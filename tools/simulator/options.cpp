@@ -86,6 +86,11 @@ const std::map<std::string, Setter>& setters() {
         {"--min-precursor-intensity",
          real(0.0, 1e30, &SimulatorOptions::m_min_precursor_intensity)},
         {"--exclusion", real(0.0, 1e6, &SimulatorOptions::m_exclusion_seconds)},
+        {"--faims-cvs",
+         [](const std::string& value, SimulatorOptions& options) {
+             options.m_faims_cvs = value == "2" ? 2 : value == "3" ? 3 : 0;
+             return value == "0" || value == "2" || value == "3";
+         }},
     };
     return table;
 }
@@ -110,7 +115,8 @@ std::string usage_text() {
            "  --noise-peaks N               noise peaks per MS1 scan, at least 1 (150)\n"
            "  --ms2-noise-peaks N           noise peaks per MS2 scan, at least 1 (30)\n"
            "  --min-precursor-intensity I   weakest selectable peak (10000)\n"
-           "  --exclusion S                 dynamic exclusion in seconds (20)\n";
+           "  --exclusion S                 dynamic exclusion in seconds (20)\n"
+           "  --faims-cvs 0|2|3             FAIMS compensation voltages in turn (0: none)\n";
 }
 
 std::optional<SimulatorOptions> parse_options(const std::vector<std::string>& args,

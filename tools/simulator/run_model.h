@@ -42,6 +42,15 @@ inline constexpr int kMinCharge = 2;
 inline constexpr int kMaxCharge = 5;
 inline constexpr int kClusterPeaks = 8;  // isotope peaks computed per cluster
 
+// FAIMS compensation voltages (V) of a run with two or three of them, and the
+// share of a peptide's ions that pass at a voltage next to its own.
+inline constexpr double kFaimsVoltages[2][3] = {{-45.0, -65.0, 0.0}, {-45.0, -55.0, -65.0}};
+inline constexpr double kFaimsLeak = 0.05;
+// The voltage of step `cv` of a run with `cvs` voltages.
+inline double faims_voltage(int cvs, int cv) {
+    return kFaimsVoltages[cvs - 2][cv];
+}
+
 // A digested peptide and the charges it can carry in the survey range.
 struct Peptide {
     std::string m_sequence;
@@ -73,6 +82,7 @@ struct Feature {
     std::array<double, kClusterPeaks> m_share{};  // of the cluster's intensity
     std::vector<Fragment> m_fragments;
     double m_excluded_until = -1e300;  // seconds; dynamic exclusion after selection
+    int m_cv = 0;                      // FAIMS: the voltage step it passes best at
 
     // 0 when the isotope peak was not observed, else its raw intensity.
     std::array<double, kClusterPeaks> m_scan_intensity{};
@@ -137,10 +147,14 @@ struct Ms1Scan {
     std::vector<Centroid> m_centroids;  // by m/z, as written
 };
 
-// Fills `scan` at time `seconds` from the active features (updating their m_scan_
-// fields) and noise.
-void build_ms1_scan(std::vector<Feature>& features, double seconds, const SimulatorOptions& options,
-                    Rng& rng, Ms1Scan& scan);
+// The share of a feature's ions that pass the FAIMS interface at voltage step
+// `cv`: all without FAIMS or at its own step, kFaimsLeak at a neighbouring step.
+double faims_transmission(const Feature& feature, int cv, const SimulatorOptions& options);
+
+// Fills `scan` at time `seconds` and voltage step `cv` (0 without FAIMS) from the
+// active features (updating their m_scan_ fields) and noise.
+void build_ms1_scan(std::vector<Feature>& features, double seconds, int cv,
+                    const SimulatorOptions& options, Rng& rng, Ms1Scan& scan);
 
 // The top-N features of the scan by their strongest observed peak, strongest
 // first, above the selection threshold and out of exclusion; each chosen one is

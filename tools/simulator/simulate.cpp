@@ -1,6 +1,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <stdexcept>
+#include <string>
 
 #include "run_model.h"
 
@@ -64,25 +65,31 @@ std::string base_name(const std::string& path) {
 }
 
 void write_header(std::FILE* out, const SimulatorOptions& options) {
+    const std::string faims =
+        options.m_faims_cvs == 0 ? "" : " faims_cvs=" + std::to_string(options.m_faims_cvs);
     std::fprintf(out, "H\tExtractor\tkSieve run simulator\n");
     std::fprintf(out, "H\tFASTA\t%s\n", base_name(options.m_fasta_path).c_str());
     std::fprintf(out,
                  "H\tOptions\tseed=%" PRIu64
                  " top_n=%d isolation_width=%g activation=%s "
                  "missed_cleavages=%d feature_rate=%g ppm_error=%g noise_level=%g "
-                 "noise_peaks=%d ms2_noise_peaks=%d min_precursor_intensity=%g exclusion=%g\n",
+                 "noise_peaks=%d ms2_noise_peaks=%d min_precursor_intensity=%g exclusion=%g%s\n",
                  options.m_seed, options.m_top_n, options.m_isolation_width,
                  activation_name(options.m_activation), options.m_missed_cleavages,
                  options.m_feature_rate, options.m_ppm_error, options.m_noise_level,
                  options.m_noise_peaks, options.m_ms2_noise_peaks,
-                 options.m_min_precursor_intensity, options.m_exclusion_seconds);
+                 options.m_min_precursor_intensity, options.m_exclusion_seconds, faims.c_str());
 }
 
-// Retention time in minutes, injection time in milliseconds.
-void write_scan_head(std::FILE* out, double seconds, double injection_ms) {
+// Retention time in minutes, injection time in milliseconds, the voltage in V
+// with FAIMS (`voltage` is nullptr without).
+void write_scan_head(std::FILE* out, double seconds, double injection_ms, const double* voltage) {
     std::fprintf(out, "I\tRetTime\t%.4f\n", seconds / 60.0);
     std::fprintf(out, "I\tIonInjectionTime\t%.3f\n", injection_ms);
     std::fprintf(out, "I\tInstrumentType\tFTMS\n");
+    if (voltage != nullptr) {
+        std::fprintf(out, "I\tCompensationVoltage\t%g\n", *voltage);
+    }
 }
 
 void write_peaks(std::FILE* out, const std::vector<Centroid>& peaks) {
@@ -91,16 +98,16 @@ void write_peaks(std::FILE* out, const std::vector<Centroid>& peaks) {
     }
 }
 
-void write_ms1(std::FILE* out, int64_t scan, const Ms1Scan& ms1) {
+void write_ms1(std::FILE* out, int64_t scan, const Ms1Scan& ms1, const double* voltage) {
     std::fprintf(out, "S\t%" PRId64 "\t%" PRId64 "\n", scan, scan);
-    write_scan_head(out, ms1.m_seconds, ms1.m_injection_ms);
+    write_scan_head(out, ms1.m_seconds, ms1.m_injection_ms, voltage);
     write_peaks(out, ms1.m_centroids);
 }
 
 void write_ms2(std::FILE* out, int64_t scan, int64_t parent, const Ms2Scan& ms2,
-               Activation activation) {
+               Activation activation, const double* voltage) {
     std::fprintf(out, "S\t%" PRId64 "\t%" PRId64 "\t%.5f\n", scan, scan, ms2.m_center);
-    write_scan_head(out, ms2.m_seconds, ms2.m_injection_ms);
+    write_scan_head(out, ms2.m_seconds, ms2.m_injection_ms, voltage);
     std::fprintf(out, "I\tActivationType\t%s\n", activation_name(activation));
     std::fprintf(out, "I\tActivationCenter\t%.5f\n", ms2.m_center);
     std::fprintf(out, "I\tPrecursorScan\t%" PRId64 "\n", parent);
@@ -147,11 +154,15 @@ SimulationSummary run_simulation(const SimulatorOptions& options) {
     int64_t scan = 0;
     double seconds = 0.0;
     double last_selection = 0.0;
-    while (summary.m_ms2_scans < options.m_ms2_scans) {
+    for (int cv = 0; summary.m_ms2_scans < options.m_ms2_scans;
+         cv = options.m_faims_cvs == 0 ? 0 : (cv + 1) % options.m_faims_cvs) {
+        const double voltage =
+            options.m_faims_cvs == 0 ? 0.0 : faims_voltage(options.m_faims_cvs, cv);
+        const double* label = options.m_faims_cvs == 0 ? nullptr : &voltage;
         model.advance(seconds);
-        build_ms1_scan(model.active(), seconds, options, rng, survey);
+        build_ms1_scan(model.active(), seconds, cv, options, rng, survey);
         const int64_t parent = ++scan;
-        write_ms1(ms1_file.get(), parent, survey);
+        write_ms1(ms1_file.get(), parent, survey, label);
         ++summary.m_ms1_scans;
         seconds += kMs1Seconds;
         const std::vector<int32_t> selected =
@@ -159,7 +170,7 @@ SimulationSummary run_simulation(const SimulatorOptions& options) {
         for (size_t i = 0; i < selected.size() && summary.m_ms2_scans < options.m_ms2_scans; ++i) {
             build_ms2_scan(model.active(), selected[i], survey, options, rng, fragment_scan);
             fragment_scan.m_seconds = seconds;
-            write_ms2(ms2_file.get(), ++scan, parent, fragment_scan, options.m_activation);
+            write_ms2(ms2_file.get(), ++scan, parent, fragment_scan, options.m_activation, label);
             write_truth(truth_file.get(), scan, parent, fragment_scan, model);
             ++summary.m_ms2_scans;
             summary.m_truth_rows += static_cast<int64_t>(fragment_scan.m_isolated.size());

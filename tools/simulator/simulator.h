@@ -10,6 +10,10 @@
 // window; its declared precursor is what an instrument would report, sometimes
 // the wrong isotope peak and sometimes a wrong or missing charge.
 //
+// With FAIMS, each peptide passes the interface at one compensation voltage
+// (and leaks weakly into the neighbouring ones); a cycle takes the voltages in
+// turn, and every scan is labelled with its voltage.
+//
 // The run is written as <stem>.ms1 and <stem>.ms2 in the text format that kSieve
 // reads, and <stem>_truth.csv with one row per co-isolated peptide of every MS2
 // scan. Output is streamed: memory stays bounded by the peptides eluting at one
@@ -44,6 +48,9 @@ struct SimulatorOptions {
     int m_ms2_noise_peaks = 30;              // noise peaks per MS2 scan
     double m_min_precursor_intensity = 1e4;  // weaker clusters are never selected
     double m_exclusion_seconds = 20.0;       // a selected cluster rests this long
+    // FAIMS: 0 for none, else 2 or 3 compensation voltages taken in turn, one
+    // survey scan and its fragment scans at each.
+    int m_faims_cvs = 0;
 };
 
 // Parses "--name value" pairs (see usage_text). Returns the options, or sets

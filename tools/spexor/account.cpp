@@ -27,6 +27,12 @@ std::string account_text(const ScanAccount& account) {
     }
     append_count(text, "ms2_inferred_activation", account.ms2_inferred_activation);
     append_count(text, "ms2_gate_will_skip", account.ms2_gate_will_skip);
+    if (account.ms2_isolation_target_only != 0) {
+        append_count(text, "ms2_isolation_target_only", account.ms2_isolation_target_only);
+    }
+    if (account.ms2_no_precursor != 0) {
+        append_count(text, "ms2_no_precursor", account.ms2_no_precursor);
+    }
     append_count(text, "ms2_not_written_no_peaks", account.ms2_not_written_no_peaks);
     append_count(text, "msn_not_written", account.msn_not_written);
     append_count(text, "faims_cv_values", account.faims_cv_values.size());

@@ -68,6 +68,7 @@ class Converter : public SpectrumSink {
     ScanAccount m_account;
     ScanRecord m_record;
     bool m_inferred = false;
+    bool m_target_only = false;  // the isolation target stands for the precursor
     std::size_t m_position = 0;
     std::vector<double> m_picked_mz, m_picked_intensity;
     PeakDecoder m_decoder;
@@ -101,6 +102,7 @@ void Converter::convert(RawSpectrum& spectrum) {
     m_record.activation_center = 0.0;
     m_record.precursor_scan = 0;
     m_record.precursors.clear();
+    m_target_only = false;
     if (level == 1) {
         m_surveys.add(spectrum.id, number, spectrum.rt_seconds, position);
     } else {
@@ -132,6 +134,12 @@ void Converter::fill_precursor(const RawSpectrum& spectrum) {
     const double selected = spectrum.ions.empty() ? 0.0 : spectrum.ions.front().mz;
     m_record.activation_center =
         spectrum.isolation_target > 0.0 ? spectrum.isolation_target : selected;
+    // No selected ion (timsTOF converters, some pipelines): the isolation target
+    // stands for the precursor as it does for a selected ion without m/z.
+    if (m_record.precursors.empty() && m_record.activation_center > 0.0) {
+        append_declared_precursors(m_record.precursors, 0.0, 0, {});
+        m_target_only = true;
+    }
     m_record.precursor_scan =
         m_surveys.parent_of(spectrum.precursor_ref, spectrum.rt_seconds, m_position - 1);
 }
@@ -191,6 +199,8 @@ void Converter::write(int level) {
         append_ms2_scan(m_ms2_text, m_record, m_options);
         ++m_account.ms2_written;
         ++m_account.ms2_written_by_activation[m_record.activation_type];
+        m_account.ms2_isolation_target_only += m_target_only ? 1 : 0;
+        m_account.ms2_no_precursor += m_record.precursors.empty() ? 1 : 0;
         m_account.ms2_inferred_activation += m_inferred ? 1 : 0;
         if (!gate_processes(m_record.activation_type, m_record.instrument_type)) {
             ++m_account.ms2_gate_will_skip;
@@ -262,10 +272,6 @@ bool convert_once(const Options& options, const std::string& source_name, bool n
         account = converter.finish();
     } catch (const NumberingBroken&) {
         return false;
-    }
-    if (account.ms1_read == 0) {
-        throw std::runtime_error(
-            "the file holds no MS1 scan, and kSieve finds precursors in the survey scans");
     }
     output.commit(account_text(account));
     return true;

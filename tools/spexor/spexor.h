@@ -177,6 +177,10 @@ struct ScanAccount {
     std::map<std::string, std::size_t> ms2_written_by_activation;
     std::size_t ms2_inferred_activation = 0;
     std::size_t ms2_gate_will_skip = 0;  // written with a method kSieve does not process
+    // Written with charges 2 and 3 at the isolation target: no usable selected ion.
+    std::size_t ms2_isolation_target_only = 0;
+    // Written with neither a selected ion nor an isolation target: kSieve skips them.
+    std::size_t ms2_no_precursor = 0;
     std::size_t ms2_not_written_no_peaks = 0;
     std::size_t msn_not_written = 0;  // MS3 and above
     std::set<double> faims_cv_values;
@@ -184,8 +188,11 @@ struct ScanAccount {
 
 // "key\tvalue\n" lines in a fixed order: ms1_read, ms1_written, ms2_read,
 // ms2_written, ms2_written_<ACTIVATION> (one per word written, sorted),
-// ms2_inferred_activation, ms2_gate_will_skip, ms2_not_written_no_peaks,
-// msn_not_written, faims_cv_values (the number of distinct voltages).
+// ms2_inferred_activation, ms2_gate_will_skip, ms2_isolation_target_only and
+// ms2_no_precursor (each only when not 0, so that the account of a run with
+// declared precursors throughout reads as it always has),
+// ms2_not_written_no_peaks, msn_not_written, faims_cv_values (the number of
+// distinct voltages).
 std::string account_text(const ScanAccount& account);
 
 // ---- text layout -----------------------------------------------------------
@@ -281,7 +288,8 @@ class OutputPair {
 // outputs. The file is read once. `progress` receives one line at a time,
 // without line end. Throws, leaving no marker, when the file cannot be read
 // whole (a document type declaration, truncated, bad base64, bad compression,
-// arrays of unequal length), has no MS1 scan, or an output cannot be written.
+// arrays of unequal length) or an output cannot be written. A file without MS1
+// scans gives an `.ms1` file of header lines only.
 ScanAccount extract_run(const Options& options, const std::string& source_name,
                         const std::function<void(const std::string&)>& progress);
 

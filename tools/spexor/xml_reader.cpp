@@ -510,8 +510,11 @@ std::string kept_or(const std::map<std::string, std::string>& kept, const char* 
 void end_mzxml_precursor(State& s) {
     RawSpectrum& scan = s.open_scans.back();
     const auto& a = s.precursor_attributes;
+    // An empty element declares no precursor: the scan stays, without a
+    // selected ion, and the account counts it.
+    const bool declared = s.text.find_first_not_of(" \t\r\n") != std::string::npos;
     RawSpectrum::Ion ion;
-    ion.mz = to_double(s.text, "precursor m/z");
+    ion.mz = declared ? to_double(s.text, "precursor m/z") : 0.0;
     ion.charge = to_int(kept_or(a, "precursorCharge", "0"), "precursorCharge");
     std::string possible = kept_or(a, "possibleCharges", "");
     for (std::size_t at = 0; at < possible.size();) {
@@ -526,7 +529,9 @@ void end_mzxml_precursor(State& s) {
         scan.precursor_ref = parent.empty() ? "" : "scan=" + parent;
         scan.activation = mzxml_activation(kept_or(a, "activationMethod", ""));
     }
-    scan.ions.push_back(std::move(ion));
+    if (declared) {
+        scan.ions.push_back(std::move(ion));
+    }
 }
 
 void end_mzxml_peaks(State& s) {

@@ -194,6 +194,90 @@ TEST(SpexorEdits, AccountAddsUpAndIsTheMarker) {
     }
 }
 
+// The text between the first `open` and the end of the first `close` replaced.
+std::string replaced_span(std::string text, const std::string& open, const std::string& close,
+                          const std::string& by) {
+    const std::size_t from = text.find(open);
+    const std::size_t to = text.find(close, from);
+    EXPECT_NE(to, std::string::npos) << open;
+    return to == std::string::npos ? text : text.replace(from, to + close.size() - from, by);
+}
+
+// The lines of the first MS2 scan (scan 1662, isolation target 473.2353515625)
+// between its ActivationCenter line and its first peak.
+std::string first_ms2_tail(const std::string& ms2) {
+    const std::size_t from = ms2.find("I\tActivationCenter\t");
+    const std::size_t to = ms2.find("\n1", from);
+    return from == std::string::npos || to == std::string::npos ? "" : ms2.substr(from, to - from);
+}
+
+// A scan whose precursor is an isolation window alone goes out as a selected
+// ion without m/z does: charges 2 and 3 at the isolation target, after the
+// ActivationCenter line that the zero mass stands for. Without a target either,
+// it goes out without a precursor, and kSieve will skip it: both are counted.
+TEST(SpexorEdits, AnIsolationTargetAloneStandsForThePrecursor) {
+    const std::string sample = sample_text();
+    const std::string window = "<isolationWindow>";
+    const std::string target_lines = "I\tActivationCenter\t473.23535\nZ\t2\t0.00000\nZ\t3\t0.00000";
+    struct Case {
+        const char* what;
+        std::string text;
+        std::string tail;
+        const char* target_only;
+        const char* no_precursor;
+    };
+    const Case cases[] = {
+        {"empty selected-ion list",
+         replaced_span(sample, "<selectedIonList", "</selectedIonList>",
+                       R"(<selectedIonList count="0"></selectedIonList>)"),
+         target_lines, "1", ""},
+        {"no selected-ion list",
+         replaced_span(sample, "<selectedIonList", "</selectedIonList>", ""), target_lines, "1",
+         ""},
+        {"no selected ion and no isolation window",
+         replaced_span(replaced_span(sample, "<selectedIonList", "</selectedIonList>", ""), window,
+                       "</isolationWindow>", ""),
+         "I\tActivationCenter\t0.00000", "", "1"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        CompanionRun run;
+        ASSERT_EQ(run.convert(c.text), 0) << run.stderr_text;
+        EXPECT_EQ(first_ms2_tail(run.ms2()), c.tail);
+        auto account = account_of(run.stdout_text);
+        EXPECT_EQ(account_of(read_file(run.out / "run.spexor")), account);
+        EXPECT_EQ(account["ms2_written"], "5");
+        EXPECT_EQ(account["ms2_isolation_target_only"], c.target_only);
+        EXPECT_EQ(account["ms2_no_precursor"], c.no_precursor);
+    }
+}
+
+// An mzXML scan whose precursorMz element is empty declares no precursor; it
+// neither stops the conversion nor leaves the account.
+TEST(SpexorEdits, AnEmptyMzxmlPrecursorIsAScanWithoutADeclaredPrecursor) {
+    const std::string sample =
+        read_file(std::string(KSIEVE_TEST_DATA_DIR) + "/spexor/velos_cid_crop.mzXML");
+    const std::string emptied =
+        replaced_first(sample, R"(activationMethod="CID" >738.369689941406</precursorMz>)",
+                       R"(activationMethod="CID" > </precursorMz>)");
+    CompanionRun whole, run;
+    ASSERT_EQ(whole.convert(sample, "run.mzXML"), 0) << whole.stderr_text;
+    ASSERT_EQ(run.convert(emptied, "run.mzXML"), 0) << run.stderr_text;
+    auto account = account_of(run.stdout_text);
+    EXPECT_EQ(account["ms2_no_precursor"], "1");
+    EXPECT_EQ(account["ms2_written"], account["ms2_read"]);
+    EXPECT_EQ(account["ms2_written"], account_of(whole.stdout_text)["ms2_written"]);
+    const auto z_lines = [](const std::string& ms2) {
+        std::size_t count = 0;
+        for (std::size_t at = ms2.find("\nZ\t"); at != std::string::npos;
+             at = ms2.find("\nZ\t", at + 1)) {
+            ++count;
+        }
+        return count;
+    };
+    EXPECT_EQ(z_lines(run.ms2()) + 1, z_lines(whole.ms2()));
+}
+
 TEST(SpexorEdits, HostileFilesAreRefusedWithoutAMarker) {
     const std::string sample = sample_text();
     const std::size_t root = sample.find("<indexedmzML");
