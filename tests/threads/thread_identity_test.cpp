@@ -192,18 +192,29 @@ std::size_t count_of(const std::string& text, const std::string& what) {
     return count;
 }
 
+// Simulates <stem>.ms1/.ms2 into <scratch>/inputs with the options after the
+// FASTA, output directory and stem; its exit code, and its error stream with it.
+std::string simulate(const fs::path& scratch, const std::string& stem,
+                     const std::vector<std::string>& options) {
+    const fs::path inputs = scratch / "inputs";
+    fs::create_directories(inputs);
+    std::vector<std::string> args = {
+        "ksieve_simulate", "--fasta", KSIEVE_DEMO_FASTA, "--out-dir", inputs.string(),
+        "--stem",          stem};
+    args.insert(args.end(), options.begin(), options.end());
+    const pid_t simulator = test::start_program(KSIEVE_SIMULATOR, args, scratch,
+                                                scratch / "sim_out", scratch / "sim_err");
+    const std::string exit_code = test::wait_for_program(simulator);
+    return exit_code + test::read_file(scratch / "sim_err");
+}
+
 TEST(ThreadIdentity, ASimulatedRunWithParentsAtTheWindowEdgeIsTheSameAtEveryThreadCount) {
     const test::TempDir scratch;
     const fs::path inputs = scratch.path() / "inputs";
-    fs::create_directories(inputs);
-    const pid_t simulator = test::start_program(
-        KSIEVE_SIMULATOR,
-        {"ksieve_simulate", "--fasta", KSIEVE_DEMO_FASTA, "--out-dir", inputs.string(), "--stem",
-         "sim", "--ms2-scans", "20000", "--top-n", "3", "--seed", "13", "--noise-peaks", "20",
-         "--ms2-noise-peaks", "10", "--feature-rate", "3"},
-        scratch.path(), scratch.path() / "sim_out", scratch.path() / "sim_err");
-    ASSERT_EQ(test::wait_for_program(simulator), "0\n")
-        << test::read_file(scratch.path() / "sim_err");
+    ASSERT_EQ(simulate(scratch.path(), "sim",
+                       {"--ms2-scans", "20000", "--top-n", "3", "--seed", "13", "--noise-peaks",
+                        "20", "--ms2-noise-peaks", "10", "--feature-rate", "3"}),
+              "0\n");
     const std::vector<int64_t> ft = ft_scans(test::read_file(inputs / "sim.ms1"));
     ASSERT_GT(ft.size(), kWindowScans + 1000);
     const EdgeScans edges = move_parents_to_the_edge(inputs / "sim.ms2", ft);
@@ -223,14 +234,9 @@ TEST(ThreadIdentity, ASimulatedRunWithParentsAtTheWindowEdgeIsTheSameAtEveryThre
 TEST(ThreadIdentity, ASimulatedFaimsRunIsTheSameAtEveryThreadCount) {
     const test::TempDir scratch;
     const fs::path inputs = scratch.path() / "inputs";
-    fs::create_directories(inputs);
-    const pid_t simulator = test::start_program(
-        KSIEVE_SIMULATOR,
-        {"ksieve_simulate", "--fasta", KSIEVE_DEMO_FASTA, "--out-dir", inputs.string(), "--stem",
-         "faims", "--ms2-scans", "3000", "--top-n", "5", "--seed", "7", "--faims-cvs", "3"},
-        scratch.path(), scratch.path() / "sim_out", scratch.path() / "sim_err");
-    ASSERT_EQ(test::wait_for_program(simulator), "0\n")
-        << test::read_file(scratch.path() / "sim_err");
+    ASSERT_EQ(simulate(scratch.path(), "faims",
+                       {"--ms2-scans", "3000", "--top-n", "5", "--seed", "7", "--faims-cvs", "3"}),
+              "0\n");
     const std::string ms1 = test::read_file(inputs / "faims.ms1");
     for (const char* voltage : {"-45", "-55", "-65"}) {
         ASSERT_GT(count_of(ms1, std::string("I\tCompensationVoltage\t") + voltage + "\n"), 100u);

@@ -189,6 +189,47 @@ TEST(SimulatedRun, ScansTruthAndChemistryDescribeOneRun) {
     EXPECT_GT(clusters, 0.95 * clean) << clusters << " of " << clean;
 }
 
+// Strong peaks (above 1e5) of `a` that `b` also has, within 10 ppm.
+int shared_strong_peaks(const MS1Spectrum& a, const MS1Spectrum& b) {
+    int shared = 0;
+    for (const Peak& peak : a.m_peaks) {
+        shared += peak.m_intensity > 1e5 &&
+                  std::any_of(b.m_peaks.begin(), b.m_peaks.end(), [&](const Peak& other) {
+                      return within_ppm(other.m_mz, peak.m_mz, 10);
+                  });
+    }
+    return shared;
+}
+
+// Three voltages in turn, every scan labelled with its own and every MS2 scan
+// with its parent's; the ions of -45 V and -65 V are different sets (neither
+// leaks into the other), so those survey scans share far fewer strong peaks
+// than two -45 V scans a cycle apart.
+TEST(SimulatedRun, FaimsVoltagesTakeTurnsAndLetDifferentIonsThrough) {
+    test::TempDir dir;
+    SimulatorOptions options = options_in(dir, 5, 900);
+    options.m_faims_cvs = 3;
+    run_simulation(options);
+    const auto ms1 = read_scans<MS1Spectrum>(dir.file("simulated.ms1"), ReadMs1Scan);
+    const auto ms2 = read_scans<MS2Spectrum>(dir.file("simulated.ms2"), ReadMs2Scan);
+    std::map<int, double> voltages;
+    for (std::size_t i = 0; i < ms1.size(); ++i) {
+        ASSERT_TRUE(ms1[i].m_compensation_voltage.has_value());
+        EXPECT_EQ(*ms1[i].m_compensation_voltage, -45.0 - 10.0 * static_cast<double>(i % 3));
+        voltages[ms1[i].m_scan] = *ms1[i].m_compensation_voltage;
+    }
+    for (const MS2Spectrum& scan : ms2) {
+        EXPECT_EQ(scan.m_compensation_voltage, voltages.at(scan.m_precursor_scan)) << scan.m_scan;
+    }
+    int same_voltage = 0, far_voltage = 0;
+    for (std::size_t i = 0; i + 3 < ms1.size(); i += 3) {
+        same_voltage += shared_strong_peaks(ms1[i], ms1[i + 3]);
+        far_voltage += shared_strong_peaks(ms1[i], ms1[i + 2]);
+    }
+    EXPECT_GT(same_voltage, 100);
+    EXPECT_LT(5 * far_voltage, same_voltage) << far_voltage << " against " << same_voltage;
+}
+
 // The same seed gives the same bytes, another seed another run; a run that can
 // select no precursor stops with an error rather than spinning forever.
 TEST(SimulatorRuns, SeedDecidesEveryByteAndAnIdleRunFails) {
