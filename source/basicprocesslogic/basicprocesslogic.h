@@ -126,8 +126,8 @@ struct Ms1Window {
     std::string m_path;            // the `.ms1` file
     LineFile m_reread;             // a second stream on it, opened on first need
 };
-// The ceiling from memory_ceiling_mib, for the file at `path`.
-void start_ms1_window(Ms1Window& window, const UserParameters& params, const std::string& path);
+// The ceiling in bytes that memory_ceiling_mib sets.
+std::size_t ms1_ceiling_bytes(const UserParameters& params);
 // Appends an FT scan, dropping the front record into `scan` (its buffers are
 // reused), then lets the oldest lists go down to the ceiling.
 void push_ms1_scan(Ms1Window& window, MS1Spectrum& scan);

@@ -73,9 +73,8 @@ void read_again(Ms1Window& window, MS1Spectrum& scan) {
 
 }  // namespace
 
-void start_ms1_window(Ms1Window& window, const UserParameters& params, const std::string& path) {
-    window.m_ceiling_bytes = static_cast<std::size_t>(params.m_memory_ceiling_mib) * kBytesPerMib;
-    window.m_path = path;
+std::size_t ms1_ceiling_bytes(const UserParameters& params) {
+    return static_cast<std::size_t>(params.m_memory_ceiling_mib) * kBytesPerMib;
 }
 
 void push_ms1_scan(Ms1Window& window, MS1Spectrum& scan) {

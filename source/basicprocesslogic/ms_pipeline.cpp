@@ -3,8 +3,8 @@
 // written as KS, MGF and the precursor table.
 //
 // Memory stays bounded whatever the length of the run: the MS1 side is a window
-// of kMs1StoreSize FT scans under a ceiling on its peak lists, the MS2 side a
-// fixed number of scans in flight per thread.
+// of kMs1StoreSize FT scans (one per FAIMS voltage) under a ceiling on its peak
+// lists, the MS2 side a fixed number of scans in flight per thread.
 //
 // Threads: this thread reads, cuts each scan's slices out of the window, writes
 // and logs; scans go round a ring of slots, each claimed in turn by a worker

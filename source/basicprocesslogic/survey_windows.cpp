@@ -16,9 +16,7 @@ void start_survey_windows(SurveyWindows& windows, const UserParameters& params,
                           const std::string& path) {
     windows.m_by_voltage = params.m_faims_windows;
     windows.m_path = path;
-    Ms1Window probe;
-    start_ms1_window(probe, params, path);
-    windows.m_ceiling_bytes = probe.m_ceiling_bytes;
+    windows.m_ceiling_bytes = ms1_ceiling_bytes(params);
 }
 
 Ms1Window& window_of(SurveyWindows& windows, const std::optional<double>& voltage) {
