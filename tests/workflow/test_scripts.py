@@ -45,13 +45,14 @@ class SpectrumIdentity(unittest.TestCase):
 
 class FragmentSettings(unittest.TestCase):
     def test_analyzer_comes_from_the_end_of_the_mgf_key(self):
-        cases = [("run", "run_CIDIT.mgf", "IT"), ("run", "run_HCDFT.mgf", "FT"),
-                 ("a_b", "a_b_ETHCDFT.mgf", "FT"), ("x_IT", "x_IT_ETCIDIT.mgf", "IT")]
-        for run, name, analyzer in cases:
+        cases = [("run", "run_CIDIT.mgf", "CIDIT"), ("run", "run_HCDFT.mgf", "HCDFT"),
+                 ("a_b", "a_b_ETHCDFT.mgf", "ETHCDFT"), ("x_IT", "x_IT_ETCIDIT.mgf", "ETCIDIT")]
+        for run, name, key in cases:
             with self.subTest(name):
-                self.assertEqual(search.analyzer_of(name, run), analyzer)
-        with self.assertRaisesRegex(StageError, "cannot tell the MS2 analyzer"):
-            search.analyzer_of("run_UVPDXX.mgf", "run")
+                self.assertEqual(search.key_of(name, run), key)
+        for name in ("run_UVPDXX.mgf", "run_a b/FT.mgf"):
+            with self.assertRaisesRegex(StageError, "cannot tell the MS2 analyzer"):
+                search.key_of(name, "run")
 
     def test_parameter_file_gets_the_analyzers_values(self):
         for analyzer, tolerance, offset in (("IT", "1.0005", "0.4"), ("FT", "0.02", "0.0")):
@@ -178,3 +179,4 @@ class PrecursorTable(unittest.TestCase):
 
 if __name__ == "__main__":
     unittest.main()
+

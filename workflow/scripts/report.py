@@ -25,7 +25,8 @@ def parse_args():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--out", required=True, help="the workflow's output folder")
     parser.add_argument("--settings", required=True)
-    parser.add_argument("--runs", nargs="*", default=[])
+    parser.add_argument("--run", action="append", dest="runs", default=[],
+                        help="one run of the workflow; repeated, in order")
     return parser.parse_args()
 
 
