@@ -1,5 +1,6 @@
 """The workflow scripts' own rules, case by case, without running the programs."""
 
+import random
 import sys
 import tempfile
 import unittest
@@ -8,6 +9,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
 
+import qvalues  # noqa: E402
 import run_ksieve  # noqa: E402
 import run_table  # noqa: E402
 import search  # noqa: E402
@@ -180,3 +182,52 @@ class PrecursorTable(unittest.TestCase):
 if __name__ == "__main__":
     unittest.main()
 
+
+def psm(scan, score, decoy=False, sequence="PEPTIDEK", spectrum=""):
+    return qvalues.Psm(spectrum=spectrum or f"r.{scan}.{scan}.2.0.dta", scan=scan, score=score,
+                       decoy=decoy, sequence=sequence, fields={})
+
+
+class ScanGroups(unittest.TestCase):
+    def test_best_block_is_primary_and_other_peptides_are_secondary(self):
+        best = psm(7, 9.0, sequence="AAK", spectrum="r.7.7.2.1.dta")
+        same_peptide = psm(7, 5.0, sequence="AA(Oxidation)K", spectrum="r.7.7.3.0.dta")
+        other = psm(7, 4.0, decoy=True, sequence="CCR", spectrum="r.7.7.2.2.dta")
+        alone = psm(8, 1.0, sequence="AAK")
+        tie_first, tie_second = psm(9, 2.0, sequence="DDK"), psm(9, 2.0, sequence="EEK")
+        kept = qvalues.assign_groups([best, same_peptide, other, alone, tie_first, tie_second])
+        self.assertEqual([(p.spectrum, p.group) for p in kept], [
+            ("r.7.7.2.1.dta", "primary"), ("r.8.8.2.0.dta", "primary"),
+            (tie_first.spectrum, "primary"), ("r.7.7.2.2.dta", "secondary"),
+            (tie_second.spectrum, "secondary")])
+        self.assertEqual(same_peptide.group, "")
+
+
+class TargetDecoyQValues(unittest.TestCase):
+    def brute_force(self, psms, one):
+        """The definition: the lowest D / T over every cut-off at or below the PSM's score."""
+        cuts = [(sum(p.decoy for p in psms if p.score >= c.score),
+                 sum(not p.decoy for p in psms if p.score >= c.score), c.score) for c in psms]
+        return min([1.0] + [d / t for d, t, score in cuts if score <= one.score and t])
+
+    def test_q_values_follow_the_definition_and_never_fall_as_scores_worsen(self):
+        draw = random.Random(19)
+        for trial in range(200):
+            psms = [psm(i, draw.choice([draw.random(), 0.5]) * 10, decoy=draw.random() < 0.3)
+                    for i in range(draw.randint(1, 40))]
+            qvalues.set_q_values(psms)
+            with self.subTest(trial):
+                for one in psms:
+                    self.assertAlmostEqual(one.q_value, self.brute_force(psms, one))
+                ranked = sorted(psms, key=lambda p: -p.score)
+                self.assertEqual([p.q_value for p in ranked], sorted(p.q_value for p in ranked))
+
+    def test_groups_compete_apart(self):
+        primaries = [psm(i, 10.0 + i) for i in range(1, 101)]
+        secondaries = [psm(i, 50.0 + i, decoy=True, sequence="DECOYK", spectrum=f"r.{i}.{i}.2.1.dta")
+                       for i in range(1, 6)]
+        for first in primaries[:5]:
+            first.score = 100.0 + first.scan  # the decoy is its scan's second best
+        kept = qvalues.grouped_q_values(primaries + secondaries)
+        self.assertEqual({p.q_value for p in kept if p.group == "primary"}, {0.0})
+        self.assertEqual({p.q_value for p in kept if p.group == "secondary"}, {1.0})

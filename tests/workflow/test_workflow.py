@@ -122,16 +122,20 @@ class SearchStage(unittest.TestCase):
     def demo_mgf(self):
         return (DEMO_OUT / "runs" / "bsa_demo" / "ksieve" / "bsa_demo_CIDIT.mgf").read_text()
 
-    def test_two_blocks_of_one_scan_and_charge_give_two_psm_rows(self):
+    def test_two_blocks_of_one_scan_and_charge_stay_two_psms_grouped_by_scan(self):
+        """Scan 63's block, written again as a second block of scan 41 (both charge 2): its
+        peptide is the better match, so it becomes scan 41's primary and the first block,
+        another peptide, a secondary."""
         text = self.demo_mgf()
-        block = text[text.index("BEGIN IONS\nTITLE=bsa_demo.41.41.2.0.dta"):]
+        block = text[text.index("BEGIN IONS\nTITLE=bsa_demo.63.63.2.0.dta"):]
         block = block[:block.index("END IONS\n") + len("END IONS\n")]
-        twin = block.replace("bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta")
+        twin = block.replace("bsa_demo.63.63.2.0.dta", "bsa_demo.41.41.2.1.dta")
         psms, _ = self.search_and_fdr(fresh(SCRATCH / "identity"),
                                       {"bsa_demo_CIDIT.mgf": text + twin})
-        rows = [p for p in psms if p["scan"] == "41" and p["charge"] == "2"]
-        self.assertEqual(sorted(p["spectrum"] for p in rows),
-                         ["bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta"])
+        rows = {p["spectrum"]: p for p in psms if p["scan"] == "41" and p["charge"] == "2"}
+        self.assertEqual({name: (row["group"], row["sequence"]) for name, row in rows.items()}, {
+            "bsa_demo.41.41.2.0.dta": ("secondary", "DLGEEHFK"),
+            "bsa_demo.41.41.2.1.dta": ("primary", "YIC(Carbamidomethyl)DNQDTISSK")})
 
     def test_each_analyzer_gets_its_settings_and_one_fdr_covers_both(self):
         blocks = ["BEGIN IONS\n" + b for b in self.demo_mgf().split("BEGIN IONS\n")[1:]]

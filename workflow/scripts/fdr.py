@@ -1,10 +1,11 @@
-"""Target-decoy FDR of one run's PSMs, with OpenMS's tools only.
+"""Target-decoy FDR of one run's PSMs, once per MS2 scan.
 
-FalseDiscoveryRate gives every PSM its q-value (PSM level, one hit per spectrum),
-IDFilter keeps the target PSMs at or below the threshold, and TextExporter writes
-both sets as text. This script only turns that text into two plain tables:
-`all` (every target PSM with its q-value, for the q-value plot) and `accepted`
-(the PSMs that pass). It computes no q-value itself.
+TextExporter (OpenMS) turns the indexed hits into text; qvalues.py groups each
+scan's blocks into a primary PSM and secondary ones and gives every PSM its
+q-value within its group (OpenMS's FalseDiscoveryRate counts every block as a
+spectrum of its own and cannot group by scan). Two tables come out: `all`
+(every target PSM with its group and q-value, for the q-value plot) and
+`accepted` (the target PSMs at or below the configured FDR).
 """
 
 import argparse
@@ -13,9 +14,11 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
+from qvalues import Psm, grouped_q_values  # noqa: E402
 from wfcommon import read_json, run_stage, run_tool, scan_of  # noqa: E402
 
-COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions"]
+COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions", "group",
+           "e_value"]
 
 
 def parse_args():
@@ -49,40 +52,40 @@ def write_table(psms, path):
         writer = csv.writer(out, delimiter="\t", lineterminator="\n")
         writer.writerow(COLUMNS)
         for psm in psms:
-            if psm.get("target_decoy", "target") == "decoy":
-                continue
-            reference = psm.get("spectrum_reference", "")
-            writer.writerow([reference, scan_of(reference), psm["charge"], psm["mz"],
-                             psm["sequence"], psm["score"], psm.get("accessions", "")])
+            if not psm.decoy:
+                writer.writerow([psm.spectrum, psm.scan, psm.fields["charge"], psm.fields["mz"],
+                                 psm.sequence, f"{psm.q_value:.6g}",
+                                 psm.fields.get("accessions", ""), psm.group,
+                                 psm.fields["score"]])
 
 
-def export(idxml, tsv, log):
-    raw = Path(str(tsv) + ".export")
+def exported_hits(idxml, work, log):
+    """Each spectrum's top hit as a Psm; the score is Comet's e-value, turned so that higher is better."""
+    raw = work / (Path(idxml).name + ".export")
     run_tool(["TextExporter", "-in", idxml, "-out", raw, "-id:add_metavalues", "0",
               "-id:add_hit_metavalues", "0"], log)
-    psms = exported_psms(raw)
+    rows = exported_psms(raw)
     raw.unlink()
+    psms = []
+    for row in rows:
+        reference = row.get("spectrum_reference", "")
+        scan = scan_of(reference)
+        if scan is None:
+            continue
+        psms.append(Psm(spectrum=reference, scan=scan, score=-float(row["score"]),
+                        decoy=row.get("target_decoy", "target") == "decoy",
+                        sequence=row["sequence"], fields=row))
     return psms
 
 
 def fdr(args, log):
     settings = read_json(args.settings)
     hits = Path(args.hits)
-    if "<PeptideHit" not in hits.read_text(encoding="utf-8", errors="replace"):
-        write_table([], args.all)
-        write_table([], args.accepted)
-        return
-    work = Path(args.all).parent
-    scored = work / f"{args.side}.fdr.idXML"
-    accepted = work / f"{args.side}.accepted.idXML"
-    run_tool(["FalseDiscoveryRate", "-in", hits, "-out", scored, "-PSM", "true",
-              "-protein", "false"], log)
-    run_tool(["IDFilter", "-in", scored, "-out", accepted, "-score:pep",
-              str(settings["fdr"]), "-remove_decoys"], log)
-    write_table(export(scored, args.all, log), args.all)
-    write_table(export(accepted, args.accepted, log), args.accepted)
-    scored.unlink()
-    accepted.unlink()
+    psms = []
+    if "<PeptideHit" in hits.read_text(encoding="utf-8", errors="replace"):
+        psms = grouped_q_values(exported_hits(hits, Path(args.all).parent, log))
+    write_table(psms, args.all)
+    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted)
 
 
 def main():
