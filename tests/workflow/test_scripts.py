@@ -9,7 +9,10 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
 
+import entrapment  # noqa: E402
+import numpy as np  # noqa: E402
 import qvalues  # noqa: E402
+import rescore  # noqa: E402
 import run_ksieve  # noqa: E402
 import run_table  # noqa: E402
 import search  # noqa: E402
@@ -179,10 +182,6 @@ class PrecursorTable(unittest.TestCase):
                 self.assertEqual({q: curve[q] for q in expected}, expected)
 
 
-if __name__ == "__main__":
-    unittest.main()
-
-
 def psm(scan, score, decoy=False, sequence="PEPTIDEK", spectrum=""):
     return qvalues.Psm(spectrum=spectrum or f"r.{scan}.{scan}.2.0.dta", scan=scan, score=score,
                        decoy=decoy, sequence=sequence, fields={})
@@ -231,3 +230,117 @@ class TargetDecoyQValues(unittest.TestCase):
         kept = qvalues.grouped_q_values(primaries + secondaries)
         self.assertEqual({p.q_value for p in kept if p.group == "primary"}, {0.0})
         self.assertEqual({p.q_value for p in kept if p.group == "secondary"}, {1.0})
+
+
+class EntrapmentDatabase(unittest.TestCase):
+    def test_twins_shuffle_each_tryptic_peptide_and_keep_its_cleavage_residue(self):
+        draw = random.Random(3)
+        for trial in range(100):
+            sequence = "".join(draw.choice("ACDEFGHIKLMNPQRSTVWY") for _ in range(draw.randint(1, 80)))
+            twin = entrapment.shuffled_protein(sequence, random.Random(trial))
+            with self.subTest(sequence):
+                pieces = entrapment.tryptic_peptides(sequence)
+                self.assertEqual("".join(pieces), sequence)
+                start = 0
+                for piece in pieces:
+                    mirrored = twin[start:start + len(piece)]
+                    self.assertEqual(sorted(mirrored), sorted(piece))
+                    if piece[-1] in "KR":
+                        self.assertEqual(mirrored[-1], piece[-1])
+                    start += len(piece)
+
+    def test_database_holds_targets_then_marked_twins_the_same_on_every_run(self):
+        with tempfile.TemporaryDirectory() as work:
+            targets, out = Path(work) / "t.fasta", Path(work) / "te.fasta"
+            targets.write_bytes(b"\xef\xbb\xbf>sp|P1|A one\nMKWVTFISLL\nLLFSSAYSRGVFRR\n>sp|P2|B\nPEPTIDEK")
+            entrapment.main(targets, out, "ENTRAP_")
+            first = out.read_text(encoding="utf-8")
+            entrapment.main(targets, out, "ENTRAP_")
+            self.assertEqual(out.read_text(encoding="utf-8"), first)
+        lines = first.splitlines()
+        self.assertEqual(lines[:5], [">sp|P1|A one", "MKWVTFISLL", "LLFSSAYSRGVFRR", ">sp|P2|B",
+                                     "PEPTIDEK"])
+        self.assertEqual([lines[5], lines[7]], [">ENTRAP_sp|P1|A one", ">ENTRAP_sp|P2|B"])
+        self.assertEqual(sorted(lines[6]), sorted("MKWVTFISLLLLFSSAYSRGVFRR"))
+        self.assertEqual(len(lines), 9)
+
+
+class EntrapmentEstimate(unittest.TestCase):
+    def test_combined_estimate_per_group(self):
+        rows = [{"entrapment": e, "group": g, "scan": str(i), "sequence": f"PEP{i}K",
+                 "q_value": "0"} for i, (e, g) in enumerate(
+                     [("0", "primary")] * 97 + [("1", "primary")] * 3 + [("0", "secondary"),
+                                                                      ("1", "secondary")])]
+        self.assertAlmostEqual(run_table.entrapment_fdp(rows[:100]), 0.06)
+        self.assertAlmostEqual(run_table.entrapment_fdp(rows[100:]), 1.0)
+        self.assertIsNone(run_table.entrapment_fdp([]))
+
+
+
+def simulated_psms(targets, decoys, seed):
+    """PSMs whose second feature parts true targets from decoys better than the start score."""
+    draw = np.random.default_rng(seed)
+    true = draw.random(targets + decoys) < 0.6
+    decoy = np.zeros(targets + decoys, dtype=bool)
+    decoy[targets:] = True
+    true[targets:] = False
+    start = draw.normal(size=targets + decoys) + 3.0 * true
+    features = np.column_stack([start, draw.normal(size=targets + decoys) + 6.0 * true,
+                                draw.normal(size=targets + decoys)])
+    return features, decoy, list(range(targets + decoys)), start
+
+
+class Rescoring(unittest.TestCase):
+    def test_a_better_feature_is_learnt_and_a_second_run_gives_the_same_scores(self):
+        features, decoys, scans, start = simulated_psms(1500, 1000, 5)
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        again, _ = rescore.rescore(features, decoys, scans, start)
+        self.assertEqual(notes, [None, None, None])
+        self.assertTrue(np.array_equal(scores, again))
+        self.assertGreater(rescore.accepted_count(scores, decoys)[0],
+                           rescore.accepted_count(start, decoys)[0] + 200)
+        weights = rescore.weights(features, decoys, start)
+        self.assertEqual(max(range(3), key=lambda i: abs(weights[i])), 1)
+
+    def test_blocks_of_one_scan_share_a_fold_and_no_fold_sees_its_own_psms(self):
+        features, decoys, _, start = simulated_psms(1200, 800, 8)
+        scans = [i // 2 for i in range(2000)]
+        fold = rescore.folds(scans)
+        self.assertTrue(all(fold[i] == fold[i + 1] for i in range(0, 2000, 2)))
+        self.assertEqual(sorted(np.bincount(fold)), [666, 666, 668])
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        self.assertEqual(notes, [None, None, None])
+        # Relabelling fold 1's PSMs changes the models of the other folds, not fold 1's.
+        held = fold == 0
+        relabelled = decoys.copy()
+        relabelled[held] = ~relabelled[held]
+        again, _ = rescore.rescore(features, relabelled, scans, start)
+        self.assertTrue(np.allclose(again[held], scores[held]))
+        self.assertFalse(np.allclose(again[~held], scores[~held]))
+
+    def test_too_few_targets_keep_the_e_value_ranking_with_a_note(self):
+        features, decoys, scans, start = simulated_psms(25, 30, 2)
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        self.assertTrue(all(n and "Comet's e-value kept" in n for n in notes), notes)
+        self.assertIsNone(rescore.weights(features, decoys, start))
+
+
+class PrecursorError(unittest.TestCase):
+    def test_ppm_error_after_whole_isotope_steps(self):
+        self.assertAlmostEqual(rescore.peptide_mass("PEPTIDE"), 799.35996, places=4)  # known value
+        self.assertAlmostEqual(rescore.peptide_mass("PEPTIDEM(Oxidation)")
+                               - rescore.peptide_mass("PEPTIDEM"), 15.994915, places=6)
+        self.assertIsNone(rescore.peptide_mass("PEPTIDEX"))
+        mass = rescore.peptide_mass("LC(Carbamidomethyl)VLHEK")
+        for charge in (1, 2, 3):
+            exact = mass / charge + rescore.PROTON
+            for steps, ppm in ((0, 0.0), (1, 0.0), (2, 4.0), (0, -7.5)):
+                mz = exact + (steps * rescore.ISOTOPE_STEP + ppm * mass / 1e6) / charge
+                with self.subTest(charge=charge, steps=steps):
+                    self.assertAlmostEqual(rescore.ppm_error("LC(Carbamidomethyl)VLHEK", mz, charge),
+                                           ppm, places=6)
+        self.assertEqual(rescore.missed_cleavages("AKPLRMKR"), 2)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -111,6 +111,7 @@ class SearchStage(unittest.TestCase):
                         "--out", work / "hits.idXML", "--log", work / "search.log")
         self.run_script("fdr.py", *common, "--hits", work / "hits.idXML",
                         "--all", work / "all.tsv", "--accepted", work / "accepted.tsv",
+                        "--rescoring", work / "rescoring.json",
                         "--log", work / "fdr.log")
         return read_tsv(work / "all.tsv"), (work / "search.log").read_text(encoding="utf-8")
 

@@ -111,6 +111,7 @@ Path(OUT, "logs", "slurm").mkdir(parents=True, exist_ok=True)
 
 # What the stage scripts need to know of the configuration, as one file.
 SETTINGS = {key: config[key] for key in ("fdr", "enzyme", "decoy_prefix", "comet",
+                                         "entrapment", "entrapment_prefix", "rescoring",
                                          "ksieve_options", "ksieve_parameters",
                                          "ksieve_threads", "search_threads")}
 STAGE = str(SCRIPTS / "stage.py")

@@ -7,12 +7,16 @@ rule run_table:
         info=f"{OUT}/runs/{{run}}/ksieve_info.json",
         psms=[f"{OUT}/runs/{{run}}/fdr/{side}_{kind}.tsv"
               for side in ("declared", "ksieve") for kind in ("all", "accepted")],
+        rescoring=[f"{OUT}/runs/{{run}}/fdr/{side}_rescoring.json"
+                   for side in ("declared", "ksieve")],
     output:
         f"{OUT}/runs/{{run}}/summary.json",
     params:
         argv=lambda wildcards, input, output: [
             "run_table.py", f"--run={wildcards.run}", f"--table={input.table}",
-            f"--info={input.info}", "--psms", *input.psms, f"--out={output[0]}"],
+            f"--info={input.info}", "--psms", *input.psms, "--rescoring", *input.rescoring,
+            f"--out={output[0]}",
+            *(["--entrapment"] if config["entrapment"] else [])],
     script:
         STAGE
 

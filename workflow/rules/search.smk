@@ -2,9 +2,21 @@
 # the same scans, then target-decoy FDR with OpenMS, per run and side.
 
 
-rule decoy_database:
+rule entrapment_database:
     input:
         FASTA,
+    output:
+        f"{OUT}/work/target_entrapment.fasta",
+    params:
+        argv=lambda wildcards, input, output: [
+            "entrapment.py", input[0], output[0], config["entrapment_prefix"]],
+    script:
+        STAGE
+
+
+rule decoy_database:
+    input:
+        f"{OUT}/work/target_entrapment.fasta" if config["entrapment"] else FASTA,
     output:
         f"{OUT}/work/target_decoy.fasta",
     log:
@@ -59,6 +71,7 @@ rule fdr:
     output:
         all=f"{OUT}/runs/{{run}}/fdr/{{side}}_all.tsv",
         accepted=f"{OUT}/runs/{{run}}/fdr/{{side}}_accepted.tsv",
+        rescoring=f"{OUT}/runs/{{run}}/fdr/{{side}}_rescoring.json",
     log:
         f"{OUT}/logs/{{run}}/fdr_{{side}}.log",
     params:
@@ -66,7 +79,9 @@ rule fdr:
             "fdr.py", f"--run={wildcards.run}", f"--run-dir={OUT}/runs/{wildcards.run}",
             f"--side={wildcards.side}", f"--hits={input.hits}",
             f"--settings={input.settings}", f"--all={output.all}",
-            f"--accepted={output.accepted}",
+            f"--accepted={output.accepted}", f"--rescoring={output.rescoring}",
+            f"--precursors={OUT}/runs/{wildcards.run}/ksieve/{wildcards.run}.precursors.tsv"
+            if wildcards.side == "ksieve" else "--precursors=",
             f"--log={OUT}/logs/{wildcards.run}/fdr_{wildcards.side}.log"],
     script:
         STAGE

@@ -1,6 +1,9 @@
-"""Target-decoy FDR of one run's PSMs, once per MS2 scan.
+"""Target-decoy FDR of one run's PSMs, once per MS2 scan, after rescoring.
 
-TextExporter (OpenMS) turns the indexed hits into text; qvalues.py groups each
+TextExporter (OpenMS) turns the indexed hits into text; rescore.py gives each
+PSM a new score from its features (when `rescoring` is on; kSieve's evidence
+for each block comes from <run>.precursors.tsv beside the MGF files when kSieve
+wrote one); qvalues.py groups each
 scan's blocks into a primary PSM and secondary ones and gives every PSM its
 q-value within its group (OpenMS's FalseDiscoveryRate counts every block as a
 spectrum of its own and cannot group by scan). Two tables come out: `all`
@@ -10,15 +13,18 @@ spectrum of its own and cannot group by scan). Two tables come out: `all`
 
 import argparse
 import csv
+import math
 import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
+import numpy as np  # noqa: E402
+import rescore  # noqa: E402
 from qvalues import Psm, grouped_q_values  # noqa: E402
-from wfcommon import read_json, run_stage, run_tool, scan_of  # noqa: E402
+from wfcommon import read_json, run_stage, run_tool, scan_of, write_json  # noqa: E402
 
 COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions", "group",
-           "e_value"]
+           "e_value", "entrapment", "score", "ppm_error"]
 
 
 def parse_args():
@@ -30,6 +36,9 @@ def parse_args():
     parser.add_argument("--settings", required=True)
     parser.add_argument("--all", required=True, help="every target PSM with its q-value, TSV")
     parser.add_argument("--accepted", required=True, help="PSMs at the FDR threshold, TSV")
+    parser.add_argument("--rescoring", required=True, help="what rescoring did, JSON")
+    parser.add_argument("--precursors", default="",
+                        help="kSieve's precursor table of the run, read when it exists")
     parser.add_argument("--log", required=True)
     return parser.parse_args()
 
@@ -47,7 +56,14 @@ def exported_psms(path):
     return rows
 
 
-def write_table(psms, path):
+def entrapment_hit(accessions, settings):
+    """1 when every protein of the hit is an entrapment protein, else 0."""
+    names = [a for a in accessions.split(";") if a]
+    prefix = settings["entrapment_prefix"]
+    return int(bool(settings["entrapment"] and names and all(a.startswith(prefix) for a in names)))
+
+
+def write_table(psms, path, settings):
     with open(path, "w", encoding="utf-8", newline="") as out:
         writer = csv.writer(out, delimiter="\t", lineterminator="\n")
         writer.writerow(COLUMNS)
@@ -56,7 +72,9 @@ def write_table(psms, path):
                 writer.writerow([psm.spectrum, psm.scan, psm.fields["charge"], psm.fields["mz"],
                                  psm.sequence, f"{psm.q_value:.6g}",
                                  psm.fields.get("accessions", ""), psm.group,
-                                 psm.fields["score"]])
+                                 psm.fields["score"],
+                                 entrapment_hit(psm.fields.get("accessions", ""), settings),
+                                 f"{psm.score:.6g}", f"{psm.fields['ppm_error']:.3f}"])
 
 
 def exported_hits(idxml, work, log):
@@ -72,10 +90,40 @@ def exported_hits(idxml, work, log):
         scan = scan_of(reference)
         if scan is None:
             continue
-        psms.append(Psm(spectrum=reference, scan=scan, score=-float(row["score"]),
+        psms.append(Psm(spectrum=reference, scan=scan,
+                        score=-math.log10(max(float(row["score"]), 1e-300)),
                         decoy=row.get("target_decoy", "target") == "decoy",
                         sequence=row["sequence"], fields=row))
     return psms
+
+
+def precursor_rows(path):
+    """kSieve's precursor table by MGF title; empty when there is none."""
+    if not path or not Path(path).is_file():
+        return {}
+    with open(path, encoding="utf-8", errors="replace", newline="") as table:
+        return {row["title"]: row for row in csv.DictReader(table, delimiter="\t")
+                if row.get("title")}
+
+
+def rescored(psms, rows, settings):
+    """Gives each PSM its rescored value; returns the account for the report."""
+    names = list(rescore.COMET_FEATURES) + (list(rescore.KSIEVE_FEATURES) if rows else [])
+    features = np.array([rescore.comet_features(p.fields)
+                         + (rescore.ksieve_features(rows.get(p.spectrum)) if rows else [])
+                         for p in psms], dtype=float)
+    for psm, row in zip(psms, features):
+        psm.fields["ppm_error"] = row[names.index("ppm_error")]
+    if not settings["rescoring"] or not psms:
+        return {"features": names, "weights": None,
+                "notes": ["rescoring off: Comet's e-value ranks the PSMs"]}
+    decoys = np.array([p.decoy for p in psms])
+    start = np.array([p.score for p in psms])
+    scores, notes = rescore.rescore(features, decoys, [p.scan for p in psms], start)
+    for psm, score in zip(psms, scores):
+        psm.score = float(score)
+    return {"features": names, "weights": rescore.weights(features, decoys, start),
+            "notes": [n for n in notes if n]}
 
 
 def fdr(args, log):
@@ -83,9 +131,12 @@ def fdr(args, log):
     hits = Path(args.hits)
     psms = []
     if "<PeptideHit" in hits.read_text(encoding="utf-8", errors="replace"):
-        psms = grouped_q_values(exported_hits(hits, Path(args.all).parent, log))
-    write_table(psms, args.all)
-    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted)
+        psms = exported_hits(hits, Path(args.all).parent, log)
+    account = rescored(psms, precursor_rows(args.precursors), settings)
+    write_json(args.rescoring, account)
+    psms = grouped_q_values(psms)
+    write_table(psms, args.all, settings)
+    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted, settings)
 
 
 def main():
