@@ -112,18 +112,20 @@ def rescored(psms, rows, settings):
     features = np.array([rescore.comet_features(p.fields)
                          + (rescore.ksieve_features(rows.get(p.spectrum)) if rows else [])
                          for p in psms], dtype=float)
-    for psm, row in zip(psms, features):
-        psm.fields["ppm_error"] = row[names.index("ppm_error")]
+    for psm in psms:
+        psm.fields["ppm_error"] = rescore.ppm_error(psm.sequence, float(psm.fields["mz"]),
+                                                    int(psm.fields["charge"]))
     if not settings["rescoring"] or not psms:
         return {"features": names, "weights": None,
                 "notes": ["rescoring off: Comet's e-value ranks the PSMs"]}
     decoys = np.array([p.decoy for p in psms])
     start = np.array([p.score for p in psms])
-    scores, notes = rescore.rescore(features, decoys, [p.scan for p in psms], start)
+    scans = [p.scan for p in psms]
+    scores, notes = rescore.rescore(features, decoys, scans, start)
     for psm, score in zip(psms, scores):
         psm.score = float(score)
-    return {"features": names, "weights": rescore.weights(features, decoys, start),
-            "notes": [n for n in notes if n]}
+    return {"features": names, "weights": rescore.weights(features, decoys, scans, start),
+            "notes": notes}
 
 
 def fdr(args, log):

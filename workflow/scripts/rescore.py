@@ -3,15 +3,16 @@
 The algorithm is the one the field uses for target-decoy searches: starting from
 the best single feature (Comet's e-value), the targets at or below 1 % FDR are
 positives and all decoys negatives; a linear classifier learns to part them,
-its score ranks the PSMs again, and so on for a few rounds. The PSMs are split
-by MS2 scan into three folds (the blocks of one scan stay together), and each
+its score ranks the PSMs again, and so on for a few rounds. Models learn from each
+scan's best block, as the FDR counts each scan once, and score every block.
+The PSMs are split by MS2 scan into three folds (the blocks of one scan stay together), and each
 fold is scored by a model trained on the other two, so that no PSM is scored by
 a model that saw it. Each fold's scores are put on one scale (0 at the training
 set's 1 % cut, -1 at its median decoy) before the folds are pooled.
 
-A fold whose training set has too few targets below 1 % to learn from, or whose
-model accepts fewer training PSMs than the e-value does, keeps the e-value; the
-report says so. Folds and the classifier are seeded, so a run rescored twice
+When any fold's training set has too few scans below 1 % to learn from, or its
+model accepts fewer training scans than the e-value does, the run keeps Comet's
+e-value, and the report says so. Folds and the classifier are seeded, so a run rescored twice
 gives the same scores.
 """
 
@@ -27,10 +28,12 @@ SEED = 19
 FOLDS = 3
 ROUNDS = 3
 TRAIN_FDR = 0.01
-MINIMUM_POSITIVES = 20  # targets below 1 % in a training set: fewer cannot train a model
+FALLBACK = ("too few targets below 1 % FDR to learn from in each fold (or a model no better "
+            "than Comet's e-value): Comet's e-value ranks the PSMs")
+MINIMUM_POSITIVES = 50  # scans below 1 % in a training set: with fewer, a model overfits
 PROTON = 1.007276
 ISOTOPE_STEP = 1.003355  # daltons between isotope peaks of a peptide
-COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "ppm_error",
+COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "abs_ppm_error",
                   "charge", "length", "missed_cleavages")
 KSIEVE_FEATURES = ("origin_declared", "ksieve_score", "purity", "log_intensity", "rank")
 # Monoisotopic residue masses, and the modifications the searches set.
@@ -77,7 +80,7 @@ def comet_features(fields):
     return [float(fields.get("MS:1002252") or 0), float(fields.get("MS:1002253") or 0),
             -math.log10(max(float(fields["score"]), 1e-300)),
             float(fields.get("MS:1002258") or 0) / total if total else 0.0,
-            ppm_error(sequence, float(fields["mz"]), charge), charge,
+            abs(ppm_error(sequence, float(fields["mz"]), charge)), charge,
             len(MODIFICATION.sub("", sequence)), missed_cleavages(sequence)]
 
 
@@ -129,13 +132,25 @@ def fit(features, decoys, start):
     return fitted
 
 
-def train(features, decoys, start):
-    """A function that scores PSMs, learnt on one training set; None when no model can be
-    learnt or the model accepts fewer training PSMs than the start score."""
-    fitted = fit(features, decoys, start)
-    if fitted is None or accepted_count(fitted[2], decoys)[0] < accepted_count(start, decoys)[0]:
+def scans_accepted(scores, decoys, scans):
+    """Targets at or below 1 % FDR counted as the workflow's FDR counts them: each scan's best
+    block competing once."""
+    top = best_per_scan(scans, scores)
+    return accepted_count(scores[top], decoys[top])[0]
+
+
+def train(features, decoys, scans, start):
+    """A function that scores PSMs, learnt on one training set from each scan's best block;
+    None when no model can be learnt or the model accepts fewer of the training set's scans
+    than the start score."""
+    top = best_per_scan(scans, start)
+    fitted = fit(features[top], decoys[top], start[top])
+    if fitted is None:
         return None
     scaler, model, _ = fitted
+    scores = model.decision_function(scaler.transform(features))
+    if scans_accepted(scores, decoys, scans) < scans_accepted(start, decoys, scans):
+        return None
     return lambda x: model.decision_function(scaler.transform(x))
 
 
@@ -156,31 +171,43 @@ def folds(scans):
     return np.array([fold_of_scan[s] for s in scans])
 
 
+def best_per_scan(scans, start):
+    """True for each scan's best block by the start score: the PSMs a model learns from, as
+    the FDR counts each scan once."""
+    best = {}
+    for i, (scan, score) in enumerate(zip(scans, start)):
+        if scan not in best or score > start[best[scan]]:
+            best[scan] = i
+    top = np.zeros(len(scans), dtype=bool)
+    top[list(best.values())] = True
+    return top
+
+
 def rescore(features, decoys, scans, start):
-    """New scores for every PSM and, per fold, None or the reason it kept the start score.
+    """New scores for every PSM, and the notes for the report (empty, or why the start
+    score was kept).
 
     features: PSMs x features; decoys: bools; scans: the MS2 scan of each PSM; start:
-    the score to begin with (higher is better).
+    the score to begin with (higher is better). Models learn from each scan's best block
+    and score every block.
     """
-    fold = folds(scans)
-    result, notes = np.zeros(len(scans)), []
-    for k in range(FOLDS):
-        held, trained = fold == k, fold != k
-        scorer = train(features[trained], decoys[trained], start[trained])
-        if scorer is None:
-            notes.append(f"fold {k + 1}: too few targets below 1 % FDR to learn from, or a model "
-                         "no better than Comet's e-value; Comet's e-value kept")
-            score_of = lambda x, idx: start[idx]  # noqa: E731
-        else:
-            notes.append(None)
-            score_of = lambda x, idx, f=scorer: f(x)  # noqa: E731
-        training = score_of(features[trained], trained)
-        result[held] = calibrated(score_of(features[held], held), training, decoys[trained])
-    return result, notes
+    fold, top = folds(scans), best_per_scan(scans, start)
+    scans = np.array(scans)
+    scorers = [train(features[fold != k], decoys[fold != k], scans[fold != k], start[fold != k])
+               for k in range(FOLDS)]
+    if any(scorer is None for scorer in scorers):
+        return start.copy(), [FALLBACK]
+    result = np.zeros(len(scans))
+    for k, scorer in enumerate(scorers):
+        held, learnt = fold == k, (fold != k) & top
+        result[held] = calibrated(scorer(features[held]), scorer(features[learnt]),
+                                  decoys[learnt])
+    return result, []
 
 
-def weights(features, decoys, start):
-    """The weight of each feature (standardised) in a model learnt on all PSMs, for the
-    report only; None when no model can be learnt."""
-    fitted = fit(features, decoys, start)
+def weights(features, decoys, scans, start):
+    """The weight of each feature (standardised) in a model learnt on every scan's best
+    block, for the report only; None when no model can be learnt."""
+    top = best_per_scan(scans, start)
+    fitted = fit(features[top], decoys[top], start[top])
     return None if fitted is None else [float(w) for w in fitted[1].coef_[0]]
