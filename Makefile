@@ -17,6 +17,8 @@ FASTA ?= data/demo/bsa_demo.fasta
 OUT ?= results/demo
 PROFILE ?=
 WORKFLOW_CONFIG ?=
+KSIEVE_BIN ?= build/release/bin
+export INPUT FASTA OUT PROFILE KSIEVE_BIN
 
 .PHONY: demo test deps build install workflow
 
@@ -49,9 +51,7 @@ test: deps
 
 # Snakemake runs inside OUT, so each output folder keeps its own record of what
 # is done (a rerun redoes only what is missing) and its own lock.
+# The paths go to the workflow in the environment, never through a shell line,
+# so a blank or a quote in them stays part of the name.
 workflow: build
-	mkdir -p "$(OUT)"
-	snakemake -s "$(abspath workflow/Snakefile)" --directory "$(abspath $(OUT))" \
-	  --cores all --keep-going $(if $(PROFILE),--profile "$(abspath workflow/profiles/$(PROFILE))") \
-	  --config input="$(abspath $(INPUT))" fasta="$(abspath $(FASTA))" out="$(abspath $(OUT))" \
-	  ksieve_bin="$(abspath build/release/bin)" $(WORKFLOW_CONFIG)
+	/usr/bin/python3 workflow/scripts/launch.py $(WORKFLOW_CONFIG)

@@ -16,6 +16,7 @@ packages=(
   openms libpwiz-tools                # FileConverter and msconvert, peers in the companion benchmark
   snakemake comet-ms                  # the workflow (workflow/): engine and search engine
   python3-matplotlib                  # the workflow report's plots, as inline SVG
+  python3-sklearn                     # the workflow's rescoring of PSMs (linear classifier)
   chromium chromium-driver python3-selenium  # the browser test of the workflow report
 )
 

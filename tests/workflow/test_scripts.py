@@ -1,5 +1,6 @@
 """The workflow scripts' own rules, case by case, without running the programs."""
 
+import random
 import sys
 import tempfile
 import unittest
@@ -8,6 +9,11 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
 
+import entrapment  # noqa: E402
+import fdr  # noqa: E402
+import numpy as np  # noqa: E402
+import qvalues  # noqa: E402
+import rescore  # noqa: E402
 import run_ksieve  # noqa: E402
 import run_table  # noqa: E402
 import search  # noqa: E402
@@ -45,13 +51,14 @@ class SpectrumIdentity(unittest.TestCase):
 
 class FragmentSettings(unittest.TestCase):
     def test_analyzer_comes_from_the_end_of_the_mgf_key(self):
-        cases = [("run", "run_CIDIT.mgf", "IT"), ("run", "run_HCDFT.mgf", "FT"),
-                 ("a_b", "a_b_ETHCDFT.mgf", "FT"), ("x_IT", "x_IT_ETCIDIT.mgf", "IT")]
-        for run, name, analyzer in cases:
+        cases = [("run", "run_CIDIT.mgf", "CIDIT"), ("run", "run_HCDFT.mgf", "HCDFT"),
+                 ("a_b", "a_b_ETHCDFT.mgf", "ETHCDFT"), ("x_IT", "x_IT_ETCIDIT.mgf", "ETCIDIT")]
+        for run, name, key in cases:
             with self.subTest(name):
-                self.assertEqual(search.analyzer_of(name, run), analyzer)
-        with self.assertRaisesRegex(StageError, "cannot tell the MS2 analyzer"):
-            search.analyzer_of("run_UVPDXX.mgf", "run")
+                self.assertEqual(search.key_of(name, run), key)
+        for name in ("run_UVPDXX.mgf", "run_a b/FT.mgf"):
+            with self.assertRaisesRegex(StageError, "cannot tell the MS2 analyzer"):
+                search.key_of(name, "run")
 
     def test_parameter_file_gets_the_analyzers_values(self):
         for analyzer, tolerance, offset in (("IT", "1.0005", "0.4"), ("FT", "0.02", "0.0")):
@@ -174,6 +181,184 @@ class PrecursorTable(unittest.TestCase):
                 curve = dict(run_table.q_curve(q_values))
                 self.assertEqual(len(curve), 101)
                 self.assertEqual({q: curve[q] for q in expected}, expected)
+
+
+def psm(scan, score, decoy=False, sequence="PEPTIDEK", spectrum=""):
+    return qvalues.Psm(spectrum=spectrum or f"r.{scan}.{scan}.2.0.dta", scan=scan, score=score,
+                       decoy=decoy, sequence=sequence, fields={})
+
+
+class ScanGroups(unittest.TestCase):
+    def test_best_block_is_primary_and_other_peptides_are_secondary(self):
+        best = psm(7, 9.0, sequence="AAK", spectrum="r.7.7.2.1.dta")
+        same_peptide = psm(7, 5.0, sequence="AA(Oxidation)K", spectrum="r.7.7.3.0.dta")
+        other = psm(7, 4.0, decoy=True, sequence="CCR", spectrum="r.7.7.2.2.dta")
+        alone = psm(8, 1.0, sequence="AAK")
+        tie_first, tie_second = psm(9, 2.0, sequence="DDK"), psm(9, 2.0, sequence="EEK")
+        kept = qvalues.assign_groups([best, same_peptide, other, alone, tie_first, tie_second])
+        self.assertEqual([(p.spectrum, p.group) for p in kept], [
+            ("r.7.7.2.1.dta", "primary"), ("r.8.8.2.0.dta", "primary"),
+            (tie_first.spectrum, "primary"), ("r.7.7.2.2.dta", "secondary"),
+            (tie_second.spectrum, "secondary")])
+        self.assertEqual(same_peptide.group, "")
+
+
+class TargetDecoyQValues(unittest.TestCase):
+    def brute_force(self, psms, one):
+        """The definition: the lowest D / T over every cut-off at or below the PSM's score."""
+        cuts = [(sum(p.decoy for p in psms if p.score >= c.score),
+                 sum(not p.decoy for p in psms if p.score >= c.score), c.score) for c in psms]
+        return min([1.0] + [d / t for d, t, score in cuts if score <= one.score and t])
+
+    def test_q_values_follow_the_definition_and_never_fall_as_scores_worsen(self):
+        draw = random.Random(19)
+        for trial in range(200):
+            psms = [psm(i, draw.choice([draw.random(), 0.5]) * 10, decoy=draw.random() < 0.3)
+                    for i in range(draw.randint(1, 40))]
+            qvalues.set_q_values(psms)
+            with self.subTest(trial):
+                for one in psms:
+                    self.assertAlmostEqual(one.q_value, self.brute_force(psms, one))
+                ranked = sorted(psms, key=lambda p: -p.score)
+                self.assertEqual([p.q_value for p in ranked], sorted(p.q_value for p in ranked))
+
+    def test_groups_compete_apart(self):
+        primaries = [psm(i, 10.0 + i) for i in range(1, 101)]
+        secondaries = [psm(i, 50.0 + i, decoy=True, sequence="DECOYK", spectrum=f"r.{i}.{i}.2.1.dta")
+                       for i in range(1, 6)]
+        for first in primaries[:5]:
+            first.score = 100.0 + first.scan  # the decoy is its scan's second best
+        kept = qvalues.grouped_q_values(primaries + secondaries)
+        self.assertEqual({p.q_value for p in kept if p.group == "primary"}, {0.0})
+        self.assertEqual({p.q_value for p in kept if p.group == "secondary"}, {1.0})
+
+
+class EntrapmentDatabase(unittest.TestCase):
+    def test_twins_shuffle_each_tryptic_peptide_and_keep_its_cleavage_residue(self):
+        draw = random.Random(3)
+        for trial in range(100):
+            sequence = "".join(draw.choice("ACDEFGHIKLMNPQRSTVWY") for _ in range(draw.randint(1, 80)))
+            twin = entrapment.shuffled_protein(sequence, random.Random(trial))
+            with self.subTest(sequence):
+                pieces = entrapment.tryptic_peptides(sequence)
+                self.assertEqual("".join(pieces), sequence)
+                start = 0
+                for piece in pieces:
+                    mirrored = twin[start:start + len(piece)]
+                    self.assertEqual(sorted(mirrored), sorted(piece))
+                    if piece[-1] in "KR":
+                        self.assertEqual(mirrored[-1], piece[-1])
+                    start += len(piece)
+
+    def test_database_holds_targets_then_marked_twins_the_same_on_every_run(self):
+        with tempfile.TemporaryDirectory() as work:
+            targets, out = Path(work) / "t.fasta", Path(work) / "te.fasta"
+            targets.write_bytes(b"\xef\xbb\xbf>sp|P1|A one\nMKWVTFISLL\nLLFSSAYSRGVFRR\n>sp|P2|B\nPEPTIDEK")
+            entrapment.main(targets, out, "ENTRAP_")
+            first = out.read_text(encoding="utf-8")
+            entrapment.main(targets, out, "ENTRAP_")
+            self.assertEqual(out.read_text(encoding="utf-8"), first)
+        lines = first.splitlines()
+        self.assertEqual(lines[:5], [">sp|P1|A one", "MKWVTFISLL", "LLFSSAYSRGVFRR", ">sp|P2|B",
+                                     "PEPTIDEK"])
+        self.assertEqual([lines[5], lines[7]], [">ENTRAP_sp|P1|A one", ">ENTRAP_sp|P2|B"])
+        self.assertEqual(sorted(lines[6]), sorted("MKWVTFISLLLLFSSAYSRGVFRR"))
+        self.assertEqual(len(lines), 9)
+
+
+class EntrapmentEstimate(unittest.TestCase):
+    def test_combined_estimate_per_group(self):
+        rows = [{"entrapment": e, "group": g, "scan": str(i), "sequence": f"PEP{i}K",
+                 "q_value": "0"} for i, (e, g) in enumerate(
+                     [("0", "primary")] * 97 + [("1", "primary")] * 3 + [("0", "secondary"),
+                                                                      ("1", "secondary")])]
+        self.assertAlmostEqual(run_table.entrapment_fdp(rows[:100]), 0.06)
+        self.assertAlmostEqual(run_table.entrapment_fdp(rows[100:]), 1.0)
+        self.assertIsNone(run_table.entrapment_fdp([]))
+
+
+
+def simulated_psms(targets, decoys, seed):
+    """PSMs whose second feature parts true targets from decoys better than the start score."""
+    draw = np.random.default_rng(seed)
+    true = draw.random(targets + decoys) < 0.6
+    decoy = np.zeros(targets + decoys, dtype=bool)
+    decoy[targets:] = True
+    true[targets:] = False
+    start = draw.normal(size=targets + decoys) + 3.0 * true
+    features = np.column_stack([start, draw.normal(size=targets + decoys) + 6.0 * true,
+                                draw.normal(size=targets + decoys)])
+    return features, decoy, list(range(targets + decoys)), start
+
+
+class Rescoring(unittest.TestCase):
+    def test_a_better_feature_is_learnt_and_a_second_run_gives_the_same_scores(self):
+        features, decoys, scans, start = simulated_psms(1500, 1000, 5)
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        again, _ = rescore.rescore(features, decoys, scans, start)
+        self.assertEqual(notes, [])
+        self.assertTrue(np.array_equal(scores, again))
+        self.assertGreater(rescore.accepted_count(scores, decoys)[0],
+                           rescore.accepted_count(start, decoys)[0] + 200)
+        weights = rescore.weights(features, decoys, scans, start)
+        self.assertEqual(max(range(3), key=lambda i: abs(weights[i])), 1)
+
+    def test_blocks_of_one_scan_share_a_fold_and_no_fold_sees_its_own_psms(self):
+        features, decoys, _, start = simulated_psms(1200, 800, 8)
+        scans = [i // 2 for i in range(2000)]
+        fold = rescore.folds(scans)
+        self.assertTrue(all(fold[i] == fold[i + 1] for i in range(0, 2000, 2)))
+        self.assertEqual(sorted(np.bincount(fold)), [666, 666, 668])
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        self.assertEqual(notes, [])
+        # Relabelling some of fold 1's PSMs changes the models of the other folds, not fold 1's.
+        held = fold == 0
+        relabelled = decoys.copy()
+        flipped = np.nonzero(held & decoys)[0][::4]
+        relabelled[flipped] = ~relabelled[flipped]
+        again, notes = rescore.rescore(features, relabelled, scans, start)
+        self.assertEqual(notes, [])
+        self.assertTrue(np.allclose(again[held], scores[held]))
+        self.assertFalse(np.allclose(again[~held], scores[~held]))
+
+    def test_too_few_targets_keep_the_e_value_ranking_with_a_note(self):
+        features, decoys, scans, start = simulated_psms(25, 30, 2)
+        scores, notes = rescore.rescore(features, decoys, scans, start)
+        self.assertEqual(notes, [rescore.FALLBACK])
+        self.assertTrue(np.array_equal(scores, start))
+        self.assertIsNone(rescore.weights(features, decoys, scans, start))
+
+    def test_ksieve_evidence_comes_from_its_precursor_table_by_mgf_title(self):
+        header = ("scan\tnative_id\trt_seconds\ttitle\trank\tmz\tcharge\torigin\tscore\t"
+                  "intensity\tpurity\tisotope_shift\tvalidation\n")
+        rows = ("7\tscan=7\t12.5\tr.7.7.2.0.dta\t1\t500.2\t2\tdeclared\t0.9\t1000\t0.8\t0\tkept\n"
+                "7\tscan=7\t12.5\tr.7.7.3.1.dta\t2\t400.1\t3\tcoeluted\tnan\t\t0.1\t0\tkept\n")
+        with tempfile.TemporaryDirectory() as work:
+            table = Path(work) / "r.precursors.tsv"
+            table.write_text(header + rows, encoding="utf-8")
+            found = fdr.precursor_rows(str(table))
+            self.assertEqual(fdr.precursor_rows(str(Path(work) / "absent.tsv")), {})
+        self.assertEqual(sorted(found), ["r.7.7.2.0.dta", "r.7.7.3.1.dta"])
+        self.assertEqual(rescore.ksieve_features(found["r.7.7.2.0.dta"]), [1.0, 0.9, 0.8, 3.0, 1.0])
+        self.assertEqual(rescore.ksieve_features(found["r.7.7.3.1.dta"]), [0.0, 0.0, 0.1, 0.0, 2.0])
+        self.assertEqual(rescore.ksieve_features(None), [0.0] * 5)
+
+
+class PrecursorError(unittest.TestCase):
+    def test_ppm_error_after_whole_isotope_steps(self):
+        self.assertAlmostEqual(rescore.peptide_mass("PEPTIDE"), 799.35996, places=4)  # known value
+        self.assertAlmostEqual(rescore.peptide_mass("PEPTIDEM(Oxidation)")
+                               - rescore.peptide_mass("PEPTIDEM"), 15.994915, places=6)
+        self.assertIsNone(rescore.peptide_mass("PEPTIDEX"))
+        mass = rescore.peptide_mass("LC(Carbamidomethyl)VLHEK")
+        for charge in (1, 2, 3):
+            exact = mass / charge + rescore.PROTON
+            for steps, ppm in ((0, 0.0), (1, 0.0), (2, 4.0), (0, -7.5)):
+                mz = exact + (steps * rescore.ISOTOPE_STEP + ppm * mass / 1e6) / charge
+                with self.subTest(charge=charge, steps=steps):
+                    self.assertAlmostEqual(rescore.ppm_error("LC(Carbamidomethyl)VLHEK", mz, charge),
+                                           ppm, places=6)
+        self.assertEqual(rescore.missed_cleavages("AKPLRMKR"), 2)
 
 
 if __name__ == "__main__":

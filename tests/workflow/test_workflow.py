@@ -4,7 +4,7 @@ usage: test_workflow.py <kSieve run directory> <scratch directory> [unittest arg
 
 DemoRun runs the workflow once into <scratch>/demo (removed first); the table,
 report and identity cases read what it wrote. BadInput runs it on inputs a user
-gets wrong. Every run uses the real programs; nothing is stubbed.
+gets wrong, HostileNames on names that hide commands. Every run uses the real programs; nothing is stubbed.
 """
 
 import csv
@@ -25,6 +25,8 @@ SCRIPTS = ROOT / "workflow" / "scripts"
 KSIEVE_BIN = Path(sys.argv[1]).resolve() if len(sys.argv) > 2 else None
 SCRATCH = Path(sys.argv[2]).resolve() if len(sys.argv) > 2 else None
 DEMO_OUT = SCRATCH / "demo" if SCRATCH else None
+sys.path.insert(0, str(SCRIPTS))
+from wfcommon import refused_path, shown  # noqa: E402
 
 
 def run_workflow(input_dir, fasta, out, *extra, path=None):
@@ -109,6 +111,7 @@ class SearchStage(unittest.TestCase):
                         "--out", work / "hits.idXML", "--log", work / "search.log")
         self.run_script("fdr.py", *common, "--hits", work / "hits.idXML",
                         "--all", work / "all.tsv", "--accepted", work / "accepted.tsv",
+                        "--rescoring", work / "rescoring.json",
                         "--log", work / "fdr.log")
         return read_tsv(work / "all.tsv"), (work / "search.log").read_text(encoding="utf-8")
 
@@ -120,16 +123,20 @@ class SearchStage(unittest.TestCase):
     def demo_mgf(self):
         return (DEMO_OUT / "runs" / "bsa_demo" / "ksieve" / "bsa_demo_CIDIT.mgf").read_text()
 
-    def test_two_blocks_of_one_scan_and_charge_give_two_psm_rows(self):
+    def test_two_blocks_of_one_scan_and_charge_stay_two_psms_grouped_by_scan(self):
+        """Scan 63's block, written again as a second block of scan 41 (both charge 2): its
+        peptide is the better match, so it becomes scan 41's primary and the first block,
+        another peptide, a secondary."""
         text = self.demo_mgf()
-        block = text[text.index("BEGIN IONS\nTITLE=bsa_demo.41.41.2.0.dta"):]
+        block = text[text.index("BEGIN IONS\nTITLE=bsa_demo.63.63.2.0.dta"):]
         block = block[:block.index("END IONS\n") + len("END IONS\n")]
-        twin = block.replace("bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta")
+        twin = block.replace("bsa_demo.63.63.2.0.dta", "bsa_demo.41.41.2.1.dta")
         psms, _ = self.search_and_fdr(fresh(SCRATCH / "identity"),
                                       {"bsa_demo_CIDIT.mgf": text + twin})
-        rows = [p for p in psms if p["scan"] == "41" and p["charge"] == "2"]
-        self.assertEqual(sorted(p["spectrum"] for p in rows),
-                         ["bsa_demo.41.41.2.0.dta", "bsa_demo.41.41.2.1.dta"])
+        rows = {p["spectrum"]: p for p in psms if p["scan"] == "41" and p["charge"] == "2"}
+        self.assertEqual({name: (row["group"], row["sequence"]) for name, row in rows.items()}, {
+            "bsa_demo.41.41.2.0.dta": ("secondary", "DLGEEHFK"),
+            "bsa_demo.41.41.2.1.dta": ("primary", "YIC(Carbamidomethyl)DNQDTISSK")})
 
     def test_each_analyzer_gets_its_settings_and_one_fdr_covers_both(self):
         blocks = ["BEGIN IONS\n" + b for b in self.demo_mgf().split("BEGIN IONS\n")[1:]]
@@ -138,7 +145,7 @@ class SearchStage(unittest.TestCase):
             "bsa_demo_CIDIT.mgf": "".join(blocks[:half]),
             "bsa_demo_HCDFT.mgf": "".join(blocks[half:])})
         for key, analyzer in (("CIDIT", "IT"), ("HCDFT", "FT")):
-            self.assertRegex(log, rf"comet-ms -P\S*comet_{analyzer}\.params \S+ \S*bsa_demo_{key}.mgf")
+            self.assertRegex(log, rf"comet-ms -P\S*comet_{analyzer}\.params -N{key} {key}\.mgf")
         first_of_second = int(blocks[half].split("\n")[1].split(".")[1])
         scans = {int(p["scan"]) for p in psms}
         self.assertTrue(min(scans) < first_of_second <= max(scans), scans)
@@ -156,11 +163,17 @@ class BadInput(unittest.TestCase):
         not_fasta.write_text("<html><body>404 Not Found</body></html>\n")
         sequence_junk = SCRATCH / "bad_junk.fasta"
         sequence_junk.write_text(">sp|X|Y a protein\nMKWV 1234 ;;\n")
+        late_junk = SCRATCH / "bad_late_junk.fasta"
+        late_junk.write_text(">sp|X|Y a protein\n" + "MKWVTFISLL\n" * 8000 + "<html>\n")
         cases = [
             ("no runs", empty, DEMO_FASTA, f"no runs in {empty}"),
             ("missing folder", SCRATCH / "absent", DEMO_FASTA, "does not exist"),
             ("html as FASTA", runs, not_fasta, f"{not_fasta} is not a FASTA file"),
-            ("junk sequence", runs, sequence_junk, f"{sequence_junk} is not a FASTA file"),
+            ("junk sequence", runs, sequence_junk,
+             f"{sequence_junk} is not a FASTA file: line 2 is not a protein sequence: "
+             "'MKWV 1234 ;;'"),
+            ("junk after 64 kB", runs, late_junk,
+             f"{late_junk} is not a FASTA file: line 8002 is not a protein sequence: '<html>'"),
             ("missing FASTA", runs, SCRATCH / "absent.fasta", "does not exist"),
         ]
         for name, folder, fasta, message in cases:
@@ -170,6 +183,14 @@ class BadInput(unittest.TestCase):
                 self.assertNotEqual(done.returncode, 0)
                 self.assertIn(message, done.stderr)
                 self.assertFalse((out / "runs").exists(), "nothing may run")
+
+    def test_a_fasta_opening_with_a_byte_order_mark_is_accepted(self):
+        runs = fresh(SCRATCH / "bom_runs")
+        shutil.copy(DEMO_MZML, runs)
+        marked = SCRATCH / "bom.fasta"
+        marked.write_bytes(b"\xef\xbb\xbf" + DEMO_FASTA.read_bytes())
+        done = run_workflow(runs, marked, fresh(SCRATCH / "bom_out"), "--dry-run")
+        self.assertEqual(done.returncode, 0, done.stderr[-3000:])
 
     def test_failing_runs_are_named_and_the_others_finish(self):
         runs = fresh(SCRATCH / "bad_mixed")
@@ -212,6 +233,79 @@ class BadInput(unittest.TestCase):
                           'exec /usr/bin/comet-ms "$@"\n')
         script.chmod(0o755)
         return shim
+
+
+class HostileNames(unittest.TestCase):
+    """File and folder names that hide commands: each is a name only, processed or refused by name.
+
+    Every command writes a file named PWNED...; none may appear anywhere.
+    """
+
+    COMMANDS = "$(touch PWNED_a) `touch PWNED_b`"
+
+    def launch(self, cwd, settings=(), **paths):
+        """The workflow as `make workflow` starts it: paths in the environment."""
+        env = dict(os.environ, KSIEVE_BIN=str(KSIEVE_BIN), PROFILE="",
+                   **{key.upper(): str(value) for key, value in paths.items()})
+        return subprocess.run(["/usr/bin/python3", str(SCRIPTS / "launch.py"), *settings],
+                              cwd=cwd, env=env, capture_output=True, check=False)
+
+    def assert_nothing_ran(self, *places):
+        for place in places:
+            self.assertEqual([p for p in Path(place).rglob("PWNED*")], [], place)
+
+    def test_hostile_input_fasta_out_and_run_names(self):
+        home = fresh(SCRATCH / "hostile")
+        hostile = f"{self.COMMANDS} \"d\" x"
+        inputs = home / f"in {hostile}"
+        inputs.mkdir()
+        processed = f"r {hostile}"
+        shutil.copy(DEMO_MZML, inputs / f"{processed}.mzML")
+        refused = [f"q'{self.COMMANDS}'", "two\nlines", "odd" + os.fsdecode(b"\xff"),
+                   "back\\slash", "-dash"]
+        for name in refused:
+            (inputs / f"{name}.mzML").write_bytes(b"never read")
+        fasta = home / f"db {hostile}.fasta"
+        shutil.copy(DEMO_FASTA, fasta)
+        out = home / f"out {hostile}"
+        done = self.launch(home, input=inputs, fasta=fasta, out=out)
+        stderr = done.stderr.decode("utf-8", "replace")
+        self.assertEqual(done.returncode, 0, stderr[-3000:])
+        self.assert_nothing_ran(home, ROOT)
+        summary = read_tsv(out / "summary.tsv")
+        self.assertEqual([(row["run"], row["status"]) for row in summary], [(processed, "ok")])
+        for name in refused:
+            with self.subTest(name):
+                self.assertIn(f"run file {shown(name + '.mzML')} refused", stderr)
+
+    def test_paths_the_workflow_cannot_carry_are_refused_in_one_line(self):
+        home = fresh(SCRATCH / "hostile_paths")
+        for name in (f"q'{self.COMMANDS}'", "two\nlines", "odd" + os.fsdecode(b"\xff"),
+                     "{run}"):
+            for key, what in (("out", "output folder"), ("input", "input folder"),
+                              ("fasta", "FASTA file")):
+                with self.subTest(name=name, key=key):
+                    paths = {"input": DEMO_MZML.parent, "fasta": DEMO_FASTA,
+                             "out": home / "out", key: home / name}
+                    done = self.launch(home, **paths)
+                    self.assertNotEqual(done.returncode, 0)
+                    self.assertEqual(done.stderr.decode("utf-8", "replace"),
+                                     f"kSieve workflow: {refused_path(what, home / name)}\n")
+                    self.assertFalse((home / "out" / "runs").exists())
+        self.assert_nothing_ran(home, ROOT)
+
+    def test_make_passes_paths_with_blanks_and_quotes_whole(self):
+        home = fresh(SCRATCH / "hostile_make")
+        missing = home / "a b `touch PWNED_c` \"q\""
+        out = home / "out with blanks"
+        done = subprocess.run(["make", "-s", "-C", str(ROOT), "-o", "build", "workflow",
+                               f"INPUT={missing}", f"FASTA={DEMO_FASTA}", f"OUT={out}",
+                               f"KSIEVE_BIN={KSIEVE_BIN}"],
+                              capture_output=True, text=True, check=False)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertIn(f"input folder {shown(missing)} does not exist", done.stderr)
+        self.assertEqual(sorted(p.name for p in home.iterdir()), ["out with blanks"])
+        self.assert_nothing_ran(home, ROOT)
 
 
 if __name__ == "__main__":

@@ -2,6 +2,7 @@
 # that the rules share. Paths in the configuration are taken from the folder
 # Snakemake runs in.
 import json
+import os
 import re
 import subprocess
 import sys
@@ -11,24 +12,36 @@ from pathlib import Path
 RUN_EXTENSIONS = (".mzml.gz", ".mzxml.gz", ".mzml", ".mzxml", ".raw")
 SCRIPTS = Path(workflow.basedir) / "scripts"
 PYTHON = "/usr/bin/python3"
+sys.path.insert(0, str(SCRIPTS))
+from wfcommon import UNCARRIED_IN_RUN, carried, refused_path, shown  # noqa: E402
 
 
 def stop(message):
-    """A clear message about bad input, and nothing runs."""
-    print(f"kSieve workflow: {message}", file=sys.stderr)
-    sys.exit(1)
+    """A clear message about bad input, one line, and nothing runs (sys.exit would add
+    Snakemake's account of the exit)."""
+    print(f"kSieve workflow: {message}", file=sys.stderr, flush=True)
+    os._exit(1)
 
 
 def find_runs(folder):
-    """Run name -> file, for every instrument file directly in the folder."""
+    """Run name -> file, for every instrument file directly in the folder.
+
+    A run whose name Snakemake could not carry is refused by name, and the
+    others go on.
+    """
     if not folder.is_dir():
-        stop(f"input folder {folder} does not exist or is not a folder")
+        stop(f"input folder {shown(folder)} does not exist or is not a folder")
     runs = {}
     for path in sorted(folder.iterdir()):
         ending = next((e for e in RUN_EXTENSIONS if path.name.lower().endswith(e)), None)
         if ending is None or not path.is_file():
             continue
         name = path.name[: -len(ending)]
+        if not carried(name, UNCARRIED_IN_RUN) or name.startswith("-"):
+            print(f"kSieve workflow: run file {shown(path.name)} refused: rename it without quotes, "
+                  "backslashes, braces, ',', '=', a leading '-', line breaks or bytes that are "
+                  "not UTF-8", file=sys.stderr)
+            continue
         if name in runs:
             stop(f"{runs[name].name} and {path.name} in {folder} would both be run '{name}'")
         runs[name] = path.resolve()
@@ -37,21 +50,30 @@ def find_runs(folder):
     return runs
 
 
+PROTEIN_SEQUENCE = re.compile(rb"[A-Za-z*]+")
+
+
 def check_fasta(path):
-    """Refuses a database that is not FASTA before any search starts on it."""
+    """Refuses a database that is not FASTA, naming its first bad line, before any search.
+
+    The whole file is read, line by line; a UTF-8 byte-order mark may open it.
+    """
     if not path.is_file():
-        stop(f"FASTA file {path} does not exist")
-    with open(path, "rb") as handle:
-        head = handle.read(1 << 16)
-    lines = [line.strip() for line in head.decode("utf-8", "replace").splitlines() if line.strip()]
-    if len(head) == 1 << 16:
-        lines = lines[:-1]  # the last line read may be cut short
-    sequence = re.compile(r"^[A-Za-z*]+$")
-    if not lines or not lines[0].startswith(">"):
-        stop(f"{path} is not a FASTA file: it does not start with a '>' header line")
-    body = [line for line in lines[1:] if not line.startswith(">")]
-    if not body or not all(sequence.match(line) for line in body):
-        stop(f"{path} is not a FASTA file: the lines after the headers are not protein sequences")
+        stop(f"FASTA file {shown(path)} does not exist")
+    headers = sequences = 0
+    with open(path, "rb") as lines:
+        for number, line in enumerate(lines, start=1):
+            text = (line.removeprefix(b"\xef\xbb\xbf") if number == 1 else line).strip()
+            if text.startswith(b">"):
+                headers += 1
+            elif text and (headers == 0 or not PROTEIN_SEQUENCE.fullmatch(text)):
+                what = "a protein sequence" if headers else "a '>' header line"
+                stop(f"{shown(path)} is not a FASTA file: line {number} is not {what}: "
+                     f"{text[:60].decode('utf-8', 'replace')!r}")
+            elif text:
+                sequences += 1
+    if sequences == 0:
+        stop(f"{shown(path)} is not a FASTA file: it holds no protein sequence")
 
 
 def check_ksieve(folder):
@@ -65,10 +87,23 @@ def python_script(name, *args):
     subprocess.run([PYTHON, str(SCRIPTS / name), *map(str, args)], check=True)
 
 
-OUT = str(Path(config["out"]).resolve())
-FASTA = Path(config["fasta"]).resolve()
-KSIEVE_BIN = Path(config["ksieve_bin"]).resolve()
-RUNS = find_runs(Path(config["input"]).resolve())
+def checked_path(what, key):
+    """A path setting: `make workflow` passes it in KSIEVE_WORKFLOW_<KEY>, which wins over
+    the configuration, so that no path is ever part of a command line. Snakemake writes
+    the paths into lock files and into the command lines of the jobs it starts
+    elsewhere; a path it cannot carry is refused."""
+    path = Path(os.environ.get(f"KSIEVE_WORKFLOW_{key.upper()}") or config[key]).resolve()
+    refusal = refused_path(what, path)
+    if refusal:
+        stop(refusal)
+    return path
+
+
+OUT = str(checked_path("output folder", "out"))
+INPUT = checked_path("input folder", "input")
+FASTA = checked_path("FASTA file", "fasta")
+KSIEVE_BIN = checked_path("kSieve folder", "ksieve_bin")
+RUNS = find_runs(INPUT)
 check_fasta(FASTA)
 check_ksieve(KSIEVE_BIN)
 # Cluster jobs write their own logs here; sbatch does not create the folder.
@@ -76,8 +111,21 @@ Path(OUT, "logs", "slurm").mkdir(parents=True, exist_ok=True)
 
 # What the stage scripts need to know of the configuration, as one file.
 SETTINGS = {key: config[key] for key in ("fdr", "enzyme", "decoy_prefix", "comet",
+                                         "entrapment", "entrapment_prefix", "rescoring",
                                          "ksieve_options", "ksieve_parameters",
                                          "ksieve_threads", "search_threads")}
+STAGE = str(SCRIPTS / "stage.py")
+
+
+def ksieve_arguments():
+    options = [arg for item in config["ksieve_options"].items()
+               for arg in ("--option", *map(str, item))]
+    return options + [arg for item in config["ksieve_parameters"].items()
+                      for arg in ("--parameter", *map(str, item))]
+
+
+def report_arguments(settings):
+    return [f"--out={OUT}", f"--settings={settings}", *(f"--run={run}" for run in RUNS)]
 
 
 wildcard_constraints:
@@ -95,14 +143,14 @@ rule settings:
     output:
         f"{OUT}/work/settings.json",
     params:
-        settings=SETTINGS,
-    run:
-        Path(output[0]).write_text(json.dumps(params.settings, indent=1, sort_keys=True) + "\n")
+        argv=lambda wildcards, output: ["write_settings.py", output[0],
+                                        json.dumps(SETTINGS)],
+    script:
+        STAGE
 
 
 onerror:
     # With --keep-going the runs that could finish have finished; the report says
     # which did not and why.
     if Path(f"{OUT}/work/settings.json").is_file():
-        python_script("report.py", "--out", OUT, "--settings", f"{OUT}/work/settings.json",
-                      "--runs", *RUNS)
+        python_script("report.py", *report_arguments(f"{OUT}/work/settings.json"))

@@ -14,12 +14,12 @@ rule ksieve:
     log:
         f"{OUT}/logs/{{run}}/ksieve.log",
     threads: config["ksieve_threads"]
-    run:
-        options = [arg for item in config["ksieve_options"].items()
-                   for arg in ("--option", *map(str, item))]
-        options += [arg for item in config["ksieve_parameters"].items()
-                    for arg in ("--parameter", *map(str, item))]
-        python_script("run_ksieve.py", "--run", wildcards.run, "--input", input[0],
-                      "--bin", KSIEVE_BIN, "--outdir", Path(output.table).parent,
-                      "--run-dir", f"{OUT}/runs/{wildcards.run}", "--threads", threads,
-                      "--log", log[0], "--info", output.info, *options)
+    params:
+        argv=lambda wildcards, input, output, threads: [
+            "run_ksieve.py", f"--run={wildcards.run}", f"--input={input[0]}",
+            f"--bin={KSIEVE_BIN}", f"--outdir={Path(output.table).parent}",
+            f"--run-dir={OUT}/runs/{wildcards.run}", f"--threads={threads}",
+            f"--log={OUT}/logs/{wildcards.run}/ksieve.log", f"--info={output.info}",
+            *ksieve_arguments()],
+    script:
+        STAGE

@@ -7,11 +7,18 @@ rule run_table:
         info=f"{OUT}/runs/{{run}}/ksieve_info.json",
         psms=[f"{OUT}/runs/{{run}}/fdr/{side}_{kind}.tsv"
               for side in ("declared", "ksieve") for kind in ("all", "accepted")],
+        rescoring=[f"{OUT}/runs/{{run}}/fdr/{side}_rescoring.json"
+                   for side in ("declared", "ksieve")],
     output:
         f"{OUT}/runs/{{run}}/summary.json",
-    run:
-        python_script("run_table.py", "--run", wildcards.run, "--table", input.table,
-                      "--info", input.info, "--psms", *input.psms, "--out", output[0])
+    params:
+        argv=lambda wildcards, input, output: [
+            "run_table.py", f"--run={wildcards.run}", f"--table={input.table}",
+            f"--info={input.info}", "--psms", *input.psms, "--rescoring", *input.rescoring,
+            f"--out={output[0]}",
+            *(["--entrapment"] if config["entrapment"] else [])],
+    script:
+        STAGE
 
 
 rule report:
@@ -21,5 +28,7 @@ rule report:
     output:
         report=f"{OUT}/report.html",
         summary=f"{OUT}/summary.tsv",
-    run:
-        python_script("report.py", "--out", OUT, "--settings", input.settings, "--runs", *RUNS)
+    params:
+        argv=lambda wildcards, input: ["report.py", *report_arguments(input.settings)],
+    script:
+        STAGE

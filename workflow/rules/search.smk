@@ -2,19 +2,33 @@
 # the same scans, then target-decoy FDR with OpenMS, per run and side.
 
 
-rule decoy_database:
+rule entrapment_database:
     input:
         FASTA,
+    output:
+        f"{OUT}/work/target_entrapment.fasta",
+    params:
+        argv=lambda wildcards, input, output: [
+            "entrapment.py", input[0], output[0], config["entrapment_prefix"]],
+    script:
+        STAGE
+
+
+rule decoy_database:
+    input:
+        f"{OUT}/work/target_entrapment.fasta" if config["entrapment"] else FASTA,
     output:
         f"{OUT}/work/target_decoy.fasta",
     log:
         f"{OUT}/logs/decoy_database.log",
-    run:
-        with open(log[0], "w") as stream:
-            subprocess.run(["DecoyDatabase", "-in", str(input[0]), "-out", output[0],
-                            "-decoy_string", config["decoy_prefix"],
-                            "-decoy_string_position", "prefix", "-method", "reverse"],
-                           stdout=stream, stderr=subprocess.STDOUT, check=True)
+    params:
+        argv=lambda wildcards, input, output: [
+            "DecoyDatabase", "-in", input[0], "-out", output[0],
+            "-decoy_string", config["decoy_prefix"], "-decoy_string_position", "prefix",
+            "-method", "reverse"],
+        log_streams=f"{OUT}/logs/decoy_database.log",
+    script:
+        STAGE
 
 
 def search_input(wildcards):
@@ -37,13 +51,17 @@ rule search:
     log:
         f"{OUT}/logs/{{run}}/search_{{side}}.log",
     threads: config["search_threads"]
-    run:
-        python_script("search.py", "--side", wildcards.side, "--run", wildcards.run,
-                      "--run-dir", f"{OUT}/runs/{wildcards.run}",
-                      "--ksieve-dir", Path(input.table).parent, "--info", input.info,
-                      "--database", input.database, "--settings", input.settings,
-                      "--template", Path(workflow.basedir) / "resources/comet.params.template",
-                      "--threads", threads, "--out", output[0], "--log", log[0])
+    params:
+        argv=lambda wildcards, input, output, threads: [
+            "search.py", f"--side={wildcards.side}", f"--run={wildcards.run}",
+            f"--run-dir={OUT}/runs/{wildcards.run}",
+            f"--ksieve-dir={Path(input.table).parent}", f"--info={input.info}",
+            f"--database={input.database}", f"--settings={input.settings}",
+            f"--template={Path(workflow.basedir) / 'resources/comet.params.template'}",
+            f"--threads={threads}", f"--out={output[0]}",
+            f"--log={OUT}/logs/{wildcards.run}/search_{wildcards.side}.log"],
+    script:
+        STAGE
 
 
 rule fdr:
@@ -53,9 +71,17 @@ rule fdr:
     output:
         all=f"{OUT}/runs/{{run}}/fdr/{{side}}_all.tsv",
         accepted=f"{OUT}/runs/{{run}}/fdr/{{side}}_accepted.tsv",
+        rescoring=f"{OUT}/runs/{{run}}/fdr/{{side}}_rescoring.json",
     log:
         f"{OUT}/logs/{{run}}/fdr_{{side}}.log",
-    run:
-        python_script("fdr.py", "--run", wildcards.run, "--run-dir", f"{OUT}/runs/{wildcards.run}",
-                      "--side", wildcards.side, "--hits", input.hits, "--settings", input.settings,
-                      "--all", output.all, "--accepted", output.accepted, "--log", log[0])
+    params:
+        argv=lambda wildcards, input, output: [
+            "fdr.py", f"--run={wildcards.run}", f"--run-dir={OUT}/runs/{wildcards.run}",
+            f"--side={wildcards.side}", f"--hits={input.hits}",
+            f"--settings={input.settings}", f"--all={output.all}",
+            f"--accepted={output.accepted}", f"--rescoring={output.rescoring}",
+            f"--precursors={OUT}/runs/{wildcards.run}/ksieve/{wildcards.run}.precursors.tsv"
+            if wildcards.side == "ksieve" else "--precursors=",
+            f"--log={OUT}/logs/{wildcards.run}/fdr_{wildcards.side}.log"],
+    script:
+        STAGE

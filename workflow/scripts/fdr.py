@@ -1,21 +1,30 @@
-"""Target-decoy FDR of one run's PSMs, with OpenMS's tools only.
+"""Target-decoy FDR of one run's PSMs, once per MS2 scan, after rescoring.
 
-FalseDiscoveryRate gives every PSM its q-value (PSM level, one hit per spectrum),
-IDFilter keeps the target PSMs at or below the threshold, and TextExporter writes
-both sets as text. This script only turns that text into two plain tables:
-`all` (every target PSM with its q-value, for the q-value plot) and `accepted`
-(the PSMs that pass). It computes no q-value itself.
+TextExporter (OpenMS) turns the indexed hits into text; rescore.py gives each
+PSM a new score from its features (when `rescoring` is on; kSieve's evidence
+for each block comes from <run>.precursors.tsv beside the MGF files when kSieve
+wrote one); qvalues.py groups each
+scan's blocks into a primary PSM and secondary ones and gives every PSM its
+q-value within its group (OpenMS's FalseDiscoveryRate counts every block as a
+spectrum of its own and cannot group by scan). Two tables come out: `all`
+(every target PSM with its group and q-value, for the q-value plot) and
+`accepted` (the target PSMs at or below the configured FDR).
 """
 
 import argparse
 import csv
+import math
 import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from wfcommon import read_json, run_stage, run_tool, scan_of  # noqa: E402
+import numpy as np  # noqa: E402
+import rescore  # noqa: E402
+from qvalues import Psm, grouped_q_values  # noqa: E402
+from wfcommon import read_json, run_stage, run_tool, scan_of, write_json  # noqa: E402
 
-COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions"]
+COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions", "group",
+           "e_value", "entrapment", "score", "ppm_error"]
 
 
 def parse_args():
@@ -27,6 +36,9 @@ def parse_args():
     parser.add_argument("--settings", required=True)
     parser.add_argument("--all", required=True, help="every target PSM with its q-value, TSV")
     parser.add_argument("--accepted", required=True, help="PSMs at the FDR threshold, TSV")
+    parser.add_argument("--rescoring", required=True, help="what rescoring did, JSON")
+    parser.add_argument("--precursors", default="",
+                        help="kSieve's precursor table of the run, read when it exists")
     parser.add_argument("--log", required=True)
     return parser.parse_args()
 
@@ -44,45 +56,89 @@ def exported_psms(path):
     return rows
 
 
-def write_table(psms, path):
+def entrapment_hit(accessions, settings):
+    """1 when every protein of the hit is an entrapment protein, else 0."""
+    names = [a for a in accessions.split(";") if a]
+    prefix = settings["entrapment_prefix"]
+    return int(bool(settings["entrapment"] and names and all(a.startswith(prefix) for a in names)))
+
+
+def write_table(psms, path, settings):
     with open(path, "w", encoding="utf-8", newline="") as out:
         writer = csv.writer(out, delimiter="\t", lineterminator="\n")
         writer.writerow(COLUMNS)
         for psm in psms:
-            if psm.get("target_decoy", "target") == "decoy":
-                continue
-            reference = psm.get("spectrum_reference", "")
-            writer.writerow([reference, scan_of(reference), psm["charge"], psm["mz"],
-                             psm["sequence"], psm["score"], psm.get("accessions", "")])
+            if not psm.decoy:
+                writer.writerow([psm.spectrum, psm.scan, psm.fields["charge"], psm.fields["mz"],
+                                 psm.sequence, f"{psm.q_value:.6g}",
+                                 psm.fields.get("accessions", ""), psm.group,
+                                 psm.fields["score"],
+                                 entrapment_hit(psm.fields.get("accessions", ""), settings),
+                                 f"{psm.score:.6g}", f"{psm.fields['ppm_error']:.3f}"])
 
 
-def export(idxml, tsv, log):
-    raw = Path(str(tsv) + ".export")
+def exported_hits(idxml, work, log):
+    """Each spectrum's top hit as a Psm; the score is Comet's e-value, turned so that higher is better."""
+    raw = work / (Path(idxml).name + ".export")
     run_tool(["TextExporter", "-in", idxml, "-out", raw, "-id:add_metavalues", "0",
               "-id:add_hit_metavalues", "0"], log)
-    psms = exported_psms(raw)
+    rows = exported_psms(raw)
     raw.unlink()
+    psms = []
+    for row in rows:
+        reference = row.get("spectrum_reference", "")
+        scan = scan_of(reference)
+        if scan is None:
+            continue
+        psms.append(Psm(spectrum=reference, scan=scan,
+                        score=-math.log10(max(float(row["score"]), 1e-300)),
+                        decoy=row.get("target_decoy", "target") == "decoy",
+                        sequence=row["sequence"], fields=row))
     return psms
+
+
+def precursor_rows(path):
+    """kSieve's precursor table by MGF title; empty when there is none."""
+    if not path or not Path(path).is_file():
+        return {}
+    with open(path, encoding="utf-8", errors="replace", newline="") as table:
+        return {row["title"]: row for row in csv.DictReader(table, delimiter="\t")
+                if row.get("title")}
+
+
+def rescored(psms, rows, settings):
+    """Gives each PSM its rescored value; returns the account for the report."""
+    names = list(rescore.COMET_FEATURES) + (list(rescore.KSIEVE_FEATURES) if rows else [])
+    features = np.array([rescore.comet_features(p.fields)
+                         + (rescore.ksieve_features(rows.get(p.spectrum)) if rows else [])
+                         for p in psms], dtype=float)
+    for psm in psms:
+        psm.fields["ppm_error"] = rescore.ppm_error(psm.sequence, float(psm.fields["mz"]),
+                                                    int(psm.fields["charge"]))
+    if not settings["rescoring"] or not psms:
+        return {"features": names, "weights": None,
+                "notes": ["rescoring off: Comet's e-value ranks the PSMs"]}
+    decoys = np.array([p.decoy for p in psms])
+    start = np.array([p.score for p in psms])
+    scans = [p.scan for p in psms]
+    scores, notes = rescore.rescore(features, decoys, scans, start)
+    for psm, score in zip(psms, scores):
+        psm.score = float(score)
+    return {"features": names, "weights": rescore.weights(features, decoys, scans, start),
+            "notes": notes}
 
 
 def fdr(args, log):
     settings = read_json(args.settings)
     hits = Path(args.hits)
-    if "<PeptideHit" not in hits.read_text(encoding="utf-8", errors="replace"):
-        write_table([], args.all)
-        write_table([], args.accepted)
-        return
-    work = Path(args.all).parent
-    scored = work / f"{args.side}.fdr.idXML"
-    accepted = work / f"{args.side}.accepted.idXML"
-    run_tool(["FalseDiscoveryRate", "-in", hits, "-out", scored, "-PSM", "true",
-              "-protein", "false"], log)
-    run_tool(["IDFilter", "-in", scored, "-out", accepted, "-score:pep",
-              str(settings["fdr"]), "-remove_decoys"], log)
-    write_table(export(scored, args.all, log), args.all)
-    write_table(export(accepted, args.accepted, log), args.accepted)
-    scored.unlink()
-    accepted.unlink()
+    psms = []
+    if "<PeptideHit" in hits.read_text(encoding="utf-8", errors="replace"):
+        psms = exported_hits(hits, Path(args.all).parent, log)
+    account = rescored(psms, precursor_rows(args.precursors), settings)
+    write_json(args.rescoring, account)
+    psms = grouped_q_values(psms)
+    write_table(psms, args.all, settings)
+    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted, settings)
 
 
 def main():

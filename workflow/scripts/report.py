@@ -18,14 +18,17 @@ import plots  # noqa: E402
 from wfcommon import read_json  # noqa: E402
 
 SUMMARY_COLUMNS = ["run", "ms2_scans", "precursors", "psms_declared", "psms_ksieve",
-                   "peptides_declared", "peptides_ksieve", "status"]
+                   "peptides_declared", "peptides_ksieve", "status", "scans_identified_declared",
+                   "scans_identified_ksieve", "psms_coeluted", "entrapment_fdp_declared",
+                   "entrapment_fdp_ksieve"]
 
 
 def parse_args():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--out", required=True, help="the workflow's output folder")
     parser.add_argument("--settings", required=True)
-    parser.add_argument("--runs", nargs="*", default=[])
+    parser.add_argument("--run", action="append", dest="runs", default=[],
+                        help="one run of the workflow; repeated, in order")
     return parser.parse_args()
 
 
@@ -42,12 +45,19 @@ def run_status(out, run):
     return None, f"failed: not finished, an earlier step failed (see {out / 'logs'})"
 
 
+def fdp_text(side):
+    """The side's entrapment estimate over all its accepted PSMs, or NA without entrapment."""
+    fdp = (side.get("entrapment_fdp") or {}).get("all")
+    return "NA" if fdp is None else f"{fdp:.4f}"
+
+
 def summary_row(run, numbers, status):
     if numbers is None:
-        return [run] + ["NA"] * 6 + [status]
-    return [run, numbers["ms2_scans"], numbers["precursors"], numbers["declared"]["psms"],
-            numbers["ksieve"]["psms"], numbers["declared"]["peptides"],
-            numbers["ksieve"]["peptides"], status]
+        return [run] + ["NA"] * 6 + [status] + ["NA"] * 5
+    declared, ksieve = numbers["declared"], numbers["ksieve"]
+    return [run, numbers["ms2_scans"], numbers["precursors"], declared["psms"], ksieve["psms"],
+            declared["peptides"], ksieve["peptides"], status, declared["scans"], ksieve["scans"],
+            ksieve["psms_secondary"], fdp_text(declared), fdp_text(ksieve)]
 
 
 def write_summary(path, rows):
@@ -109,11 +119,58 @@ def validation_section(counts):
             f"{table(['precursors', 'count'], counts)}")
 
 
+def headline(numbers):
+    declared, ksieve = numbers["declared"], numbers["ksieve"]
+    return (f"<p class=headline><b>Identified MS2 scans: {declared['scans']} declared, "
+            f"{ksieve['scans']} kSieve. Peptides: {declared['peptides']} declared, "
+            f"{ksieve['peptides']} kSieve.</b> Identifications from co-eluted precursors "
+            f"(secondary PSMs): {ksieve['psms_secondary']}.</p>")
+
+
+def peptide_comparison(numbers):
+    """Peptides that kSieve's precursors gained, lost and shared against the declared ones."""
+    declared = set(numbers["declared"]["peptide_list"])
+    ksieve = set(numbers["ksieve"]["peptide_list"])
+    rows = [["gained (kSieve only)", len(ksieve - declared)],
+            ["lost (declared only)", len(declared - ksieve)],
+            ["shared", len(ksieve & declared)]]
+    entrapment = [[name, *(f"{s['entrapment_fdp'][g]:.4f}" if s["entrapment_fdp"][g] is not None
+                           else "no PSM" for g in ("primary", "secondary"))]
+                  for name, s in (("declared", numbers["declared"]), ("kSieve", numbers["ksieve"]))
+                  if s["entrapment_fdp"]]
+    errors = [[name, *((f"{e['median']:.2f}", f"{e['q1']:.2f} to {e['q3']:.2f}", e["psms"])
+                       if e else ("no PSM", "", 0))]
+              for name, e in (("declared", numbers["declared"]["mass_error_ppm"]),
+                              ("kSieve", numbers["ksieve"]["mass_error_ppm"]))]
+    return (f"<h3>Peptides, kSieve against declared</h3>{table(['peptides', 'count'], rows)}"
+            f"<h3>Precursor mass error of the accepted PSMs (ppm, after whole isotope steps)</h3>"
+            f"{table(['side', 'median', 'quartiles', 'PSMs'], errors)}"
+            f"{rescoring_section(numbers)}"
+            + (f"<h3>Entrapment FDP estimate by group</h3>"
+               f"{table(['side', 'primary', 'secondary'], entrapment)}" if entrapment else ""))
+
+
+def rescoring_section(numbers):
+    """Which features carried weight in each side's model, and the folds that kept the e-value."""
+    parts = ["<h3>Rescoring</h3>"]
+    for name, side in (("declared", numbers["declared"]), ("kSieve", numbers["ksieve"])):
+        account = side["rescoring"]
+        notes = "".join(f"<li>{html.escape(n)}</li>" for n in account["notes"])
+        parts.append(f"<p>{name}:</p>" + (f"<ul>{notes}</ul>" if notes else ""))
+        if account["weights"]:
+            ranked = sorted(zip(account["features"], account["weights"]), key=lambda fw: -abs(fw[1]))
+            parts.append(table(["feature", "weight (standardised)"],
+                               [[f, f"{w:+.3f}"] for f, w in ranked]))
+    return "".join(parts)
+
+
 def run_section(index, numbers, threshold):
     run, prefix = numbers["run"], f"run{index}"
     sides = [("declared precursors", numbers["declared"]), ("kSieve precursors", numbers["ksieve"])]
-    counts = table(["precursors searched", "PSMs", "identified MS2 scans", "peptides"],
-                   [[name, s["psms"], s["scans"], s["peptides"]] for name, s in sides])
+    counts = table(["precursors searched", "identified MS2 scans", "peptides", "PSMs",
+                    "of them secondary (co-eluted)", "entrapment FDP estimate"],
+                   [[name, s["scans"], s["peptides"], s["psms"], s["psms_secondary"],
+                     fdp_text(s)] for name, s in sides])
     account = numbers["info"]["scan_account"]
     validation = numbers["info"].get("validation")
     figures = [
@@ -130,8 +187,9 @@ def run_section(index, numbers, threshold):
     ]
     return (f'<section class="run" id="{prefix}" data-run="{html.escape(run, quote=True)}">'
             f"<h2>{html.escape(run)}</h2>"
+            f"{headline(numbers)}"
             f"<p>{numbers['ms2_scans']} MS2 scans written by kSieve, with "
-            f"{numbers['precursors']} precursors.</p>{counts}"
+            f"{numbers['precursors']} precursors.</p>{counts}{peptide_comparison(numbers)}"
             f"<h3>The companion's account of the scans</h3>"
             f"{table(['count', 'value'], account) if account else '<p>none recorded</p>'}"
             f"{validation_section(validation)}"
@@ -161,10 +219,11 @@ def page(args, settings, results):
         f"in {html.escape(str(args.out))}.</p>",
         f"<p>Every run is searched twice with the same settings, once with the precursors "
         f"kSieve determined and once with those the instrument declared, on the same MS2 scans. "
-        f"PSMs are accepted at {threshold:.0%} PSM-level FDR (target-decoy, q-values from "
-        f"OpenMS FalseDiscoveryRate). <b>Peptides are the distinct amino-acid sequences among the "
-        f"accepted PSMs</b>, modifications ignored; identified MS2 scans are the distinct scans "
-        f"among them.</p>",
+        f"PSMs are accepted at {threshold:.0%} FDR, target-decoy competition once per MS2 "
+        f"scan: each scan's best block is its primary PSM, the scan's other blocks with another "
+        f"peptide are secondary PSMs with a competition of their own. <b>Peptides are the "
+        f"distinct amino-acid sequences among the accepted PSMs</b>, modifications ignored; "
+        f"identified MS2 scans are the distinct scans among them.</p>",
         "<h2>Summary</h2>", summary,
         f'<h2 class="failed">Failed runs</h2><ul>{"".join(failed)}</ul>' if failed else "",
     ]

@@ -30,7 +30,11 @@ def parse_args():
     parser.add_argument("--info", required=True)
     parser.add_argument("--psms", nargs=4, required=True,
                         metavar=("DECLARED_ALL", "DECLARED_ACCEPTED", "KSIEVE_ALL", "KSIEVE_ACCEPTED"))
+    parser.add_argument("--rescoring", nargs=2, required=True,
+                        metavar=("DECLARED", "KSIEVE"), help="what rescoring did, JSON")
     parser.add_argument("--out", required=True)
+    parser.add_argument("--entrapment", action="store_true",
+                        help="the search had an entrapment database")
     return parser.parse_args()
 
 
@@ -96,13 +100,45 @@ def read_psms(path):
         return list(csv.DictReader(table, delimiter="\t"))
 
 
-def side_numbers(all_path, accepted_path):
+def peptide(sequence):
+    return re.sub(r"\(.*?\)|\.", "", sequence)
+
+
+def entrapment_fdp(accepted):
+    """The combined entrapment estimate of the false-discovery proportion of the PSMs,
+    N_e (1 + 1/r) / (N_t + N_e) with r = 1 (entrapment as large as the targets); None
+    for no PSM."""
+    entrapment = sum(p["entrapment"] == "1" for p in accepted)
+    return 2 * entrapment / len(accepted) if accepted else None
+
+
+def mass_error(accepted):
+    """Median and quartiles of the accepted target PSMs' precursor errors in ppm; None for none."""
+    errors = sorted(float(p["ppm_error"]) for p in accepted if p["entrapment"] != "1")
+    if not errors:
+        return None
+    at = lambda share: errors[min(len(errors) - 1, int(share * len(errors)))]  # noqa: E731
+    return {"median": at(0.5), "q1": at(0.25), "q3": at(0.75), "psms": len(errors)}
+
+
+def side_numbers(all_path, accepted_path, entrapment, rescoring):
+    """Counts of one side. Scans and peptides count targets only, entrapment hits
+    being false by construction; the entrapment estimate is given per group."""
     accepted = read_psms(accepted_path)
+    targets = [p for p in accepted if p["entrapment"] != "1"]
+    groups = {g: [p for p in accepted if p["group"] == g] for g in ("primary", "secondary")}
     return {
         "psms": len(accepted),
-        "scans": len({p["scan"] for p in accepted}),
-        "peptides": len({re.sub(r"\(.*?\)|\.", "", p["sequence"]) for p in accepted}),
+        "psms_secondary": len(groups["secondary"]),
+        "scans": len({p["scan"] for p in targets}),
+        "peptides": len({peptide(p["sequence"]) for p in targets}),
+        "peptide_list": sorted({peptide(p["sequence"]) for p in targets}),
         "q_curve": q_curve([float(p["q_value"]) for p in read_psms(all_path)]),
+        "mass_error_ppm": mass_error(accepted),
+        "rescoring": read_json(rescoring),
+        "entrapment_fdp": ({"all": entrapment_fdp(accepted),
+                            **{g: entrapment_fdp(psms) for g, psms in groups.items()}}
+                           if entrapment else None),
     }
 
 
@@ -118,8 +154,8 @@ def main():
         "precursors_per_scan": Counter(str(len(p)) for *_, p in rows),
         "charges": {"declared": declared_charges, "ksieve": ksieve_charges},
         "mass_shifts": shift_histogram(mass_shifts(rows)),
-        "declared": side_numbers(*args.psms[0:2]),
-        "ksieve": side_numbers(*args.psms[2:4]),
+        "declared": side_numbers(*args.psms[0:2], args.entrapment, args.rescoring[0]),
+        "ksieve": side_numbers(*args.psms[2:4], args.entrapment, args.rescoring[1]),
         "info": read_json(args.info),
     })
 

@@ -13,11 +13,18 @@ same scans with the same fragment settings.
 The fragment settings follow the MS2 analyzer named at the end of the MGF name
 (`IT` ion trap, `FT` Orbitrap/FT): coarse bins for ion-trap spectra, fine bins
 for high-resolution ones.
+
+Comet writes the names of its input, output and database files unescaped into
+its pepXML (as absolute paths), so a quote or an ampersand in a run or folder
+name would spoil the XML: Comet runs in a temporary folder of its own and sees
+links with neutral names only (`<key>.mgf`, `<key>_declared.ms2`,
+`database.fasta`; the key is kSieve's <activation><analyzer>).
 """
 
 import argparse
 import shutil
 import sys
+import tempfile
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -40,12 +47,12 @@ def parse_args():
     return parser.parse_args()
 
 
-def analyzer_of(mgf_name, run):
-    """`IT` or `FT`: the last two letters of the <activation><instrument> key."""
+def key_of(mgf_name, run):
+    """The <activation><instrument> key of an MGF name; its last two letters are `IT` or `FT`."""
     key = mgf_name[len(run) + 1:-len(".mgf")]
-    if key[-2:] not in ("IT", "FT"):
+    if key[-2:] not in ("IT", "FT") or not key.isalnum():
         raise StageError(f"{mgf_name}: cannot tell the MS2 analyzer from '{key}' (expected IT or FT)")
-    return key[-2:]
+    return key
 
 
 def comet_parameters(template, settings, analyzer, database, threads):
@@ -97,17 +104,17 @@ def cut_ms2(ms2, scans, target):
 
 
 def search_inputs(args, work):
-    """(spectrum file, analyzer) pairs for the side, in MGF name order."""
+    """(spectrum file, neutral name, analyzer) for the side, in MGF name order."""
     run_ksieve_dir = Path(args.ksieve_dir)
     mgfs = read_json(args.info)["mgf"]
-    if args.side == "ksieve":
-        return [(run_ksieve_dir / name, analyzer_of(name, args.run)) for name in mgfs]
-    ms2 = run_ksieve_dir / f"{args.run}.ms2"
     pairs = []
     for name in mgfs:
-        cut = work / (Path(name).stem + "_declared.ms2")
-        if cut_ms2(ms2, mgf_scans(run_ksieve_dir / name), cut):
-            pairs.append((cut, analyzer_of(name, args.run)))
+        key = key_of(name, args.run)
+        if args.side == "ksieve":
+            pairs.append((run_ksieve_dir / name, f"{key}.mgf", key[-2:]))
+        elif cut_ms2(run_ksieve_dir / f"{args.run}.ms2", mgf_scans(run_ksieve_dir / name),
+                     work / f"{key}_declared.ms2"):
+            pairs.append((work / f"{key}_declared.ms2", f"{key}_declared.ms2", key[-2:]))
     return pairs
 
 
@@ -118,15 +125,18 @@ def search(args, log):
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
     found = []
-    for spectra, analyzer in search_inputs(args, work):
-        params = work / f"comet_{analyzer}.params"
-        params.write_text(comet_parameters(args.template, settings, analyzer,
-                                           Path(args.database).resolve(), args.threads),
-                          encoding="utf-8")
-        base = work / spectra.stem
-        run_tool(["comet-ms", f"-P{params}", f"-N{base}", spectra], log)
-        run_tool(["IDFileConverter", "-in", f"{base}.pep.xml", "-out", f"{base}.idXML"], log)
-        found.append(f"{base}.idXML")
+    with tempfile.TemporaryDirectory(prefix="ksieve_comet_") as neutral:
+        (Path(neutral) / "database.fasta").symlink_to(Path(args.database).resolve())
+        for spectra, name, analyzer in search_inputs(args, work):
+            link = Path(neutral) / name
+            link.symlink_to(spectra)
+            params = work / f"comet_{analyzer}.params"
+            params.write_text(comet_parameters(args.template, settings, analyzer,
+                                               "database.fasta", args.threads), encoding="utf-8")
+            run_tool(["comet-ms", f"-P{params}", f"-N{link.stem}", name], log, cwd=neutral)
+            run_tool(["IDFileConverter", "-in", Path(neutral) / f"{link.stem}.pep.xml",
+                      "-out", work / f"{link.stem}.idXML"], log)
+            found.append(work / f"{link.stem}.idXML")
     if not found:
         raise StageError("no MS2 spectra to search: kSieve wrote no MS2 scan for this run")
     merged = work / "merged.idXML"

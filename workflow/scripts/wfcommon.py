@@ -17,6 +17,36 @@ from pathlib import Path
 # Comet names a spectrum read from an .ms2 file <base>.<scan>.<scan>.<charge>.
 SPECTRUM_ID = re.compile(r"\.(\d+)\.(\d+)\.(-?\d+)(?:\.(\d+)\.dta)?$")
 
+# A name Snakemake can hand to a job it starts elsewhere (a cluster job, a job
+# script): there it is written between single quotes into a shell line and,
+# for an output path, also read as a pattern, so it must hold no quote,
+# backslash or brace, no line break or other unprintable character, and be
+# UTF-8. Run names also travel as `rule:run=<name>` lists, hence no ',' or '='.
+UNCARRIED = re.compile(r"['\\{}]")
+UNCARRIED_IN_RUN = re.compile(r"['\\{},=]")
+
+
+def carried(text, refused=UNCARRIED):
+    """True when Snakemake can pass the text to the jobs it starts unchanged and inert."""
+    try:
+        text.encode("utf-8")
+    except UnicodeEncodeError:
+        return False
+    return text.isprintable() and not refused.search(text)
+
+
+def refused_path(what, path):
+    """The one line that refuses a path Snakemake cannot carry, or None for a path it can."""
+    if carried(str(path)):
+        return None
+    return (f"{what} {shown(path)} cannot be used: a path here may not hold a "
+            "single quote, a backslash, a brace, a line break or bytes that are not UTF-8")
+
+
+def shown(text):
+    """A name as it can go on the console: as it is, or quoted with its odd characters escaped."""
+    return str(text) if carried(str(text)) else repr(str(text))
+
 
 class StageError(Exception):
     """A stage of one run failed; the text says why, in the user's words.
