@@ -242,9 +242,15 @@ void format_mgf_blocks(std::string& text, std::string& peak_text, const MgfLayou
                        const MS2Spectrum& scan);
 // Appends formatted text to an output file.
 void write_mgf_text(MgfFile& file, const std::string& text);
+// Appends the title of precursor `i` of `scan` (counted from 0), without
+// "TITLE=": "<stem>.<scan>.<scan>.<charge>.<i>.dta".
+void append_mgf_title(std::string& text, const std::string& stem, const MS2Spectrum& scan,
+                      std::size_t i);
 
 // Opens <path>_unfinished and writes the header line; logs nothing.
 void open_csv_file(CsvFile& file, std::string path, std::string mode);
+// The same for any table written under a temporary name, with its own header.
+void open_table_file(CsvFile& file, std::string path, std::string mode, const char* header);
 // Raises the count and writes one row: declared m/z and charge, then one
 // "n, mz, charge, " triple per precursor.
 void write_csv_row(CsvFile& file, const MS2Spectrum& scan);
@@ -254,6 +260,19 @@ void write_csv_text(CsvFile& file, const std::string& row);
 // Finishes the stream, deletes any old <path>, renames <path>_unfinished to it.
 // Throws "Cannot rename file: <unfinished path>".
 void finish_csv_file(CsvFile& file);
+
+// ---- precursor evidence table ---------------------------------------------
+
+// The name of an origin in the evidence table: "declared_confirmed", ...
+const char* precursor_origin_name(PrecursorOrigin origin);
+// Opens <path>_unfinished with the header line of the evidence table.
+void open_evidence_table(CsvFile& file, std::string path, std::string mode);
+// One tab-separated row per precursor of `scan`, in its order, replacing
+// `rows`: scan, native id, retention time in seconds, the MGF title under
+// `stem`, rank from 1, m/z, charge, origin, score, intensity, purity, isotope
+// shift and validation outcome. Tabs and line ends inside the native id become
+// blanks; a value that does not apply is left empty.
+void format_evidence_rows(std::string& rows, const std::string& stem, const MS2Spectrum& scan);
 
 // ---- isotope table ------------------------------------------------------------
 

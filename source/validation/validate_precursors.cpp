@@ -200,13 +200,51 @@ void add_counts(ValidationCounts& total, const ValidationCounts& scan) {
     total.m_restored += scan.m_restored;
 }
 
+const char* ValidationFateName(ValidationFate fate) {
+    switch (fate) {
+        case Fate::kKept:
+            return "kept";
+        case Fate::kCorrectedIsotope:
+            return "corrected_isotope";
+        case Fate::kCorrectedCharge:
+            return "corrected_charge";
+        case Fate::kChargeAlias:
+            return "charge_alias";
+        case Fate::kIsotopeAlias:
+            return "isotope_alias";
+        case Fate::kDuplicate:
+            return "duplicate";
+        case Fate::kNotCoeluting:
+            return "not_coeluting";
+        case Fate::kPoorEnvelope:
+            return "poor_envelope";
+        case Fate::kRestored:
+            return "restored";
+    }
+    return "";
+}
+
+namespace {
+
+// A kept precursor as read, with the evidence detection gave its original and
+// the stage's outcome.
+Precursor with_outcome(const Precursor& read, const Precursor& original, Fate fate) {
+    Precursor kept{read.m_mz, read.m_charge, original.m_evidence};
+    kept.m_evidence.m_validation = ValidationFateName(fate);
+    return kept;
+}
+
+}  // namespace
+
 ValidationResult ValidatePrecursors(const ValidationInput& input, const ValidationModel& model) {
     const std::vector<Precursor>& detected = *input.m_detected;
     ValidationResult result;
     result.m_counts.m_scans = 1;
     result.m_counts.m_in = static_cast<int64_t>(detected.size());
     if (detected.empty() || input.m_slices->size() < kSlices) {
-        result.m_precursors = detected;
+        for (const Precursor& precursor : detected) {
+            result.m_precursors.push_back(with_outcome(precursor, precursor, Fate::kKept));
+        }
         result.m_fates.assign(detected.size(), Fate::kKept);
         result.m_counts.m_out = result.m_counts.m_in;
         return result;
@@ -232,17 +270,20 @@ ValidationResult ValidatePrecursors(const ValidationInput& input, const Validati
         }
     }
     remove_corrected_onto_kept(entries, alias_ppm);
-    for (Entry& entry : entries) {
+    for (std::size_t rank = 0; rank < entries.size(); ++rank) {
+        Entry& entry = entries[rank];
         if (kept(entry.m_fate) && entry.m_support < model.m_keep) {
             entry.m_fate =
                 entry.m_elution < model.m_min_elution ? Fate::kNotCoeluting : Fate::kPoorEnvelope;
         }
         if (kept(entry.m_fate)) {
-            result.m_precursors.push_back(entry.m_precursor);
+            result.m_precursors.push_back(
+                with_outcome(entry.m_precursor, detected[rank], entry.m_fate));
         }
     }
     if (result.m_precursors.empty()) {
-        result.m_precursors.push_back(detected.front());
+        result.m_precursors.push_back(
+            with_outcome(detected.front(), detected.front(), Fate::kRestored));
         entries.front().m_fate = Fate::kRestored;
     }
     for (const Entry& entry : entries) {

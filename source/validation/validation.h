@@ -97,6 +97,12 @@ enum class ValidationFate {
     kRestored,          // failed, yet kept as the scan's only precursor
 };
 
+// The outcome as the precursor evidence names it: "kept", "corrected_isotope",
+// "restored", ... (a static string).
+const char* ValidationFateName(ValidationFate fate);
+
+// Each kept precursor carries the evidence of the detected one it was read
+// from, with the stage's outcome as its validation.
 struct ValidationResult {
     std::vector<Precursor> m_precursors;  // detection's order, corrections in place
     std::vector<ValidationFate> m_fates;  // one per detected precursor, in its order
