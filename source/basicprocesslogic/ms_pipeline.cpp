@@ -57,6 +57,7 @@ struct MsPipeline {
     Ms1Window window;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
+    EvidenceCounts evidence_counts;
 };
 
 // One MS2 scan on its way from the reader to the writer.
@@ -394,6 +395,7 @@ void write_work(MsPipeline& p, ScanWork& work) {
     write_csv_text(p.table, work.csv);
     if (p.evidence) {
         write_csv_text(*p.evidence, work.evidence);
+        count_written_scan(p.evidence_counts, scan);
     }
 }
 
@@ -461,8 +463,8 @@ void close_pipeline(MsPipeline& p) {
 // After a failed write nothing of this input may look usable: its KS files, MGF
 // files and unfinished table go, so that the next run does it again.
 void remove_outputs(const MsPipeline& p, const FileContext& file) {
-    for (const char* suffix :
-         {".ks1", ".ks1idx", ".csv_unfinished", ".precursors.tsv_unfinished"}) {
+    for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished", ".precursors.tsv_unfinished",
+                               ".summary.json_unfinished", ".summary.json"}) {
         discard_file(output_path(file, suffix));
     }
     for (const std::string& key : p.keys) {
@@ -530,6 +532,10 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     run_scans(p, params, format, detection_threads(params));
     if (params.m_validate_precursors) {
         log_validation_counts(file.m_path, p.validation);
+    }
+    if (params.m_precursor_table) {
+        write_run_summary_json(params, file, p.evidence_counts,
+                               params.m_validate_precursors ? &p.validation : nullptr);
     }
     close_pipeline(p);
 }

@@ -274,6 +274,58 @@ void open_evidence_table(CsvFile& file, std::string path, std::string mode);
 // blanks; a value that does not apply is left empty.
 void format_evidence_rows(std::string& rows, const std::string& stem, const MS2Spectrum& scan);
 
+// ---- run summary ---------------------------------------------------------
+
+// What became of the written scans and their precursors, from their evidence.
+// A scan's declared precursor (its first) was confirmed, corrected (written at
+// another isotope or charge), kept (written without detection's support) or
+// replaced (only other ions were written).
+struct EvidenceCounts {
+    int64_t m_scans = 0;
+    int64_t m_precursors = 0;
+    int64_t m_declared_confirmed = 0;
+    int64_t m_declared_corrected = 0;
+    int64_t m_declared_kept = 0;
+    int64_t m_declared_replaced = 0;
+    int64_t m_with_coeluted = 0;  // scans with two or more detected precursors
+};
+struct EvidenceCountName {
+    const char* m_name;
+    int64_t EvidenceCounts::*m_member;
+};
+// Every count of EvidenceCounts once, by the name the run summary gives it.
+inline constexpr EvidenceCountName kEvidenceCountNames[] = {
+    {"scans_written", &EvidenceCounts::m_scans},
+    {"precursors_written", &EvidenceCounts::m_precursors},
+    {"declared_confirmed", &EvidenceCounts::m_declared_confirmed},
+    {"declared_corrected", &EvidenceCounts::m_declared_corrected},
+    {"declared_kept", &EvidenceCounts::m_declared_kept},
+    {"declared_replaced", &EvidenceCounts::m_declared_replaced},
+    {"scans_with_coeluted", &EvidenceCounts::m_with_coeluted},
+};
+// Counts one written scan, its evidence filled.
+void count_written_scan(EvidenceCounts& counts, const MS2Spectrum& scan);
+
+// One value of the summary: a number as it stands, or a text that is quoted.
+struct SummaryValue {
+    std::string m_key;
+    std::string m_text;
+    bool m_number = false;
+};
+struct SummarySection {
+    std::string m_name;
+    std::vector<SummaryValue> m_values;
+};
+// The summary as one JSON object of objects, sections and values in order;
+// texts are escaped so that any bytes of a path or name stay inside their string.
+std::string format_run_summary(const std::vector<SummarySection>& sections);
+// The companion's account of a conversion, the "<key>\t<count>" lines of its
+// marker file: lines of any other shape are skipped, and so is a missing file.
+std::vector<SummaryValue> read_companion_account(const std::string& path);
+// Writes `text` to <path>_unfinished, then renames it to <path>; logs nothing.
+// A failed write throws WriteFailure naming the unfinished file.
+void write_summary_file(const std::string& path, const std::string& text);
+
 // ---- isotope table ------------------------------------------------------------
 
 inline constexpr int kIpvRows = 15000;

@@ -274,7 +274,8 @@ std::vector<OptionRow> make_option_rows() {
          false,
          "0",
          "1: also write `<stem>.precursors.tsv`, one row of evidence per written precursor "
-         "(origin, score, intensity, isolation purity), keyed by the MGF title"},
+         "(origin, score, intensity, isolation purity), keyed by the MGF title, and "
+         "`<stem>.summary.json`, the run's counts and parameters"},
     };
 }
 

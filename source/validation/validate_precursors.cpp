@@ -187,17 +187,9 @@ void remove_corrected_onto_kept(std::vector<Entry>& entries, double ppm) {
 }  // namespace
 
 void add_counts(ValidationCounts& total, const ValidationCounts& scan) {
-    total.m_scans += scan.m_scans;
-    total.m_in += scan.m_in;
-    total.m_out += scan.m_out;
-    total.m_charge_alias += scan.m_charge_alias;
-    total.m_isotope_alias += scan.m_isotope_alias;
-    total.m_duplicate += scan.m_duplicate;
-    total.m_not_coeluting += scan.m_not_coeluting;
-    total.m_poor_envelope += scan.m_poor_envelope;
-    total.m_corrected_isotope += scan.m_corrected_isotope;
-    total.m_corrected_charge += scan.m_corrected_charge;
-    total.m_restored += scan.m_restored;
+    for (const ValidationCountName& count : kValidationCountNames) {
+        total.*count.m_member += scan.*count.m_member;
+    }
 }
 
 const char* ValidationFateName(ValidationFate fate) {

@@ -82,6 +82,25 @@ struct ValidationCounts {
     int64_t m_restored = 0;           // scans whose precursors all failed: the first detected stays
 };
 
+// Every count of ValidationCounts once, by the name the run summary gives it.
+struct ValidationCountName {
+    const char* m_name;
+    int64_t ValidationCounts::*m_member;
+};
+inline constexpr ValidationCountName kValidationCountNames[] = {
+    {"scans", &ValidationCounts::m_scans},
+    {"detected", &ValidationCounts::m_in},
+    {"kept", &ValidationCounts::m_out},
+    {"removed_charge_alias", &ValidationCounts::m_charge_alias},
+    {"removed_isotope_alias", &ValidationCounts::m_isotope_alias},
+    {"removed_duplicate", &ValidationCounts::m_duplicate},
+    {"removed_not_coeluting", &ValidationCounts::m_not_coeluting},
+    {"removed_poor_envelope", &ValidationCounts::m_poor_envelope},
+    {"corrected_isotope", &ValidationCounts::m_corrected_isotope},
+    {"corrected_charge", &ValidationCounts::m_corrected_charge},
+    {"scans_left_with_best_detected", &ValidationCounts::m_restored},
+};
+
 void add_counts(ValidationCounts& total, const ValidationCounts& scan);
 
 // What became of one detected precursor.

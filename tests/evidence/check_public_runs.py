@@ -8,6 +8,7 @@ Exit 77 (skipped) when the runs are not on this machine.
 """
 
 import csv
+import json
 import os
 import shutil
 import subprocess
@@ -70,6 +71,21 @@ def check_rows_match_blocks(out, label):
     return rows
 
 
+def check_summary(out, rows, label):
+    """The run summary agrees with the table, and carries the companion's account."""
+    name = next(n for n in os.listdir(out) if n.endswith(".summary.json"))
+    with open(os.path.join(out, name), encoding="utf-8") as f:
+        summary = json.load(f)
+    counts = summary["precursors"]
+    scans = {row["scan"] for row in rows}
+    fates = ("declared_confirmed", "declared_corrected", "declared_kept", "declared_replaced")
+    if (counts["precursors_written"] != len(rows) or counts["scans_written"] != len(scans)
+            or sum(counts[fate] for fate in fates) != len(scans)):
+        sys.exit(f"{label}: summary counts {counts} disagree with {len(rows)} rows")
+    if summary["companion"].get("ms2_read", 0) <= 0 or "keep_declared" not in summary["parameters"]:
+        sys.exit(f"{label}: summary lacks the companion's account or a parameter")
+
+
 def main():
     run_dir, data, scratch = (os.path.abspath(arg) for arg in sys.argv[1:4])
     if not all(os.path.exists(os.path.join(data, path)) for path in RUNS.values()):
@@ -84,6 +100,7 @@ def main():
             ksieve(run_dir, ms1, out, keep)
             rows = check_rows_match_blocks(out, f"{label}, keep_declared = {keep}")
             kept[(label, keep)] = rows
+            check_summary(out, rows, label)
             print(f"{label}, keep_declared = {keep}: {len(rows)} rows = MGF blocks")
 
     def declared_written(keep):

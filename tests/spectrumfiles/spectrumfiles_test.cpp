@@ -472,5 +472,53 @@ TEST(EvidenceTable, RowsJoinTheMgfBlocksByTitle) {
     EXPECT_EQ(table[2][8], "");
 }
 
+// A path or a marker line comes from the user's disk: quotes, backslashes and
+// control bytes stay inside their JSON string, and only well-formed count lines
+// of the companion's marker become numbers.
+TEST(RunSummary, HostileTextStaysInsideItsString) {
+    const std::string json = format_run_summary(
+        {{"input", {{"path", "a\"b\\c\nd\x01", false}, {"n", "12", true}}}, {"empty", {}}});
+    EXPECT_EQ(json,
+              "{\n  \"input\": {\n    \"path\": \"a\\\"b\\\\c\\u000ad\\u0001\",\n"
+              "    \"n\": 12\n  },\n  \"empty\": {}\n}\n");
+    test::TempDir dir;
+    test::write_file(dir.file("run.spexor"), "ms1_read\t24\nms2_read\t-3\nBad Key\t5\n" +
+                                                 std::string(400, 'x') +
+                                                 "\t7\nms2_written\t118\n"
+                                                 "no_tab\n\"q\"\t1\n");
+    const std::vector<SummaryValue> account = read_companion_account(dir.file("run.spexor"));
+    ASSERT_EQ(account.size(), 2u);
+    EXPECT_EQ(account[0].m_key + "=" + account[0].m_text, "ms1_read=24");
+    EXPECT_EQ(account[1].m_key + "=" + account[1].m_text, "ms2_written=118");
+    EXPECT_TRUE(read_companion_account(dir.file("missing.spexor")).empty());
+}
+
+// Each written scan counts once, by the best fate of its declared precursor.
+TEST(RunSummary, ScansCountByWhatBecameOfTheDeclaredPrecursor) {
+    const auto with = [](std::vector<PrecursorOrigin> origins) {
+        MS2Spectrum scan;
+        for (const PrecursorOrigin origin : origins) {
+            PrecursorEvidence evidence;
+            evidence.m_origin = origin;
+            scan.m_precursors.emplace_back(500.0, 2, evidence);
+        }
+        return scan;
+    };
+    using O = PrecursorOrigin;
+    EvidenceCounts counts;
+    count_written_scan(counts, with({O::kDetected, O::kDeclaredConfirmed}));
+    count_written_scan(counts, with({O::kCorrected, O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDetected, O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDetected, O::kCoeluted}));
+    EXPECT_EQ(counts.m_scans, 5);
+    EXPECT_EQ(counts.m_precursors, 9);
+    EXPECT_EQ(counts.m_declared_confirmed, 1);
+    EXPECT_EQ(counts.m_declared_corrected, 1);
+    EXPECT_EQ(counts.m_declared_kept, 2);
+    EXPECT_EQ(counts.m_declared_replaced, 1);
+    EXPECT_EQ(counts.m_with_coeluted, 2);
+}
+
 }  // namespace
 }  // namespace ksieve
