@@ -38,8 +38,9 @@ struct DetectionScratch {
 
 // The detected precursors of `ms2` from `raw`, the ten MS1 slices that
 // CollectMs1Slices cut for it (no slices: empty), best model score first; each
-// has the m/z recalibrated over the ten slices and a charge from 2 to 6. Empty
-// when nothing passes.
+// has the m/z recalibrated over the ten slices and a charge from 2 to 6, and
+// as evidence the origin kDetected and its model score. Empty when nothing
+// passes.
 std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
                                         const Ms1Slices& raw, const MS2Spectrum& ms2,
                                         DetectionScratch& scratch);

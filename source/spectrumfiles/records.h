@@ -52,6 +52,14 @@ struct PrecursorEvidence {
     const char* m_validation = "";  // the validation stage's outcome; "" when it did not run
 };
 
+// One count of a record of counts and the name that summaries give it; each
+// record of counts has one table of these that names every member once.
+template <typename Counts>
+struct CountName {
+    const char* m_name;
+    int64_t Counts::*m_member;
+};
+
 // A precursor ion: mono-isotopic m/z and charge, negative for negative ions.
 struct Precursor {
     Precursor() = default;

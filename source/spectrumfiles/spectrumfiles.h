@@ -1,6 +1,6 @@
 // Every file that kSieve reads or writes: the stream records, the `.ms1`/`.ms2`
-// and MGF readers, the KS binary writers, the MGF and CSV writers, and the reader
-// of the isotope table.
+// and MGF readers, the KS binary writers, the MGF and CSV writers, the precursor
+// evidence table and run summary, and the reader of the isotope table.
 //
 // Opening failures throw the open_file message of utils ("Cannot open  File,
 // Path: <path>", two blanks: the label is empty). Every write, flush and close of
@@ -289,12 +289,8 @@ struct EvidenceCounts {
     int64_t m_declared_replaced = 0;
     int64_t m_with_coeluted = 0;  // scans with two or more detected precursors
 };
-struct EvidenceCountName {
-    const char* m_name;
-    int64_t EvidenceCounts::*m_member;
-};
 // Every count of EvidenceCounts once, by the name the run summary gives it.
-inline constexpr EvidenceCountName kEvidenceCountNames[] = {
+inline constexpr CountName<EvidenceCounts> kEvidenceCountNames[] = {
     {"scans_written", &EvidenceCounts::m_scans},
     {"precursors_written", &EvidenceCounts::m_precursors},
     {"declared_confirmed", &EvidenceCounts::m_declared_confirmed},

@@ -187,7 +187,7 @@ void remove_corrected_onto_kept(std::vector<Entry>& entries, double ppm) {
 }  // namespace
 
 void add_counts(ValidationCounts& total, const ValidationCounts& scan) {
-    for (const ValidationCountName& count : kValidationCountNames) {
+    for (const CountName<ValidationCounts>& count : kValidationCountNames) {
         total.*count.m_member += scan.*count.m_member;
     }
 }

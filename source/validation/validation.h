@@ -83,11 +83,7 @@ struct ValidationCounts {
 };
 
 // Every count of ValidationCounts once, by the name the run summary gives it.
-struct ValidationCountName {
-    const char* m_name;
-    int64_t ValidationCounts::*m_member;
-};
-inline constexpr ValidationCountName kValidationCountNames[] = {
+inline constexpr CountName<ValidationCounts> kValidationCountNames[] = {
     {"scans", &ValidationCounts::m_scans},
     {"detected", &ValidationCounts::m_in},
     {"kept", &ValidationCounts::m_out},
