@@ -69,6 +69,14 @@ FileContext file_context(const UserParameters& params, const std::string& path,
 std::string output_path(const FileContext& file, const std::string& suffix);
 std::string sibling_path(const FileContext& file, const std::string& suffix);
 
+struct ValidationCounts;
+// Writes <stem>.summary.json beside the outputs (under a temporary name until
+// it is whole): versions, the input, the precursor counts, the validation
+// stage's counts when it ran (`validation` not null), the companion's account
+// from <stem>.spexor beside the input (empty without one) and every parameter.
+void write_run_summary_json(const UserParameters& params, const FileContext& file,
+                            const EvidenceCounts& evidence, const ValidationCounts* validation);
+
 // The resume rule: with m_rewrite_files off and <stem><marker> present in the
 // output directory, logs "<path> has existed results, skipping<what>" and returns
 // true, so the caller skips its work.

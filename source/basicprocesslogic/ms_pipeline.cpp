@@ -54,8 +54,10 @@ struct MsPipeline {
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
     SurveyWindows windows;
+    std::optional<CsvFile> evidence;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
+    EvidenceCounts evidence_counts;
 };
 
 // One MS2 scan on its way from the reader to the writer.
@@ -64,10 +66,12 @@ struct ScanWork {
     bool passes = false;  // through the gate
     bool detect = false;  // detection runs on `raw`
     Ms1Slices raw;
-    HeldLines told;  // what reading and detecting the scan had to say, in order
+    std::optional<SliceTimes> times;  // of the parent and the next MS1 scan
+    HeldLines told;                   // what reading and detecting the scan had to say, in order
     std::string ks2;
     std::string mgf;
     std::string csv;
+    std::string evidence;
     ValidationCounts validation;  // what the second look removed and corrected
     std::exception_ptr failure;
 };
@@ -80,6 +84,9 @@ struct ScanFormat {
     bool validate = false;
     bool ks = false;
     bool mgf = false;
+    bool keep_declared = false;
+    bool fill_evidence = false;  // intensity and purity, for the table or PEPMASS
+    bool evidence_table = false;
     MgfLayout layout;
 };
 
@@ -187,6 +194,7 @@ void prepare_detection(const UserParameters& params, Ms1Window& window, ScanWork
     }
     const auto held = hold_ms1_scans(window, scan);
     work.raw = CollectMs1Slices(params.m_search_window, window.m_store, scan);
+    work.times = FindSliceTimes(window.m_store, scan);
     release_ms1_scans(window, held);
     if (work.raw.size() < 5) {
         work.told.push_back({"INFO", "Cannot found the precurosr scan of MS2: " +
@@ -203,6 +211,7 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     reset_keeping_buffer(work.scan);
     work.told.clear();
     work.passes = work.detect = false;
+    work.times.reset();
     work.failure = nullptr;
     p.ms2.m_head.m_held_lines = &work.told;
     const bool read = ReadMs2Scan(p.ms2, work.scan);
@@ -243,6 +252,7 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
     work.ks2.clear();
     work.mgf.clear();
     work.csv.clear();
+    work.evidence.clear();
     work.validation = ValidationCounts{};
     if (!work.passes) {
         return;
@@ -254,11 +264,18 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
         }
         if (scan.m_precursors.empty()) {
             scan.m_precursors = scan.m_instrument_precursors;
+        } else if (format.keep_declared) {
+            AppendUnconfirmedDeclared(scan.m_precursors, scan.m_instrument_precursors,
+                                      tolerance_ppm(*format.params, scan));
         }
     }
     remove_invalid_precursors(scan, work.told);
     if (scan.m_precursors.empty()) {
         return;
+    }
+    if (format.fill_evidence) {
+        FillEvidence(scan, {work.detect ? &work.raw : nullptr, work.times,
+                            tolerance_ppm(*format.params, scan), format.params->m_isolation_width});
     }
     if (format.ks) {
         format_ks2_record(work.ks2, scan);
@@ -267,6 +284,9 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
         format_mgf_blocks(work.mgf, scratch.peak_text, format.layout, scan);
     }
     format_csv_row(work.csv, scan);
+    if (format.evidence_table) {
+        format_evidence_rows(work.evidence, format.layout.m_title, scan);
+    }
 }
 
 // Runs claimed scan `sequence` and marks it done; a failure travels with it to
@@ -378,6 +398,10 @@ void write_work(MsPipeline& p, ScanWork& work) {
         write_mgf_text(mgf, work.mgf);
     }
     write_csv_text(p.table, work.csv);
+    if (p.evidence) {
+        write_csv_text(*p.evidence, work.evidence);
+        count_written_scan(p.evidence_counts, scan);
+    }
 }
 
 // One line per input, which the run summary reads back.
@@ -405,6 +429,10 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
     if (params.m_output_mgf) {
         p.mgf.emplace(MgfFileSet{4, output_path(file, "_.mgf"), "w+", title, {}});
     }
+    if (params.m_precursor_table) {
+        p.evidence.emplace();
+        open_evidence_table(*p.evidence, output_path(file, ".precursors.tsv"), "w+");
+    }
     start_survey_windows(p.windows, params, file.m_path);
 }
 
@@ -428,6 +456,10 @@ void close_pipeline(MsPipeline& p) {
     if (p.mgf) {
         close_file_set(*p.mgf);
     }
+    if (p.evidence) {
+        finish_csv_file(*p.evidence);
+        release_spectrum_file(p.evidence->m_head);
+    }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
     p.windows.m_windows.clear();
@@ -436,7 +468,8 @@ void close_pipeline(MsPipeline& p) {
 // After a failed write nothing of this input may look usable: its KS files, MGF
 // files and unfinished table go, so that the next run does it again.
 void remove_outputs(const MsPipeline& p, const FileContext& file) {
-    for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished"}) {
+    for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished", ".precursors.tsv_unfinished",
+                               ".summary.json_unfinished", ".summary.json"}) {
         discard_file(output_path(file, suffix));
     }
     for (const std::string& key : p.keys) {
@@ -497,6 +530,9 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     format.validate = params.m_validate_precursors;
     format.ks = params.m_output_ks;
     format.mgf = params.m_output_mgf;
+    format.keep_declared = params.m_keep_declared;
+    format.evidence_table = params.m_precursor_table;
+    format.fill_evidence = params.m_precursor_table || params.m_mgf_conventions;
     format.layout = MgfLayout{file.m_stem, params.m_peak_format, params.m_mgf_conventions};
     run_scans(p, params, format, detection_threads(params));
     // A pair given directly is read as it stands; one the companion made from
@@ -508,6 +544,10 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     }
     if (params.m_validate_precursors) {
         log_validation_counts(file.m_path, p.validation);
+    }
+    if (params.m_precursor_table) {
+        write_run_summary_json(params, file, p.evidence_counts,
+                               params.m_validate_precursors ? &p.validation : nullptr);
     }
     close_pipeline(p);
 }

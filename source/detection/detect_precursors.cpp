@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "detection.h"
+#include "models.h"
 
 namespace ksieve {
 
@@ -38,7 +39,12 @@ std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvT
     std::vector<Precursor> result;
     result.reserve(selected.size());
     for (FeaturesExtractor* candidate : selected) {
-        result.push_back({RecalibratedMz(*candidate), candidate->charge()});
+        PrecursorEvidence evidence;
+        evidence.m_origin = PrecursorOrigin::kDetected;
+        evidence.m_scored = true;
+        // The features are cached in the evaluator, so the score comes again cheaply.
+        evidence.m_score = ScoreCandidate(params, *candidate);
+        result.push_back({RecalibratedMz(*candidate), candidate->charge(), evidence});
     }
     owned.clear();
     return result;

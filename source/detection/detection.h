@@ -38,8 +38,9 @@ struct DetectionScratch {
 
 // The detected precursors of `ms2` from `raw`, the ten MS1 slices that
 // CollectMs1Slices cut for it (no slices: empty), best model score first; each
-// has the m/z recalibrated over the ten slices and a charge from 2 to 6. Empty
-// when nothing passes.
+// has the m/z recalibrated over the ten slices and a charge from 2 to 6, and
+// as evidence the origin kDetected and its model score. Empty when nothing
+// passes.
 std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
                                         const Ms1Slices& raw, const MS2Spectrum& ms2,
                                         DetectionScratch& scratch);
@@ -128,5 +129,60 @@ CandidateList SelectCandidates(const UserParameters& params, CandidateList kept)
 // m_recalibrate_window ppm of the candidate's m/z, over all ten slices; the
 // candidate's own m/z when those peaks sum to at most 1e-6 in intensity.
 double RecalibratedMz(FeaturesExtractor& candidate);
+
+// ---- Evidence of the written precursors ----
+
+// The retention times around an MS2 scan's parent, in the input's unit: the
+// parent's, and the next FT scan's when the store holds one.
+struct SliceTimes {
+    double m_parent = 0.0;
+    std::optional<double> m_next;
+};
+// Nothing when the parent is not in the store.
+std::optional<SliceTimes> FindSliceTimes(const Ms1Store& store, const MS2Spectrum& ms2);
+
+// The declared ion seen in a written one. Both are read as masses (m/z times
+// charge, less the protons); the written ion is the declared one when the
+// difference is a whole number of isotope steps, at most three either way,
+// within `tolerance_ppm` of the declared mass, and the charges agree or the
+// declared m/z is a peak of the written envelope. The steps are declared minus
+// written; nothing when the ions are unrelated. So 0 is the same ion at the
+// same or another charge.
+std::optional<int32_t> DeclaredIsotopeShift(const Precursor& declared, const Precursor& written,
+                                            double tolerance_ppm);
+
+// For keep_declared: each declared precursor that no precursor of `written`
+// shows (DeclaredIsotopeShift) is appended, in declared order, with the
+// evidence of a declared one.
+void AppendUnconfirmedDeclared(std::vector<Precursor>& written,
+                               const std::vector<Precursor>& declared, double tolerance_ppm);
+
+// The summed intensity of the isotope peaks of `precursor` (mono-isotopic
+// upwards, at most kEnvelopePeaks) that lie in [low, high]: for each, the
+// nearest peak of `peaks` strictly within `tolerance_ppm` of its position.
+inline constexpr int32_t kEnvelopePeaks = 8;
+double EnvelopeIntensityIn(const PeakList& peaks, const Precursor& precursor, double tolerance_ppm,
+                           double low, double high);
+
+// The share of all intensity of `peaks` in [low, high] that the envelope of
+// `precursor` holds, 0 to 1; 0 when the window holds no intensity.
+double WindowPurity(const PeakList& peaks, const Precursor& precursor, double tolerance_ppm,
+                    double low, double high);
+
+struct EvidenceInput {
+    const Ms1Slices* m_slices = nullptr;  // the ten raw slices, or none
+    std::optional<SliceTimes> m_times;    // nothing: no parent
+    double m_tolerance_ppm = 20.0;
+    double m_isolation_width = 2.0;  // m/z, centred on the activation centre
+};
+
+// Fills the evidence of every precursor of `scan` in place: its origin against
+// the first declared precursor (precursors from detection carry kDetected
+// before, declared ones kDeclaredKept), isotope shift, declared m/z, intensity
+// in the parent slice and isolation purity. Purity is read in the parent slice
+// and, with a next scan whose time differs, interpolated linearly to the MS2's
+// retention time with its reading in the next slice, clamped to [0, 1].
+// Without slices intensity and purity stay 0.
+void FillEvidence(MS2Spectrum& scan, const EvidenceInput& input);
 
 }  // namespace ksieve

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "spectrumfiles.h"
 #include "utils.h"
@@ -20,12 +21,16 @@ constexpr const char* kCsvHeader =
 // The table is written under a temporary name: <path> on disk is the mark of a
 // finished input, so it may appear only when every other output is complete.
 void open_csv_file(CsvFile& file, std::string path, std::string mode) {
+    open_table_file(file, std::move(path), std::move(mode), kCsvHeader);
+}
+
+void open_table_file(CsvFile& file, std::string path, std::string mode, const char* header) {
     file.m_head.m_scan_count = 0;
     file.m_unfinished_path = path + "_unfinished";
     file.m_head.m_path = std::move(path);
     file.m_head.m_mode = std::move(mode);
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
-    check_written(std::fputs(kCsvHeader, file.m_head.m_stream) >= 0, file.m_unfinished_path);
+    check_written(std::fputs(header, file.m_head.m_stream) >= 0, file.m_unfinished_path);
 }
 
 // Every field is followed by ", ", the last one too. Precursors are numbered

@@ -97,19 +97,32 @@ void append_block(std::string& text, const std::string& peaks, const MgfLayout& 
     const double seconds =
         layout.m_conventions ? scan.m_retention_time * 60.0 : scan.m_retention_time;
     text += "BEGIN IONS\n";
-    append_format(text, "TITLE=%s.%d.%d.%d.%d.dta\n", layout.m_title.c_str(), scan.m_scan,
-                  scan.m_scan, precursor.m_charge, static_cast<int>(i));
+    text += "TITLE=";
+    append_mgf_title(text, layout.m_title, scan, i);
+    text += '\n';
     if (layout.m_conventions) {
         append_format(text, "SCANS=%d\n", scan.m_scan);
     }
     append_charge(text, precursor.m_charge);
     append_format(text, "RTINSECONDS=%.7f\n", seconds);
-    append_format(text, "PEPMASS=%f\n", precursor.m_mz);
+    if (layout.m_conventions && precursor.m_evidence.m_intensity > 0.0) {
+        // As most converters write it: the precursor's intensity behind its m/z,
+        // left out when the parent scan shows none.
+        append_format(text, "PEPMASS=%f %.1f\n", precursor.m_mz, precursor.m_evidence.m_intensity);
+    } else {
+        append_format(text, "PEPMASS=%f\n", precursor.m_mz);
+    }
     text += peaks;
     text += "END IONS\n";
 }
 
 }  // namespace
+
+void append_mgf_title(std::string& text, const std::string& stem, const MS2Spectrum& scan,
+                      std::size_t i) {
+    append_format(text, "%s.%d.%d.%d.%d.dta", stem.c_str(), scan.m_scan, scan.m_scan,
+                  scan.m_precursors[i].m_charge, static_cast<int>(i));
+}
 
 void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title) {
     open_spectrum_file(file.m_head, std::move(path), std::move(mode));

@@ -107,6 +107,8 @@ void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
         scan.m_activation_center = text_to_double(line.from(19));
     } else if (line.at(2) == 'P') {
         scan.m_precursor_scan = text_to_int(line.from(16));
+    } else if (line.at(2) == 'N') {
+        scan.m_native_id = trim(line.from(11), kWhiteSpace);  // "I\tNativeID\t<id>"
     }
 }
 

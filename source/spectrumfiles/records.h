@@ -28,10 +28,48 @@ inline bool peak_less(const Peak& a, const Peak& b) {
 
 using PeakList = std::vector<Peak>;
 
+// Where a written precursor comes from, as the evidence table names it.
+enum class PrecursorOrigin : uint8_t {
+    kDeclaredKept,       // the instrument's, written without detection's support
+    kDeclaredConfirmed,  // detected at the declared charge and m/z
+    kCorrected,          // the declared ion, detected at another isotope or charge
+    kDetected,           // the best detected ion, unrelated to the declared one
+    kCoeluted,           // a further detected ion, unrelated to the declared one
+};
+
+// What supports one written precursor. It travels with the precursor from
+// detection to the writers, so that every output reports the same numbers.
+// Intensity and purity are filled only when an output needs them.
+struct PrecursorEvidence {
+    PrecursorOrigin m_origin = PrecursorOrigin::kDeclaredKept;
+    bool m_scored = false;  // m_score holds the scoring model's value
+    double m_score = 0.0;
+    double m_intensity = 0.0;  // isotope envelope summed in the parent MS1 scan
+    // Envelope share of all MS1 intensity in the isolation window, 0 to 1.
+    double m_purity = 0.0;
+    bool m_same_ion = false;        // the declared ion: m_isotope_shift is meaningful
+    int32_t m_isotope_shift = 0;    // declared minus written mass, in isotope steps
+    double m_declared_mz = 0.0;     // the scan's first declared m/z; 0 when none
+    const char* m_validation = "";  // the validation stage's outcome; "" when it did not run
+};
+
+// One count of a record of counts and the name that summaries give it; each
+// record of counts has one table of these that names every member once.
+template <typename Counts>
+struct CountName {
+    const char* m_name;
+    int64_t Counts::*m_member;
+};
+
 // A precursor ion: mono-isotopic m/z and charge, negative for negative ions.
 struct Precursor {
+    Precursor() = default;
+    Precursor(double mz, int32_t charge, PrecursorEvidence evidence = {})
+        : m_mz(mz), m_charge(charge), m_evidence(evidence) {}
+
     double m_mz = 0.0;
     int32_t m_charge = 0;
+    PrecursorEvidence m_evidence;
 };
 
 // Valid when the m/z is at least 1e-6 and the charge is not 0.
@@ -63,6 +101,7 @@ struct MS2Spectrum {
     std::vector<Precursor> m_precursors;             // working list: detection, writers
     std::vector<Peak> m_peaks;                       // peak order
     std::optional<double> m_compensation_voltage = std::nullopt;  // FAIMS, V; finite when present
+    std::string m_native_id;  // the instrument's identity of the scan; empty when not given
 };
 
 // The MS1 signal around one MS2 scan's isolation target: exactly ten peak lists

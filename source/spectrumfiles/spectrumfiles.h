@@ -1,6 +1,6 @@
 // Every file that kSieve reads or writes: the stream records, the `.ms1`/`.ms2`
-// and MGF readers, the KS binary writers, the MGF and CSV writers, and the reader
-// of the isotope table.
+// and MGF readers, the KS binary writers, the MGF and CSV writers, the precursor
+// evidence table and run summary, and the reader of the isotope table.
 //
 // Opening failures throw the open_file message of utils ("Cannot open  File,
 // Path: <path>", two blanks: the label is empty). Every write, flush and close of
@@ -242,9 +242,15 @@ void format_mgf_blocks(std::string& text, std::string& peak_text, const MgfLayou
                        const MS2Spectrum& scan);
 // Appends formatted text to an output file.
 void write_mgf_text(MgfFile& file, const std::string& text);
+// Appends the title of precursor `i` of `scan` (counted from 0), without
+// "TITLE=": "<stem>.<scan>.<scan>.<charge>.<i>.dta".
+void append_mgf_title(std::string& text, const std::string& stem, const MS2Spectrum& scan,
+                      std::size_t i);
 
 // Opens <path>_unfinished and writes the header line; logs nothing.
 void open_csv_file(CsvFile& file, std::string path, std::string mode);
+// The same for any table written under a temporary name, with its own header.
+void open_table_file(CsvFile& file, std::string path, std::string mode, const char* header);
 // Raises the count and writes one row: declared m/z and charge, then one
 // "n, mz, charge, " triple per precursor.
 void write_csv_row(CsvFile& file, const MS2Spectrum& scan);
@@ -254,6 +260,67 @@ void write_csv_text(CsvFile& file, const std::string& row);
 // Finishes the stream, deletes any old <path>, renames <path>_unfinished to it.
 // Throws "Cannot rename file: <unfinished path>".
 void finish_csv_file(CsvFile& file);
+
+// ---- precursor evidence table ---------------------------------------------
+
+// The name of an origin in the evidence table: "declared_confirmed", ...
+const char* precursor_origin_name(PrecursorOrigin origin);
+// Opens <path>_unfinished with the header line of the evidence table.
+void open_evidence_table(CsvFile& file, std::string path, std::string mode);
+// One tab-separated row per precursor of `scan`, in its order, replacing
+// `rows`: scan, native id, retention time in seconds, the MGF title under
+// `stem`, rank from 1, m/z, charge, origin, score, intensity, purity, isotope
+// shift and validation outcome. Tabs and line ends inside the native id become
+// blanks; a value that does not apply is left empty.
+void format_evidence_rows(std::string& rows, const std::string& stem, const MS2Spectrum& scan);
+
+// ---- run summary ---------------------------------------------------------
+
+// What became of the written scans and their precursors, from their evidence.
+// A scan's declared precursor (its first) was confirmed, corrected (written at
+// another isotope or charge), kept (written without detection's support) or
+// replaced (only other ions were written).
+struct EvidenceCounts {
+    int64_t m_scans = 0;
+    int64_t m_precursors = 0;
+    int64_t m_declared_confirmed = 0;
+    int64_t m_declared_corrected = 0;
+    int64_t m_declared_kept = 0;
+    int64_t m_declared_replaced = 0;
+    int64_t m_with_coeluted = 0;  // scans with two or more detected precursors
+};
+// Every count of EvidenceCounts once, by the name the run summary gives it.
+inline constexpr CountName<EvidenceCounts> kEvidenceCountNames[] = {
+    {"scans_written", &EvidenceCounts::m_scans},
+    {"precursors_written", &EvidenceCounts::m_precursors},
+    {"declared_confirmed", &EvidenceCounts::m_declared_confirmed},
+    {"declared_corrected", &EvidenceCounts::m_declared_corrected},
+    {"declared_kept", &EvidenceCounts::m_declared_kept},
+    {"declared_replaced", &EvidenceCounts::m_declared_replaced},
+    {"scans_with_coeluted", &EvidenceCounts::m_with_coeluted},
+};
+// Counts one written scan, its evidence filled.
+void count_written_scan(EvidenceCounts& counts, const MS2Spectrum& scan);
+
+// One value of the summary: a number as it stands, or a text that is quoted.
+struct SummaryValue {
+    std::string m_key;
+    std::string m_text;
+    bool m_number = false;
+};
+struct SummarySection {
+    std::string m_name;
+    std::vector<SummaryValue> m_values;
+};
+// The summary as one JSON object of objects, sections and values in order;
+// texts are escaped so that any bytes of a path or name stay inside their string.
+std::string format_run_summary(const std::vector<SummarySection>& sections);
+// The companion's account of a conversion, the "<key>\t<count>" lines of its
+// marker file: lines of any other shape are skipped, and so is a missing file.
+std::vector<SummaryValue> read_companion_account(const std::string& path);
+// Writes `text` to <path>_unfinished, then renames it to <path>; logs nothing.
+// A failed write throws WriteFailure naming the unfinished file.
+void write_summary_file(const std::string& path, const std::string& text);
 
 // ---- isotope table ------------------------------------------------------------
 

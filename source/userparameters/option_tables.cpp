@@ -266,6 +266,25 @@ std::vector<OptionRow> make_option_rows() {
          "1: one after another); output is the same for any number. The environment variable "
          "`KSIEVE_THREADS` stands in for a missing key",
          false},
+        {"keep_declared",
+         "",
+         &U::m_keep_declared,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: a valid declared precursor that detection neither confirmed nor found at another "
+         "isotope or charge is written after the detected ones"},
+        {"precursor_table",
+         "",
+         &U::m_precursor_table,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: also write `<stem>.precursors.tsv`, one row of evidence per written precursor "
+         "(origin, score, intensity, isolation purity), keyed by the MGF title, and "
+         "`<stem>.summary.json`, the run's counts and parameters"},
     };
 }
 

@@ -49,6 +49,8 @@ struct UserParameters {
     bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
     bool m_validate_precursors = false;    // validate_precursors: second look after detection
     int32_t m_threads = 0;                 // threads: that detect and format; 0 all cores
+    bool m_keep_declared = false;          // keep_declared: declared precursor always written
+    bool m_precursor_table = false;        // precursor_table: evidence table and run summary
     // Set by finalising; no key. The record is never changed after that: what
     // varies per input file travels beside it.
     bool m_output_beside_input = false;

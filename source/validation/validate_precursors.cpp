@@ -187,18 +187,46 @@ void remove_corrected_onto_kept(std::vector<Entry>& entries, double ppm) {
 }  // namespace
 
 void add_counts(ValidationCounts& total, const ValidationCounts& scan) {
-    total.m_scans += scan.m_scans;
-    total.m_in += scan.m_in;
-    total.m_out += scan.m_out;
-    total.m_charge_alias += scan.m_charge_alias;
-    total.m_isotope_alias += scan.m_isotope_alias;
-    total.m_duplicate += scan.m_duplicate;
-    total.m_not_coeluting += scan.m_not_coeluting;
-    total.m_poor_envelope += scan.m_poor_envelope;
-    total.m_corrected_isotope += scan.m_corrected_isotope;
-    total.m_corrected_charge += scan.m_corrected_charge;
-    total.m_restored += scan.m_restored;
+    for (const CountName<ValidationCounts>& count : kValidationCountNames) {
+        total.*count.m_member += scan.*count.m_member;
+    }
 }
+
+const char* ValidationFateName(ValidationFate fate) {
+    switch (fate) {
+        case Fate::kKept:
+            return "kept";
+        case Fate::kCorrectedIsotope:
+            return "corrected_isotope";
+        case Fate::kCorrectedCharge:
+            return "corrected_charge";
+        case Fate::kChargeAlias:
+            return "charge_alias";
+        case Fate::kIsotopeAlias:
+            return "isotope_alias";
+        case Fate::kDuplicate:
+            return "duplicate";
+        case Fate::kNotCoeluting:
+            return "not_coeluting";
+        case Fate::kPoorEnvelope:
+            return "poor_envelope";
+        case Fate::kRestored:
+            return "restored";
+    }
+    return "";
+}
+
+namespace {
+
+// A kept precursor as read, with the evidence detection gave its original and
+// the stage's outcome.
+Precursor with_outcome(const Precursor& read, const Precursor& original, Fate fate) {
+    Precursor kept{read.m_mz, read.m_charge, original.m_evidence};
+    kept.m_evidence.m_validation = ValidationFateName(fate);
+    return kept;
+}
+
+}  // namespace
 
 ValidationResult ValidatePrecursors(const ValidationInput& input, const ValidationModel& model) {
     const std::vector<Precursor>& detected = *input.m_detected;
@@ -206,7 +234,9 @@ ValidationResult ValidatePrecursors(const ValidationInput& input, const Validati
     result.m_counts.m_scans = 1;
     result.m_counts.m_in = static_cast<int64_t>(detected.size());
     if (detected.empty() || input.m_slices->size() < kSlices) {
-        result.m_precursors = detected;
+        for (const Precursor& precursor : detected) {
+            result.m_precursors.push_back(with_outcome(precursor, precursor, Fate::kKept));
+        }
         result.m_fates.assign(detected.size(), Fate::kKept);
         result.m_counts.m_out = result.m_counts.m_in;
         return result;
@@ -232,17 +262,20 @@ ValidationResult ValidatePrecursors(const ValidationInput& input, const Validati
         }
     }
     remove_corrected_onto_kept(entries, alias_ppm);
-    for (Entry& entry : entries) {
+    for (std::size_t rank = 0; rank < entries.size(); ++rank) {
+        Entry& entry = entries[rank];
         if (kept(entry.m_fate) && entry.m_support < model.m_keep) {
             entry.m_fate =
                 entry.m_elution < model.m_min_elution ? Fate::kNotCoeluting : Fate::kPoorEnvelope;
         }
         if (kept(entry.m_fate)) {
-            result.m_precursors.push_back(entry.m_precursor);
+            result.m_precursors.push_back(
+                with_outcome(entry.m_precursor, detected[rank], entry.m_fate));
         }
     }
     if (result.m_precursors.empty()) {
-        result.m_precursors.push_back(detected.front());
+        result.m_precursors.push_back(
+            with_outcome(detected.front(), detected.front(), Fate::kRestored));
         entries.front().m_fate = Fate::kRestored;
     }
     for (const Entry& entry : entries) {

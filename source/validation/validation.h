@@ -82,6 +82,21 @@ struct ValidationCounts {
     int64_t m_restored = 0;           // scans whose precursors all failed: the first detected stays
 };
 
+// Every count of ValidationCounts once, by the name the run summary gives it.
+inline constexpr CountName<ValidationCounts> kValidationCountNames[] = {
+    {"scans", &ValidationCounts::m_scans},
+    {"detected", &ValidationCounts::m_in},
+    {"kept", &ValidationCounts::m_out},
+    {"removed_charge_alias", &ValidationCounts::m_charge_alias},
+    {"removed_isotope_alias", &ValidationCounts::m_isotope_alias},
+    {"removed_duplicate", &ValidationCounts::m_duplicate},
+    {"removed_not_coeluting", &ValidationCounts::m_not_coeluting},
+    {"removed_poor_envelope", &ValidationCounts::m_poor_envelope},
+    {"corrected_isotope", &ValidationCounts::m_corrected_isotope},
+    {"corrected_charge", &ValidationCounts::m_corrected_charge},
+    {"scans_left_with_best_detected", &ValidationCounts::m_restored},
+};
+
 void add_counts(ValidationCounts& total, const ValidationCounts& scan);
 
 // What became of one detected precursor.
@@ -97,6 +112,12 @@ enum class ValidationFate {
     kRestored,          // failed, yet kept as the scan's only precursor
 };
 
+// The outcome as the precursor evidence names it: "kept", "corrected_isotope",
+// "restored", ... (a static string).
+const char* ValidationFateName(ValidationFate fate);
+
+// Each kept precursor carries the evidence of the detected one it was read
+// from, with the stage's outcome as its validation.
 struct ValidationResult {
     std::vector<Precursor> m_precursors;  // detection's order, corrections in place
     std::vector<ValidationFate> m_fates;  // one per detected precursor, in its order

@@ -9,6 +9,7 @@
 #include <limits>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -391,6 +392,155 @@ TEST(MgfWriter, ConventionsGiveSecondsAndAScansLine) {
     EXPECT_EQ(block(true),
               "BEGIN IONS\nTITLE=run.12.12.2.0.dta\nSCANS=12\nCHARGE=2+\nRTINSECONDS=90.0000000\n"
               "PEPMASS=500.250000\n100.00000 2.0\nEND IONS\n");
+    // With an intensity measured, the conventions put it behind the m/z; the
+    // default layout never does.
+    scan.m_precursors[0].m_evidence.m_intensity = 12345.67;
+    EXPECT_NE(block(true).find("\nPEPMASS=500.250000 12345.7\n"), std::string::npos);
+    EXPECT_NE(block(false).find("\nPEPMASS=500.250000\n"), std::string::npos);
+}
+
+// The native id line is new to the format: a pair without it reads exactly as
+// before, and with it only the id differs. A repeated block keeps the first id.
+TEST(Ms2Reader, TheNativeIdLineChangesNothingElse) {
+    const std::string body =
+        "I\tActivationType\tHCD\nI\tActivationCenter\t500.5\nI\tPrecursorScan\t3\n"
+        "I\tInstrumentType\tFTMS\nI\tRetTime\t2.5\nI\tIonInjectionTime\t20\n"
+        "Z\t2\t1000\n10 1\n";
+    const std::string old_pair = "S\t5\t5\n" + body + "S\t5\t5\n" + body;
+    const std::string new_pair = "S\t5\t5\nI\tNativeID\tcontrollerType=0 scan=5\r\n" + body +
+                                 "S\t5\t5\nI\tNativeID\tother\n" + body;
+    const auto before = read_all(old_pair, ReadMs2Scan);
+    const auto after = read_all(new_pair, ReadMs2Scan);
+    ASSERT_EQ(before.size(), 1u);
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(before[0].m_native_id, "");
+    EXPECT_EQ(after[0].m_native_id, "controllerType=0 scan=5");
+    const auto same = [](const MS2Spectrum& a, const MS2Spectrum& b) {
+        return a.m_scan == b.m_scan && a.m_precursor_scan == b.m_precursor_scan &&
+               a.m_activation_center == b.m_activation_center &&
+               a.m_retention_time == b.m_retention_time &&
+               a.m_ion_injection_time == b.m_ion_injection_time &&
+               a.m_activation_type == b.m_activation_type &&
+               a.m_instrument_type == b.m_instrument_type &&
+               pairs(a.m_precursors, &Precursor::m_charge) ==
+                   pairs(b.m_precursors, &Precursor::m_charge) &&
+               pairs(a.m_peaks, &Peak::m_intensity) == pairs(b.m_peaks, &Peak::m_intensity);
+    };
+    EXPECT_TRUE(same(before[0], after[0]));
+    // The MS1 reader skips the line.
+    const auto ms1_before = read_all(std::string("S\t3\t3\nI\tRetTime\t2\n10 1\n"), ReadMs1Scan);
+    const auto ms1_after =
+        read_all(std::string("S\t3\t3\nI\tNativeID\t7\nI\tRetTime\t2\n10 1\n"), ReadMs1Scan);
+    ASSERT_EQ(ms1_after.size(), 1u);
+    EXPECT_EQ(ms1_after[0].m_retention_time, ms1_before[0].m_retention_time);
+    EXPECT_EQ(pairs(ms1_after[0].m_peaks, &Peak::m_intensity),
+              pairs(ms1_before[0].m_peaks, &Peak::m_intensity));
+}
+
+// Every row names its precursor by the exact title of its MGF block, and
+// nothing taken from the input can break a row.
+TEST(EvidenceTable, RowsJoinTheMgfBlocksByTitle) {
+    MS2Spectrum scan;
+    scan.m_scan = 31;
+    scan.m_retention_time = 2.0;
+    scan.m_native_id = "a\tb\rc";
+    PrecursorEvidence detected;
+    detected.m_origin = PrecursorOrigin::kCorrected;
+    detected.m_scored = true;
+    detected.m_score = 0.5;
+    detected.m_same_ion = true;
+    detected.m_isotope_shift = 1;
+    detected.m_validation = "kept";
+    PrecursorEvidence coeluted;
+    coeluted.m_origin = PrecursorOrigin::kCoeluted;
+    coeluted.m_scored = true;
+    scan.m_precursors = {{500.25, 2, detected}, {400.5, -3, coeluted}, {600.0, 2}};
+    scan.m_peaks = {{100, 2}};
+    std::string mgf;
+    std::string peaks;
+    format_mgf_blocks(mgf, peaks, MgfLayout{"run", "%.5f %.1f\n", false}, scan);
+    std::string rows;
+    format_evidence_rows(rows, "run", scan);
+    // Fields as a reader of the table cuts them, empty ones kept.
+    std::vector<std::vector<std::string>> table;
+    std::istringstream lines(rows);
+    for (std::string line; std::getline(lines, line);) {
+        std::vector<std::string>& fields = table.emplace_back();
+        std::istringstream cells(line);
+        for (std::string cell; std::getline(cells, cell, '\t');) {
+            fields.push_back(cell);
+        }
+        if (!line.empty() && line.back() == '\t') {
+            fields.emplace_back();
+        }
+    }
+    ASSERT_EQ(table.size(), 3u);
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        ASSERT_EQ(table[i].size(), 13u) << rows;
+        from = mgf.find("TITLE=", from);
+        ASSERT_NE(from, std::string::npos);
+        EXPECT_EQ(mgf.substr(from + 6, mgf.find('\n', from) - from - 6), table[i][3]);
+        ++from;
+        EXPECT_EQ(table[i][1], "a b c");
+        EXPECT_EQ(table[i][4], std::to_string(i + 1));
+    }
+    EXPECT_EQ(table[0][7], "corrected");
+    EXPECT_EQ(table[0][11], "1");
+    EXPECT_EQ(table[0][12], "kept");
+    EXPECT_EQ(table[1][6], "-3");
+    EXPECT_EQ(table[1][7], "coeluted");
+    EXPECT_EQ(table[1][11], "");
+    EXPECT_EQ(table[2][7], "declared_kept");
+    EXPECT_EQ(table[2][8], "");
+}
+
+// A path or a marker line comes from the user's disk: quotes, backslashes and
+// control bytes stay inside their JSON string, and only well-formed count lines
+// of the companion's marker become numbers.
+TEST(RunSummary, HostileTextStaysInsideItsString) {
+    const std::string json = format_run_summary(
+        {{"input", {{"path", "a\"b\\c\nd\x01", false}, {"n", "12", true}}}, {"empty", {}}});
+    EXPECT_EQ(json,
+              "{\n  \"input\": {\n    \"path\": \"a\\\"b\\\\c\\u000ad\\u0001\",\n"
+              "    \"n\": 12\n  },\n  \"empty\": {}\n}\n");
+    test::TempDir dir;
+    test::write_file(dir.file("run.spexor"), "ms1_read\t24\nms2_read\t-3\nBad Key\t5\n" +
+                                                 std::string(400, 'x') +
+                                                 "\t7\nms2_written\t118\n"
+                                                 "no_tab\n\"q\"\t1\n");
+    const std::vector<SummaryValue> account = read_companion_account(dir.file("run.spexor"));
+    ASSERT_EQ(account.size(), 2u);
+    EXPECT_EQ(account[0].m_key + "=" + account[0].m_text, "ms1_read=24");
+    EXPECT_EQ(account[1].m_key + "=" + account[1].m_text, "ms2_written=118");
+    EXPECT_TRUE(read_companion_account(dir.file("missing.spexor")).empty());
+}
+
+// Each written scan counts once, by the best fate of its declared precursor.
+TEST(RunSummary, ScansCountByWhatBecameOfTheDeclaredPrecursor) {
+    const auto with = [](std::vector<PrecursorOrigin> origins) {
+        MS2Spectrum scan;
+        for (const PrecursorOrigin origin : origins) {
+            PrecursorEvidence evidence;
+            evidence.m_origin = origin;
+            scan.m_precursors.emplace_back(500.0, 2, evidence);
+        }
+        return scan;
+    };
+    using O = PrecursorOrigin;
+    EvidenceCounts counts;
+    count_written_scan(counts, with({O::kDetected, O::kDeclaredConfirmed}));
+    count_written_scan(counts, with({O::kCorrected, O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDetected, O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDeclaredKept}));
+    count_written_scan(counts, with({O::kDetected, O::kCoeluted}));
+    EXPECT_EQ(counts.m_scans, 5);
+    EXPECT_EQ(counts.m_precursors, 9);
+    EXPECT_EQ(counts.m_declared_confirmed, 1);
+    EXPECT_EQ(counts.m_declared_corrected, 1);
+    EXPECT_EQ(counts.m_declared_kept, 2);
+    EXPECT_EQ(counts.m_declared_replaced, 1);
+    EXPECT_EQ(counts.m_with_coeluted, 2);
 }
 
 }  // namespace

@@ -95,6 +95,7 @@ void Converter::convert(RawSpectrum& spectrum) {
     m_record.retention_minutes = spectrum.rt_seconds / 60.0;
     m_record.injection_ms = spectrum.injection_ms;
     m_record.faims_cv = spectrum.faims_cv;
+    m_record.native_id = spectrum.id;
     if (spectrum.faims_cv) {
         m_account.faims_cv_values.insert(*spectrum.faims_cv);
     }

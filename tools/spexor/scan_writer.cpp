@@ -89,6 +89,18 @@ void append_info(std::string& text, std::string_view keyword) {
     text += '\t';
 }
 
+void append_native_id(std::string& text, const std::string& native_id) {
+    if (native_id.empty()) {
+        return;
+    }
+    append_info(text, "NativeID");
+    for (const char c : std::string_view(native_id).substr(0, kMaxNativeIdBytes)) {
+        const bool breaks = c == '\t' || c == '\n' || c == '\r' || c == '\0';
+        text += breaks ? ' ' : c;
+    }
+    text += '\n';
+}
+
 // S, I lines and peaks shared by both files; `ms2_extra` writes the MS2 lines
 // that belong between the common I lines and the peaks.
 template <typename Extra>
@@ -103,6 +115,7 @@ void append_scan(std::string& text, const ScanRecord& scan, const Options& digit
         append_fixed(text, scan.precursors.front().mz, digits.mz_digits);
     }
     text += '\n';
+    append_native_id(text, scan.native_id);
     append_info(text, "RetTime");
     append_fixed(text, scan.retention_minutes, kRetentionDigits);
     text += '\n';

@@ -211,6 +211,7 @@ struct ScanRecord {
     std::string instrument_type;     // "FTMS" or "ITMS"
     std::string centroiding;         // "as stored" or the name of the peak picker
     std::optional<double> faims_cv;  // compensation voltage, V, when recorded
+    std::string native_id;           // the spectrum's id in the file; "" when none
     // MS2 only.
     std::string activation_type;  // "" when the file declares none
     double activation_center = 0.0;
@@ -240,6 +241,11 @@ void append_header_line(std::string& text, std::string_view key, std::string_vie
 // "I\tInstrumentType\t" at 17, "I\tActivationType\t" at 17,
 // "I\tActivationCenter\t" at 19, "I\tPrecursorScan\t" at 16. The ActivationCenter
 // line comes before the Z lines, since a Z line of mass 0 stands for it.
+// "I\tNativeID\t" (at 11) follows the S line when the scan has an id: at most
+// kMaxNativeIdBytes of it, with tabs and line ends as blanks, so that the line
+// stays whole in the readers' 1023-byte buffer and no piece of it can read as
+// a peak.
+inline constexpr std::size_t kMaxNativeIdBytes = 1000;
 void append_ms1_scan(std::string& text, const ScanRecord& scan, const Options& digits);
 void append_ms2_scan(std::string& text, const ScanRecord& scan, const Options& digits);
 

@@ -231,5 +231,31 @@ TEST(SpexorScanText, UnknownValuesAreLeftOut) {
               "CwtPeakDetector\nI\tActivationCenter\t0.00\n370.21 34887.078\n");
 }
 
+// A native id comes from the input file as it stands. Whatever it holds, it
+// makes one line that the readers take whole, and no piece of it can pass for
+// a peak or another line.
+TEST(SpexorScanText, TheNativeIdLineStaysOneLineOfTheReadersBuffer) {
+    ScanRecord scan;
+    scan.number = 3;
+    scan.instrument_type = "FTMS";
+    scan.peaks = {{100.0, 1.0}};
+    scan.native_id = "id\t1\n500.5 1000\rS\t9\t9\n" + std::string(3000, '7');
+    std::string ms1;
+    append_ms1_scan(ms1, scan, Options{1, 5, "", ""});
+    const std::string prefix = "S\t3\t3\nI\tNativeID\t";
+    ASSERT_EQ(ms1.compare(0, prefix.size(), prefix), 0) << ms1;
+    const std::string line = ms1.substr(6, ms1.find('\n', 6) + 1 - 6);
+    EXPECT_EQ(line.size(), 11 + kMaxNativeIdBytes + 1);
+    EXPECT_LE(line.size(), 1023u);
+    EXPECT_EQ(line.substr(11, 20), "id 1 500.5 1000 S 9 ");
+    EXPECT_EQ(line.find('\t', 11), std::string::npos);
+    EXPECT_EQ(line.find('\r'), std::string::npos);
+    // Without an id there is no line at all.
+    scan.native_id.clear();
+    std::string bare;
+    append_ms1_scan(bare, scan, Options{1, 5, "", ""});
+    EXPECT_EQ(bare.find("NativeID"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace ksieve::spexor

@@ -107,17 +107,20 @@ const Sample kSamples[] = {
     {"velos_cid_crop.mzXML", "-i 1 -m 5", "1 4 6 9 11 14 16 19 22 25",
      "2<1z 3<1z 5<4z 7<6z 8<6z 10<9z 12<11z 13<11z 15<14z 17<16z 18<16z 20<19z 21<19z 23<22z "
      "24<22z",
-     {{18, "S\t18\t18\t756.38586\nI\tRetTime\t63.357455\nI\tInstrumentType\tITMS\n"
+     {{18, "S\t18\t18\t756.38586\n"
+         "I\tNativeID\tscan=18\nI\tRetTime\t63.357455\nI\tInstrumentType\tITMS\n"
            "I\tCentroiding\tas stored\nI\tActivationType\tCID\nI\tActivationCenter\t756.38586\n"
            "I\tPrecursorScan\t16\nZ\t4\t3022.52163\n", 827, "215.15858 3.5", "1697.90332 8.5"}}, {}},
     // Isolation targets differ from the selected ions; the survey scan that the
     // first two MS2 scans reference was cropped away. 4060 points, 665 non-zero.
     {"hcd_crop.mzML", "-i 1 -m 5", "1674 1687 1700", "1662z 1663z 1688<1687z 1701<1700z 1702<1700z",
-     {{1674, "S\t1674\t1674\nI\tRetTime\t2.289855\nI\tIonInjectionTime\t3.2052\n"
+     {{1674, "S\t1674\t1674\n"
+         "I\tNativeID\tcontrollerType=0 controllerNumber=1 scan=1674\nI\tRetTime\t2.289855\nI\tIonInjectionTime\t3.2052\n"
              "I\tInstrumentType\tFTMS\nI\tCentroiding\tas stored\n"
              "I\tCompensationVoltage\t-65\n",
        665, "375.52272 77743.6", "1490.15542 31972.0"},
-      {1662, "S\t1662\t1662\t473.23537\nI\tRetTime\t2.274419\nI\tIonInjectionTime\t70.0000\n"
+      {1662, "S\t1662\t1662\t473.23537\n"
+         "I\tNativeID\tcontrollerType=0 controllerNumber=1 scan=1662\nI\tRetTime\t2.274419\nI\tIonInjectionTime\t70.0000\n"
              "I\tInstrumentType\tFTMS\nI\tCentroiding\tas stored\n"
              "I\tCompensationVoltage\t-55\nI\tActivationType\tHCD\n"
              "I\tActivationCenter\t473.23535\nZ\t2\t945.46346\n", 378, "101.07088 4172.2",
@@ -125,7 +128,8 @@ const Sample kSamples[] = {
     // Orbitrap profile survey scans, points 0.0101 m/z apart near the base peak;
     // ETD fragments stored with MS-Numpress.
     {"profile_crop.mzML", "-i 1 -m 5", "559 560 562", "561<560z 563<562z",
-     {{561, "S\t561\t561\t1225.61157\nI\tRetTime\t4.199762\nI\tIonInjectionTime\t100.0000\n"
+     {{561, "S\t561\t561\t1225.61157\n"
+         "I\tNativeID\tcontrollerType=0 controllerNumber=1 scan=561\nI\tRetTime\t4.199762\nI\tIonInjectionTime\t100.0000\n"
             "I\tInstrumentType\tFTMS\nI\tCentroiding\tas stored\nI\tActivationType\tETD\n"
             "I\tActivationCenter\t1225.61157\nI\tPrecursorScan\t560\nZ\t12\t14696.25883\n",
        25, "121.48599 553.9", "1225.45935 1821.2"}},
@@ -134,7 +138,8 @@ const Sample kSamples[] = {
     // No charge states: each MS2 scan stands for charges 2 and 3.
     {"no_charge_crop.mzML", "-i 3 -m 2", "20 21",
      "22<21zz 23<21zz 24<21zz 25<21zz 26<21zz 27<21zz 28<21zz 29<21zz 30<21zz",
-     {{22, "S\t22\t22\t324.21\nI\tRetTime\t0.377548\nI\tIonInjectionTime\t1015.0000\n"
+     {{22, "S\t22\t22\t324.21\n"
+         "I\tNativeID\tcontrollerType=0 controllerNumber=1 scan=22\nI\tRetTime\t0.377548\nI\tIonInjectionTime\t1015.0000\n"
            "I\tInstrumentType\tFTMS\nI\tCentroiding\tas stored\nI\tActivationType\tHCD\n"
            "I\tActivationCenter\t324.21\nI\tPrecursorScan\t21\nZ\t2\t647.41\nZ\t3\t970.62\n",
        183, "52.10 64.739", "342.99 1293.541"}}, {}},
