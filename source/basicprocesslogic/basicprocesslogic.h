@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <set>
 #include <string>
@@ -23,6 +24,7 @@
 
 #include "detection.h"
 #include "featuresextractor.h"
+#include "mzml_writer.h"
 #include "records.h"
 #include "spectrumfiles.h"
 #include "userparameters.h"
@@ -135,6 +137,33 @@ void pop_ms1_scan(Ms1Window& window);
 std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2Spectrum& ms2);
 // Lets the lists of [first, end) go again while the window is over its ceiling.
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
+
+// The mzML output of one input (output_mzml): <stem>.ksieve.mzML in the output
+// directory. MS1 scans are formatted as they are read and held until an MS2 scan
+// of a higher number is written, or the end; the hold is bounded by the
+// pipeline's read-ahead, not by the run.
+inline constexpr char kMzmlSuffix[] = ".ksieve.mzML";
+struct PendingSpectrum {
+    int32_t m_scan = 0;
+    std::string m_id;
+    std::string m_text;
+};
+struct MzmlStage {
+    MzmlFile m_file;
+    std::deque<PendingSpectrum> m_pending;
+    std::vector<std::string> m_spare;  // texts of written scans, reused
+};
+MzmlOptions mzml_options(const UserParameters& params);
+// Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.
+void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileContext& file);
+// The mzML view of a written MS2 scan: RT in seconds, the isolation window from
+// isolation_width, its precursors in rank order. It refers to the scan's peaks.
+MzmlSpectrum mzml_ms2_spectrum(const MS2Spectrum& scan, const UserParameters& params);
+void add_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan);
+// Writes the held MS1 scans numbered below the MS2 scan, then the MS2 scan.
+void write_mzml_ms2(MzmlStage& stage, const MS2Spectrum& scan, const std::string& text);
+// Writes what is held and finishes the file under its final name.
+void close_mzml_stage(MzmlStage& stage);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
 void process_mgf_file(const UserParameters& params, const FileContext& file);

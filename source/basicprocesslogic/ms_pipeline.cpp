@@ -53,6 +53,7 @@ struct MsPipeline {
     std::optional<KsFile> ks1;
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
+    std::optional<MzmlStage> mzml;
     Ms1Window window;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
@@ -68,6 +69,7 @@ struct ScanWork {
     std::string ks2;
     std::string mgf;
     std::string csv;
+    std::string mzml;
     ValidationCounts validation;  // what the second look removed and corrected
     std::exception_ptr failure;
 };
@@ -80,7 +82,9 @@ struct ScanFormat {
     bool validate = false;
     bool ks = false;
     bool mgf = false;
+    bool mzml = false;
     MgfLayout layout;
+    MzmlOptions mzml_options;
 };
 
 // The ring of scans in flight. Sequence number n lives in slot n % size.
@@ -100,6 +104,7 @@ struct ScanQueue {
 struct WorkerScratch {
     DetectionScratch detection;
     std::string peak_text;
+    MzmlScratch mzml;
 };
 
 // Back to a default record, keeping the peak buffer's capacity for the next
@@ -112,12 +117,12 @@ void reset_keeping_buffer(Scan& scan) {
     scan.m_peaks = std::move(peaks);
 }
 
-// Advances the MS1 stream by one scan. Every scan goes to the KS1 file; an FT
+// Advances the MS1 stream by one scan. Every scan goes to the KS1 and mzML files; an FT
 // scan also enters the window, pushing out the oldest record, whose buffers come
 // back in `scan` for reuse (the caller resets it before the next pull). At the
 // end of the stream the window loses its front record and false is returned.
 bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1,
-                   HeldLines* told) {
+                   MzmlStage* mzml, HeldLines* told) {
     if (!ReadMs1Scan(reader, scan)) {
         if (!window.m_store.empty()) {
             pop_ms1_scan(window);
@@ -126,6 +131,9 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
     }
     if (ks1 != nullptr) {
         write_ks1_record(*ks1, scan);
+    }
+    if (mzml != nullptr) {
+        add_mzml_ms1(*mzml, scan);
     }
     if (scan.m_instrument_type == "FT") {
         push_ms1_scan(window, scan);
@@ -141,11 +149,12 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
 // MS1 file ends). A scan with no parent (0) pulls nothing.
 void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
+    MzmlStage* mzml = p.mzml ? &*p.mzml : nullptr;
     reset_keeping_buffer(ms1);
     const Ms1Store& store = p.window.m_store;
     while (store.size() > kMinWindow &&
            store[store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
-        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, &told)) {
+        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, mzml, &told)) {
             return;
         }
         reset_keeping_buffer(ms1);
@@ -238,6 +247,7 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
     work.ks2.clear();
     work.mgf.clear();
     work.csv.clear();
+    work.mzml.clear();
     work.validation = ValidationCounts{};
     if (!work.passes) {
         return;
@@ -262,6 +272,10 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
         format_mgf_blocks(work.mgf, scratch.peak_text, format.layout, scan);
     }
     format_csv_row(work.csv, scan);
+    if (format.mzml) {
+        format_mzml_spectrum(work.mzml, mzml_ms2_spectrum(scan, *format.params),
+                             format.mzml_options, scratch.mzml);
+    }
 }
 
 // Runs claimed scan `sequence` and marks it done; a failure travels with it to
@@ -373,6 +387,9 @@ void write_work(MsPipeline& p, ScanWork& work) {
         write_mgf_text(mgf, work.mgf);
     }
     write_csv_text(p.table, work.csv);
+    if (p.mzml) {
+        write_mzml_ms2(*p.mzml, scan, work.mzml);
+    }
 }
 
 // One line per input, which the run summary reads back.
@@ -400,6 +417,9 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
     if (params.m_output_mgf) {
         p.mgf.emplace(MgfFileSet{4, output_path(file, "_.mgf"), "w+", title, {}});
     }
+    if (params.m_output_mzml) {
+        open_mzml_stage(p.mzml.emplace(), params, file);
+    }
     start_ms1_window(p.window, params, file.m_path);
 }
 
@@ -423,6 +443,9 @@ void close_pipeline(MsPipeline& p) {
     if (p.mgf) {
         close_file_set(*p.mgf);
     }
+    if (p.mzml) {
+        close_mzml_stage(*p.mzml);
+    }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
     p.window.m_store = Ms1Store{};
@@ -433,6 +456,9 @@ void close_pipeline(MsPipeline& p) {
 void remove_outputs(const MsPipeline& p, const FileContext& file) {
     for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished"}) {
         discard_file(output_path(file, suffix));
+    }
+    if (p.mzml) {
+        discard_file(p.mzml->m_file.m_unfinished_path);
     }
     for (const std::string& key : p.keys) {
         if (p.ks2) {
@@ -477,7 +503,8 @@ void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& fo
     log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
+    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr,
+                         p.mzml ? &*p.mzml : nullptr, nullptr)) {
         reset_keeping_buffer(ms1);
     }
 }
@@ -492,6 +519,8 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     format.validate = params.m_validate_precursors;
     format.ks = params.m_output_ks;
     format.mgf = params.m_output_mgf;
+    format.mzml = params.m_output_mzml;
+    format.mzml_options = mzml_options(params);
     format.layout = MgfLayout{file.m_stem, params.m_peak_format, params.m_mgf_conventions};
     run_scans(p, params, format, detection_threads(params));
     if (params.m_validate_precursors) {

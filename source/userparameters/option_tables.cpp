@@ -257,6 +257,32 @@ std::vector<OptionRow> make_option_rows() {
          "1: one after another); output is the same for any number. The environment variable "
          "`KSIEVE_THREADS` stands in for a missing key",
          false},
+        {"output_mzml",
+         "",
+         &U::m_output_mzml,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: also write `<stem>.ksieve.mzML`, every MS1 scan and every written MS2 scan with "
+         "its precursors (see \"mzML output\")"},
+        {"mzml_compression",
+         "",
+         &U::m_mzml_compression,
+         {},
+         nullptr,
+         false,
+         "1",
+         "0: mzML peak arrays without zlib compression"},
+        {"mzml_monoisotopic_term",
+         "",
+         &U::m_mzml_monoisotopic_term,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: each mzML selected ion also carries `MS:1003208` (experimental precursor "
+         "monoisotopic m/z), a term older readers reject"},
     };
 }
 
