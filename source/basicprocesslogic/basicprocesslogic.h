@@ -139,19 +139,17 @@ std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2S
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
 
 // The mzML output of one input (output_mzml): <stem>.ksieve.mzML in the output
-// directory. MS1 scans are formatted as they are read and held until an MS2 scan
-// of a higher number is written, or the end; the hold is bounded by the
-// pipeline's read-ahead, not by the run.
+// directory, spectra in scan-number order. The MS1 scans come from a stream of
+// their own on the `.ms1` file, one scan at a time, written as the MS2 scans
+// pass them: the pipeline reads MS1 only as far as detection needs, which for a
+// run with its survey scans first is not as far as the file order.
 inline constexpr char kMzmlSuffix[] = ".ksieve.mzML";
-struct PendingSpectrum {
-    int32_t m_scan = 0;
-    std::string m_id;
-    std::string m_text;
-};
 struct MzmlStage {
     MzmlFile m_file;
-    std::deque<PendingSpectrum> m_pending;
-    std::vector<std::string> m_spare;  // texts of written scans, reused
+    LineFile m_ms1;
+    MS1Spectrum m_next_ms1;
+    bool m_has_next_ms1 = false;
+    std::string m_text;  // one MS1 spectrum's text, reused
 };
 MzmlOptions mzml_options(const UserParameters& params);
 // Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.
@@ -159,10 +157,9 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
 // The mzML view of a written MS2 scan: RT in seconds, the isolation window from
 // isolation_width, its precursors in rank order. It refers to the scan's peaks.
 MzmlSpectrum mzml_ms2_spectrum(const MS2Spectrum& scan, const UserParameters& params);
-void add_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan);
-// Writes the held MS1 scans numbered below the MS2 scan, then the MS2 scan.
+// Writes the MS1 scans numbered below the MS2 scan, then the MS2 scan.
 void write_mzml_ms2(MzmlStage& stage, const MS2Spectrum& scan, const std::string& text);
-// Writes what is held and finishes the file under its final name.
+// Writes the MS1 scans left and finishes the file under its final name.
 void close_mzml_stage(MzmlStage& stage);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.

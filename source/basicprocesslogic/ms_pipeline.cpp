@@ -117,12 +117,12 @@ void reset_keeping_buffer(Scan& scan) {
     scan.m_peaks = std::move(peaks);
 }
 
-// Advances the MS1 stream by one scan. Every scan goes to the KS1 and mzML files; an FT
+// Advances the MS1 stream by one scan. Every scan goes to the KS1 file; an FT
 // scan also enters the window, pushing out the oldest record, whose buffers come
 // back in `scan` for reuse (the caller resets it before the next pull). At the
 // end of the stream the window loses its front record and false is returned.
 bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFile* ks1,
-                   MzmlStage* mzml, HeldLines* told) {
+                   HeldLines* told) {
     if (!ReadMs1Scan(reader, scan)) {
         if (!window.m_store.empty()) {
             pop_ms1_scan(window);
@@ -131,9 +131,6 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
     }
     if (ks1 != nullptr) {
         write_ks1_record(*ks1, scan);
-    }
-    if (mzml != nullptr) {
-        add_mzml_ms1(*mzml, scan);
     }
     if (scan.m_instrument_type == "FT") {
         push_ms1_scan(window, scan);
@@ -149,12 +146,11 @@ bool pull_ms1_scan(MS1Spectrum& scan, Ms1Window& window, LineFile& reader, KsFil
 // MS1 file ends). A scan with no parent (0) pulls nothing.
 void read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
-    MzmlStage* mzml = p.mzml ? &*p.mzml : nullptr;
     reset_keeping_buffer(ms1);
     const Ms1Store& store = p.window.m_store;
     while (store.size() > kMinWindow &&
            store[store.size() - 1 - kScansBehindParent].m_scan < ms2.m_precursor_scan) {
-        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, mzml, &told)) {
+        if (!pull_ms1_scan(ms1, p.window, p.ms1, ks1, &told)) {
             return;
         }
         reset_keeping_buffer(ms1);
@@ -503,8 +499,7 @@ void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& fo
     log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr,
-                         p.mzml ? &*p.mzml : nullptr, nullptr)) {
+    while (pull_ms1_scan(ms1, p.window, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
         reset_keeping_buffer(ms1);
     }
 }

@@ -1,7 +1,7 @@
 // The mzML output of the per-file pipeline: records turned into mzML spectra,
-// and MS1 scans held back until the MS2 scans before them are written, so that
-// the file follows the input's scan order although MS1 is read ahead.
+// the MS1 scans merged in from their own stream by scan number.
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <variant>
@@ -29,12 +29,26 @@ std::vector<std::pair<std::string, std::string>> keys_in_force(const UserParamet
     return keys;
 }
 
-void write_pending(MzmlStage& stage, int64_t before_scan) {
-    while (!stage.m_pending.empty() && stage.m_pending.front().m_scan < before_scan) {
-        PendingSpectrum& front = stage.m_pending.front();
-        write_mzml_spectrum(stage.m_file, front.m_id, front.m_text);
-        stage.m_spare.push_back(std::move(front.m_text));
-        stage.m_pending.pop_front();
+void read_next_ms1(MzmlStage& stage) {
+    std::vector<Peak> peaks = std::move(stage.m_next_ms1.m_peaks);
+    peaks.clear();
+    stage.m_next_ms1 = MS1Spectrum{};
+    stage.m_next_ms1.m_peaks = std::move(peaks);
+    stage.m_has_next_ms1 = ReadMs1Scan(stage.m_ms1, stage.m_next_ms1);
+}
+
+void write_ms1_before(MzmlStage& stage, int64_t scan_limit) {
+    while (stage.m_has_next_ms1 && stage.m_next_ms1.m_scan < scan_limit) {
+        const MS1Spectrum& scan = stage.m_next_ms1;
+        MzmlSpectrum spectrum;
+        spectrum.m_scan = scan.m_scan;
+        spectrum.m_retention_seconds = scan.m_retention_time * kSecondsPerMinute;
+        spectrum.m_ion_injection_ms = scan.m_ion_injection_time;
+        spectrum.m_peaks = scan.m_peaks;
+        format_mzml_spectrum(stage.m_text, spectrum, stage.m_file.m_options,
+                             stage.m_file.m_scratch);
+        write_mzml_spectrum(stage.m_file, mzml_spectrum_id("", scan.m_scan), stage.m_text);
+        read_next_ms1(stage);
     }
 }
 
@@ -53,6 +67,15 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     }
     info.m_keys = keys_in_force(params);
     info.m_options = mzml_options(params);
+    // A second reader on the `.ms1` file, quiet: the pipeline's own reader
+    // logs the file's opening and closing.
+    SpectrumFile& head = stage.m_ms1.m_head;
+    head.m_path = file.m_path;
+    head.m_mode = "r";
+    head.m_stream = open_file(head.m_path, head.m_mode, "");
+    head.m_read_buffer = std::make_unique_for_overwrite<char[]>(kReadBufferSize);
+    std::setvbuf(head.m_stream, head.m_read_buffer.get(), _IOFBF, kReadBufferSize);
+    read_next_ms1(stage);
     open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
 }
 
@@ -74,28 +97,13 @@ MzmlSpectrum mzml_ms2_spectrum(const MS2Spectrum& scan, const UserParameters& pa
     return spectrum;
 }
 
-void add_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan) {
-    MzmlSpectrum spectrum;
-    spectrum.m_scan = scan.m_scan;
-    spectrum.m_retention_seconds = scan.m_retention_time * kSecondsPerMinute;
-    spectrum.m_ion_injection_ms = scan.m_ion_injection_time;
-    spectrum.m_peaks = scan.m_peaks;
-    PendingSpectrum pending{scan.m_scan, mzml_spectrum_id("", scan.m_scan), {}};
-    if (!stage.m_spare.empty()) {
-        pending.m_text = std::move(stage.m_spare.back());
-        stage.m_spare.pop_back();
-    }
-    format_mzml_spectrum(pending.m_text, spectrum, stage.m_file.m_options, stage.m_file.m_scratch);
-    stage.m_pending.push_back(std::move(pending));
-}
-
 void write_mzml_ms2(MzmlStage& stage, const MS2Spectrum& scan, const std::string& text) {
-    write_pending(stage, scan.m_scan);
+    write_ms1_before(stage, scan.m_scan);
     write_mzml_spectrum(stage.m_file, mzml_spectrum_id("", scan.m_scan), text);
 }
 
 void close_mzml_stage(MzmlStage& stage) {
-    write_pending(stage, INT64_MAX);
+    write_ms1_before(stage, INT64_MAX);
     finish_mzml_file(stage.m_file);
 }
 
