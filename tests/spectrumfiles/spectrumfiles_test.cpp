@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "mzml_writer.h"
 #include "spectrumfiles.h"
 #include "test_support.h"
 #include "utils.h"
@@ -247,6 +248,20 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
             table.m_head.m_stream = std::fopen("/dev/full", "w");
             write_csv_row(table, scan);
             finish_spectrum_file(table.m_head);
+        },
+        [&] {
+            MzmlFile mzml;
+            mzml.m_unfinished_path = "/dev/full";
+            mzml.m_head.m_path = "/dev/full";
+            mzml.m_head.m_mode = "w+";
+            mzml.m_head.m_stream = std::fopen("/dev/full", "w+");
+            mzml.m_index = std::tmpfile();
+            MzmlSpectrum spectrum;
+            spectrum.m_peaks = scan.m_peaks;
+            std::string text;
+            format_mzml_spectrum(text, spectrum, {}, mzml.m_scratch);
+            write_mzml_spectrum(mzml, "scan=1", text);
+            finish_mzml_file(mzml);
         },
     };
     test::CaptureStream out(std::cout);
