@@ -52,28 +52,26 @@ void Sha1::compress_block(const unsigned char* block) {
         w[t] = rotate_left(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
     }
     uint32_t a = m_state[0], b = m_state[1], c = m_state[2], d = m_state[3], e = m_state[4];
-    for (int t = 0; t < 80; ++t) {
-        uint32_t f = 0;
-        uint32_t k = 0;
-        if (t < 20) {
-            f = (b & c) | (~b & d);
-            k = 0x5A827999U;
-        } else if (t < 40) {
-            f = b ^ c ^ d;
-            k = 0x6ED9EBA1U;
-        } else if (t < 60) {
-            f = (b & c) | (b & d) | (c & d);
-            k = 0x8F1BBCDCU;
-        } else {
-            f = b ^ c ^ d;
-            k = 0xCA62C1D6U;
-        }
-        const uint32_t next = rotate_left(a, 5) + f + e + k + w[t];
+    // The four rounds of twenty each in a loop of its own, free of branches.
+    const auto step = [&](uint32_t f, uint32_t k, uint32_t word) {
+        const uint32_t next = rotate_left(a, 5) + f + e + k + word;
         e = d;
         d = c;
         c = rotate_left(b, 30);
         b = a;
         a = next;
+    };
+    for (int t = 0; t < 20; ++t) {
+        step((b & c) | (~b & d), 0x5A827999U, w[t]);
+    }
+    for (int t = 20; t < 40; ++t) {
+        step(b ^ c ^ d, 0x6ED9EBA1U, w[t]);
+    }
+    for (int t = 40; t < 60; ++t) {
+        step((b & c) | (b & d) | (c & d), 0x8F1BBCDCU, w[t]);
+    }
+    for (int t = 60; t < 80; ++t) {
+        step(b ^ c ^ d, 0xCA62C1D6U, w[t]);
     }
     m_state[0] += a;
     m_state[1] += b;

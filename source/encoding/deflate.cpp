@@ -13,8 +13,10 @@ constexpr int32_t kMaxMatch = 258;
 constexpr int kHashBits = 15;
 // Candidates tried per position: deeper chains find little more in peak arrays,
 // whose bytes repeat mostly in the high bytes of neighbouring numbers.
-constexpr int kChainDepth = 8;
+constexpr int kChainDepth = 4;
 constexpr std::size_t kStoredBlockMax = 65535;
+constexpr std::size_t kProbeSize = 4096;
+constexpr std::size_t kProbeGainPercent = 97;  // the trial must come out below this share
 
 constexpr std::array<uint16_t, 29> kLengthBase = {3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
                                                   15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
@@ -56,7 +58,7 @@ class BitWriter {
     int m_count = 0;
 };
 
-uint32_t reverse_bits(uint32_t code, int length) {
+constexpr uint32_t reverse_bits(uint32_t code, int length) {
     uint32_t reversed = 0;
     for (int i = 0; i < length; ++i) {
         reversed = (reversed << 1) | ((code >> i) & 1U);
@@ -64,30 +66,60 @@ uint32_t reverse_bits(uint32_t code, int length) {
     return reversed;
 }
 
+struct Code {
+    uint16_t m_bits = 0;  // reversed, ready to put
+    uint8_t m_length = 0;
+};
+
 // The fixed literal/length code of RFC 1951, 3.2.6.
-void put_literal_or_length(BitWriter& bits, uint32_t symbol) {
-    if (symbol <= 143) {
-        bits.put(reverse_bits(0x30 + symbol, 8), 8);
-    } else if (symbol <= 255) {
-        bits.put(reverse_bits(0x190 + symbol - 144, 9), 9);
-    } else if (symbol <= 279) {
-        bits.put(reverse_bits(symbol - 256, 7), 7);
-    } else {
-        bits.put(reverse_bits(0xC0 + symbol - 280, 8), 8);
+constexpr std::array<Code, 288> kFixedCodes = [] {
+    std::array<Code, 288> codes{};
+    for (uint32_t symbol = 0; symbol < 288; ++symbol) {
+        uint32_t code = 0;
+        int length = 8;
+        if (symbol <= 143) {
+            code = 0x30 + symbol;
+        } else if (symbol <= 255) {
+            code = 0x190 + symbol - 144;
+            length = 9;
+        } else if (symbol <= 279) {
+            code = symbol - 256;
+            length = 7;
+        } else {
+            code = 0xC0 + symbol - 280;
+        }
+        codes[symbol] = {static_cast<uint16_t>(reverse_bits(code, length)),
+                         static_cast<uint8_t>(length)};
     }
+    return codes;
+}();
+
+void put_literal_or_length(BitWriter& bits, uint32_t symbol) {
+    bits.put(kFixedCodes[symbol].m_bits, kFixedCodes[symbol].m_length);
 }
 
-template <std::size_t N>
-std::size_t code_index(const std::array<uint16_t, N>& bases, int32_t value) {
-    const auto above = std::upper_bound(bases.begin(), bases.end(), value);
-    return static_cast<std::size_t>(above - bases.begin()) - 1;
+// The index of the code whose base is the largest not above `value`, for every
+// value up to `Size - 1`.
+template <std::size_t Size, std::size_t N>
+constexpr std::array<uint8_t, Size> code_table(const std::array<uint16_t, N>& bases) {
+    std::array<uint8_t, Size> table{};
+    std::size_t code = 0;
+    for (std::size_t value = 0; value < Size; ++value) {
+        while (code + 1 < N && bases[code + 1] <= value) {
+            ++code;
+        }
+        table[value] = static_cast<uint8_t>(code);
+    }
+    return table;
 }
+constexpr auto kLengthCode = code_table<kMaxMatch + 1>(kLengthBase);
+constexpr auto kDistanceCode = code_table<kWindow + 1>(kDistanceBase);
 
 void put_match(BitWriter& bits, int32_t length, int32_t distance) {
-    const std::size_t l = code_index(kLengthBase, length);
+    const std::size_t l = kLengthCode[static_cast<std::size_t>(length)];
     put_literal_or_length(bits, static_cast<uint32_t>(257 + l));
     bits.put(static_cast<uint32_t>(length - kLengthBase[l]), kLengthExtra[l]);
-    const std::size_t d = code_index(kDistanceBase, distance);
+    const std::size_t d = kDistanceCode[static_cast<std::size_t>(distance)];
     bits.put(reverse_bits(static_cast<uint32_t>(d), 5), 5);
     bits.put(static_cast<uint32_t>(distance - kDistanceBase[d]), kDistanceExtra[d]);
 }
@@ -171,6 +203,21 @@ void fixed_block(const unsigned char* data, int32_t size, std::string& out,
     scratch.m_base += int64_t{size} + kWindow + 1;
 }
 
+// Numbers with full mantissas, as most peak arrays hold, do not shrink under the
+// fixed codes; a trial on the first kProbeSize bytes spares coding the rest in
+// vain. Short arrays are always tried whole.
+bool worth_compressing(const unsigned char* data, std::size_t size, std::string& out,
+                       DeflateScratch& scratch) {
+    if (size <= 2 * kProbeSize) {
+        return true;
+    }
+    const std::size_t start = out.size();
+    fixed_block(data, static_cast<int32_t>(kProbeSize), out, scratch);
+    const bool shrinks = (out.size() - start) * 100 < kProbeSize * kProbeGainPercent;
+    out.resize(start);
+    return shrinks;
+}
+
 void stored_blocks(const unsigned char* data, std::size_t size, std::string& out) {
     std::size_t pos = 0;
     do {
@@ -215,7 +262,8 @@ void zlib_compress(const unsigned char* data, std::size_t size, std::string& out
     out.push_back(static_cast<char>(0x01));  // no dictionary, check bits
     const std::size_t start = out.size();
     // Arrays beyond 2 GiB are not peak lists; they are stored, which is always valid.
-    if (size <= static_cast<std::size_t>(INT32_MAX / 2)) {
+    if (size <= static_cast<std::size_t>(INT32_MAX / 2) &&
+        worth_compressing(data, size, out, scratch)) {
         fixed_block(data, static_cast<int32_t>(size), out, scratch);
     }
     const std::size_t stored_size = size + 5 * (size / kStoredBlockMax + 1);

@@ -27,8 +27,9 @@ struct DeflateScratch {
 // Appends to `out` a complete zlib stream of `size` bytes at `data`, which any
 // inflater (zlib's `uncompress`, Python's `zlib.decompress`) returns exactly.
 // Matches are found by hash chains over a 32 KiB window and coded with the fixed
-// Huffman codes; when that would not be smaller than the bytes themselves, they
-// are stored uncompressed instead, so the stream is never more than 11 bytes plus
+// Huffman codes; when that would not be smaller than the bytes themselves, or
+// when an array of more than 8 KiB does not shrink by 3 % over its first 4 KiB,
+// they are stored uncompressed instead, so the stream is never more than 11 bytes plus
 // 5 bytes per 65535 longer than the input.
 void zlib_compress(const unsigned char* data, std::size_t size, std::string& out,
                    DeflateScratch& scratch);

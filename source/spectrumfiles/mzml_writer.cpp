@@ -217,16 +217,9 @@ void append_array(std::string& out, const MzmlSpectrum& spectrum, bool mz,
     }
     const std::size_t encoded = (payload->size() + 2) / 3 * 4;
     out += "<binaryDataArray encodedLength=\"" + std::to_string(encoded) + "\">\n";
-    if (mz) {
-        append_cv(out, "MS:1000523", "64-bit float");
-    } else {
-        append_cv(out, "MS:1000521", "32-bit float");
-    }
-    if (options.m_compress) {
-        append_cv(out, "MS:1000574", "zlib compression");
-    } else {
-        append_cv(out, "MS:1000576", "no compression");
-    }
+    append_cv(out, mz ? "MS:1000523" : "MS:1000521", mz ? "64-bit float" : "32-bit float");
+    append_cv(out, options.m_compress ? "MS:1000574" : "MS:1000576",
+              options.m_compress ? "zlib compression" : "no compression");
     if (mz) {
         append_cv(out, "MS:1000514", "m/z array", "", kMzUnit);
     } else {
@@ -338,16 +331,10 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
     append_escaped(text, mzml_spectrum_id(spectrum.m_native_id, spectrum.m_scan));
     text += "\" defaultArrayLength=\"" + std::to_string(spectrum.m_peaks.size()) + "\">\n";
     append_cv(text, "MS:1000511", "ms level", std::to_string(spectrum.m_ms_level));
-    if (spectrum.m_ms_level == 1) {
-        append_cv(text, "MS:1000579", "MS1 spectrum");
-    } else {
-        append_cv(text, "MS:1000580", "MSn spectrum");
-    }
-    if (spectrum.m_centroid) {
-        append_cv(text, "MS:1000127", "centroid spectrum");
-    } else {
-        append_cv(text, "MS:1000128", "profile spectrum");
-    }
+    const bool ms1 = spectrum.m_ms_level == 1;
+    append_cv(text, ms1 ? "MS:1000579" : "MS:1000580", ms1 ? "MS1 spectrum" : "MSn spectrum");
+    append_cv(text, spectrum.m_centroid ? "MS:1000127" : "MS:1000128",
+              spectrum.m_centroid ? "centroid spectrum" : "profile spectrum");
     append_scan(text, spectrum);
     if (!spectrum.m_precursors.empty()) {
         text += "<precursorList count=\"" + std::to_string(spectrum.m_precursors.size()) + "\">\n";
