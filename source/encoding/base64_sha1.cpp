@@ -44,17 +44,25 @@ void base64_append(std::string& out, const unsigned char* data, std::size_t size
 Sha1::Sha1() : m_state{0x67452301U, 0xEFCDAB89U, 0x98BADCFEU, 0x10325476U, 0xC3D2E1F0U} {}
 
 void Sha1::compress_block(const unsigned char* block) {
-    std::array<uint32_t, 80> w;
+    // The message schedule kept as a ring of sixteen words, computed as needed.
+    std::array<uint32_t, 16> w;
     for (int t = 0; t < 16; ++t) {
-        w[t] = read_big_endian(block + 4 * t);
-    }
-    for (int t = 16; t < 80; ++t) {
-        w[t] = rotate_left(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
+        w[static_cast<std::size_t>(t)] = read_big_endian(block + 4 * t);
     }
     uint32_t a = m_state[0], b = m_state[1], c = m_state[2], d = m_state[3], e = m_state[4];
-    // The four rounds of twenty each in a loop of its own, free of branches.
-    const auto step = [&](uint32_t f, uint32_t k, uint32_t word) {
-        const uint32_t next = rotate_left(a, 5) + f + e + k + word;
+    const auto word = [&w](int t) {
+        if (t < 16) {
+            return w[static_cast<std::size_t>(t)];
+        }
+        uint32_t& slot = w[static_cast<std::size_t>(t & 15)];
+        slot = rotate_left(w[static_cast<std::size_t>((t + 13) & 15)] ^
+                               w[static_cast<std::size_t>((t + 8) & 15)] ^
+                               w[static_cast<std::size_t>((t + 2) & 15)] ^ slot,
+                           1);
+        return slot;
+    };
+    const auto step = [&](uint32_t f, uint32_t k, uint32_t x) {
+        const uint32_t next = rotate_left(a, 5) + f + e + k + x;
         e = d;
         d = c;
         c = rotate_left(b, 30);
@@ -62,16 +70,16 @@ void Sha1::compress_block(const unsigned char* block) {
         a = next;
     };
     for (int t = 0; t < 20; ++t) {
-        step((b & c) | (~b & d), 0x5A827999U, w[t]);
+        step((b & c) | (~b & d), 0x5A827999U, word(t));
     }
     for (int t = 20; t < 40; ++t) {
-        step(b ^ c ^ d, 0x6ED9EBA1U, w[t]);
+        step(b ^ c ^ d, 0x6ED9EBA1U, word(t));
     }
     for (int t = 40; t < 60; ++t) {
-        step((b & c) | (b & d) | (c & d), 0x8F1BBCDCU, w[t]);
+        step((b & c) | (b & d) | (c & d), 0x8F1BBCDCU, word(t));
     }
     for (int t = 60; t < 80; ++t) {
-        step(b ^ c ^ d, 0xCA62C1D6U, w[t]);
+        step(b ^ c ^ d, 0xCA62C1D6U, word(t));
     }
     m_state[0] += a;
     m_state[1] += b;
