@@ -223,6 +223,14 @@ TEST(KsWriter, RecordsBeyondTheIndexLimitLeaveTheIndexUnwritten) {
     EXPECT_EQ(data.substr(0, 4), std::string("\3\0\0\0", 4));
 }
 
+// The outputs written under a temporary name, opened on the full device as both.
+void open_on_full_device(SpectrumFile& head, std::string& unfinished_path) {
+    unfinished_path = "/dev/full";
+    head.m_path = "/dev/full";
+    head.m_mode = "w+";
+    head.m_stream = std::fopen("/dev/full", "w+");
+}
+
 // Every write, flush and close of an output is checked: a device that refuses
 // the bytes fails the file, naming it and the reason.
 TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
@@ -242,19 +250,13 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
         },
         [&] {
             CsvFile table;
-            table.m_unfinished_path = "/dev/full";
-            table.m_head.m_path = "/dev/full";
-            table.m_head.m_mode = "w";
-            table.m_head.m_stream = std::fopen("/dev/full", "w");
+            open_on_full_device(table.m_head, table.m_unfinished_path);
             write_csv_row(table, scan);
             finish_spectrum_file(table.m_head);
         },
         [&] {
             MzmlFile mzml;
-            mzml.m_unfinished_path = "/dev/full";
-            mzml.m_head.m_path = "/dev/full";
-            mzml.m_head.m_mode = "w+";
-            mzml.m_head.m_stream = std::fopen("/dev/full", "w+");
+            open_on_full_device(mzml.m_head, mzml.m_unfinished_path);
             mzml.m_index = std::tmpfile();
             MzmlSpectrum spectrum;
             spectrum.m_peaks = scan.m_peaks;
