@@ -25,6 +25,7 @@
 
 #include "detection.h"
 #include "featuresextractor.h"
+#include "mzml_writer.h"
 #include "records.h"
 #include "spectrumfiles.h"
 #include "userparameters.h"
@@ -169,6 +170,35 @@ Ms1Window& window_of(SurveyWindows& windows, const std::optional<double>& voltag
 Ms1Window& parent_window(SurveyWindows& windows, const MS2Spectrum& ms2);
 // Appends an FT scan to the window of its voltage, as push_ms1_scan does.
 void push_survey_scan(SurveyWindows& windows, MS1Spectrum& scan);
+
+// The mzML output of one input (output_mzml): <stem>.ksieve.mzML in the output
+// directory, spectra in scan-number order. The MS1 scans come from a stream of
+// their own on the `.ms1` file, one scan at a time, written as the MS2 scans
+// pass them: the pipeline reads MS1 only as far as detection needs, which for a
+// run with its survey scans first is not as far as the file order.
+inline constexpr char kMzmlSuffix[] = ".ksieve.mzML";
+struct MzmlStage {
+    MzmlFile m_file;
+    LineFile m_ms1;
+    MS1Spectrum m_next_ms1;
+    bool m_has_next_ms1 = false;
+    std::string m_text;  // one MS1 spectrum's text, reused
+};
+MzmlOptions mzml_options(const UserParameters& params);
+// Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.
+void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileContext& file);
+// The native id of MS1 scan `parent` while `window` holds it; empty otherwise.
+std::string parent_native_id(const Ms1Window& window, int32_t parent);
+// The mzML view of a written MS2 scan: RT in seconds, the isolation window from
+// isolation_width, its precursors in rank order with their evidence, the parent
+// under `parent_id` (with native ids, no parent reference when that is empty).
+// It refers to the scan's peaks.
+MzmlSpectrum mzml_ms2_spectrum(const MS2Spectrum& scan, const UserParameters& params,
+                               const std::string& parent_id, const MzmlOptions& options);
+// Writes the MS1 scans numbered below the MS2 scan, then the MS2 scan.
+void write_mzml_ms2(MzmlStage& stage, const MS2Spectrum& scan, const std::string& text);
+// Writes the MS1 scans left and finishes the file under its final name.
+void close_mzml_stage(MzmlStage& stage);
 
 // An MGF file converted to <stem>.ks2 with its declared precursors; no detection.
 void process_mgf_file(const UserParameters& params, const FileContext& file);

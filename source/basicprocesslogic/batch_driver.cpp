@@ -33,6 +33,17 @@ std::vector<std::string> instrument_extensions(const std::string& format) {
     return {"." + format};
 }
 
+// kSieve's own mzML output is no input: a directory listing leaves out
+// "<stem>.ksieve.mzML" and its gzip form, which a second run would otherwise
+// take for instrument files.
+std::vector<std::string> without_own_mzml(std::vector<std::string> files) {
+    std::erase_if(files, [](const std::string& path) {
+        const std::string lower = to_lower(path);
+        return lower.ends_with(".ksieve.mzml") || lower.ends_with(".ksieve.mzml.gz");
+    });
+    return files;
+}
+
 // Each file of one data path through `flow`, under an exclusive lock on the
 // input itself: a second run on the same input waits here, and its flow's
 // resume check then finds the work done.
@@ -72,8 +83,11 @@ void run_batch(const UserParameters& params) {
                 throw "Argument input_format(-F) invalid: " + format +
                     "; input_format should be raw, mzxml or mzml for " + entry;
             }
-            run_each(params, list_files(entry, instrument_extensions(configured)), format, ipv,
-                     process_instrument_file);
+            std::vector<std::string> files = list_files(entry, instrument_extensions(configured));
+            if (directory_exists(entry)) {
+                files = without_own_mzml(std::move(files));
+            }
+            run_each(params, files, format, ipv, process_instrument_file);
         }
     }
 }

@@ -55,6 +55,7 @@ struct MsPipeline {
     std::optional<MgfFileSet> mgf;
     SurveyWindows windows;
     std::optional<CsvFile> evidence;
+    std::optional<MzmlStage> mzml;
     std::set<std::string> keys;  // activation-and-instrument keys that had output
     ValidationCounts validation;
     EvidenceCounts evidence_counts;
@@ -72,6 +73,8 @@ struct ScanWork {
     std::string mgf;
     std::string csv;
     std::string evidence;
+    std::string mzml;
+    std::string parent_id;        // the parent's native id, for the mzML
     ValidationCounts validation;  // what the second look removed and corrected
     std::exception_ptr failure;
 };
@@ -87,7 +90,9 @@ struct ScanFormat {
     bool keep_declared = false;
     bool fill_evidence = false;  // intensity and purity, for the table or PEPMASS
     bool evidence_table = false;
+    bool mzml = false;
     MgfLayout layout;
+    MzmlOptions mzml_options;
 };
 
 // The ring of scans in flight. Sequence number n lives in slot n % size.
@@ -107,6 +112,7 @@ struct ScanQueue {
 struct WorkerScratch {
     DetectionScratch detection;
     std::string peak_text;
+    MzmlScratch mzml;
 };
 
 // Back to a default record, keeping the peak buffer's capacity for the next
@@ -220,6 +226,9 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
         return false;
     }
     Ms1Window& window = read_ahead(p, ms1, work.scan, work.told);
+    if (p.mzml) {
+        work.parent_id = parent_native_id(window, work.scan.m_precursor_scan);
+    }
     // Scans outside the known activation and instrument types leave no trace.
     work.passes = passes_gate(work.scan);
     if (!work.passes) {
@@ -253,6 +262,7 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
     work.mgf.clear();
     work.csv.clear();
     work.evidence.clear();
+    work.mzml.clear();
     work.validation = ValidationCounts{};
     if (!work.passes) {
         return;
@@ -286,6 +296,11 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
     format_csv_row(work.csv, scan);
     if (format.evidence_table) {
         format_evidence_rows(work.evidence, format.layout.m_title, scan);
+    }
+    if (format.mzml) {
+        format_mzml_spectrum(
+            work.mzml, mzml_ms2_spectrum(scan, *format.params, work.parent_id, format.mzml_options),
+            format.mzml_options, scratch.mzml);
     }
 }
 
@@ -402,6 +417,9 @@ void write_work(MsPipeline& p, ScanWork& work) {
         write_csv_text(*p.evidence, work.evidence);
         count_written_scan(p.evidence_counts, scan);
     }
+    if (p.mzml) {
+        write_mzml_ms2(*p.mzml, scan, work.mzml);
+    }
 }
 
 // One line per input, which the run summary reads back.
@@ -433,6 +451,9 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
         p.evidence.emplace();
         open_evidence_table(*p.evidence, output_path(file, ".precursors.tsv"), "w+");
     }
+    if (params.m_output_mzml) {
+        open_mzml_stage(p.mzml.emplace(), params, file);
+    }
     start_survey_windows(p.windows, params, file.m_path);
 }
 
@@ -460,6 +481,9 @@ void close_pipeline(MsPipeline& p) {
         finish_csv_file(*p.evidence);
         release_spectrum_file(p.evidence->m_head);
     }
+    if (p.mzml) {
+        close_mzml_stage(*p.mzml);
+    }
     finish_csv_file(p.table);
     release_spectrum_file(p.table.m_head);
     p.windows.m_windows.clear();
@@ -471,6 +495,9 @@ void remove_outputs(const MsPipeline& p, const FileContext& file) {
     for (const char* suffix : {".ks1", ".ks1idx", ".csv_unfinished", ".precursors.tsv_unfinished",
                                ".summary.json_unfinished", ".summary.json"}) {
         discard_file(output_path(file, suffix));
+    }
+    if (p.mzml) {
+        discard_file(p.mzml->m_file.m_unfinished_path);
     }
     for (const std::string& key : p.keys) {
         if (p.ks2) {
@@ -532,7 +559,10 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
     format.mgf = params.m_output_mgf;
     format.keep_declared = params.m_keep_declared;
     format.evidence_table = params.m_precursor_table;
-    format.fill_evidence = params.m_precursor_table || params.m_mgf_conventions;
+    format.fill_evidence =
+        params.m_precursor_table || params.m_mgf_conventions || params.m_output_mzml;
+    format.mzml = params.m_output_mzml;
+    format.mzml_options = p.mzml ? p.mzml->m_file.m_options : mzml_options(params);
     format.layout = MgfLayout{file.m_stem, params.m_peak_format, params.m_mgf_conventions};
     run_scans(p, params, format, detection_threads(params));
     // A pair given directly is read as it stands; one the companion made from

@@ -74,10 +74,10 @@ std::string instrument_type_of(char first) {
 }
 
 // The I lines that both readers take: retention time, ion injection time,
-// instrument type and FAIMS compensation voltage, told apart by the letters at
-// positions 2 and 3 (CompensationVoltage against Centroiding, which is not
-// read). A voltage that is not a finite number is no voltage: it would match no
-// other scan's. False for any other line.
+// instrument type, FAIMS compensation voltage and the instrument's native id,
+// told apart by the letters at positions 2 and 3 (CompensationVoltage against
+// Centroiding, which is not read). A voltage that is not a finite number is no voltage: it would
+// match no other scan's. False for any other line.
 template <typename Spectrum>
 bool read_shared_info(const LineView& line, Spectrum& scan) {
     if (line.at(2) == 'R') {
@@ -90,15 +90,18 @@ bool read_shared_info(const LineView& line, Spectrum& scan) {
         const double voltage = text_to_double(line.from(kVoltageColumn));
         scan.m_compensation_voltage =
             std::isfinite(voltage) ? std::optional<double>(voltage) : std::nullopt;
+    } else if (line.at(2) == 'N') {
+        scan.m_native_id = trim(line.from(11), kWhiteSpace);  // "I\tNativeID\t<id>"
     } else {
         return false;
     }
     return true;
 }
 
-// A repeated block of a scan keeps the activation and parent of its first block.
+// A repeated block of a scan keeps the activation, parent and native id of its
+// first block.
 void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
-    if (read_shared_info(line, scan) || same_scan) {
+    if ((same_scan && line.at(2) == 'N') || read_shared_info(line, scan) || same_scan) {
         return;
     }
     if (line.at(2) == 'A' && line.at(12) == 'T') {
@@ -107,8 +110,6 @@ void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
         scan.m_activation_center = text_to_double(line.from(19));
     } else if (line.at(2) == 'P') {
         scan.m_precursor_scan = text_to_int(line.from(16));
-    } else if (line.at(2) == 'N') {
-        scan.m_native_id = trim(line.from(11), kWhiteSpace);  // "I\tNativeID\t<id>"
     }
 }
 

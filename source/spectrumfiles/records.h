@@ -87,6 +87,7 @@ struct MS1Spectrum {
     // again after the window let them go; -1 when the stream cannot tell.
     int64_t m_source_offset = -1;
     std::optional<double> m_compensation_voltage = std::nullopt;  // FAIMS, V; finite when present
+    std::string m_native_id = {};  // the instrument's identity of the scan; empty when not given
 };
 
 struct MS2Spectrum {

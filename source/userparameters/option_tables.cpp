@@ -285,6 +285,32 @@ std::vector<OptionRow> make_option_rows() {
          "1: also write `<stem>.precursors.tsv`, one row of evidence per written precursor "
          "(origin, score, intensity, isolation purity), keyed by the MGF title, and "
          "`<stem>.summary.json`, the run's counts and parameters"},
+        {"output_mzml",
+         "",
+         &U::m_output_mzml,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: also write `<stem>.ksieve.mzML`, every MS1 scan and every written MS2 scan with "
+         "its precursors (see \"mzML output\")"},
+        {"mzml_compression",
+         "",
+         &U::m_mzml_compression,
+         {},
+         nullptr,
+         false,
+         "1",
+         "0: mzML peak arrays without zlib compression"},
+        {"mzml_monoisotopic_term",
+         "",
+         &U::m_mzml_monoisotopic_term,
+         {},
+         nullptr,
+         false,
+         "0",
+         "1: each mzML selected ion also carries `MS:1003208` (experimental precursor "
+         "monoisotopic m/z), a term older readers reject"},
     };
 }
 

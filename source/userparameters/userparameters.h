@@ -24,33 +24,36 @@ namespace ksieve {
 using ParameterMap = std::map<std::string, std::string>;
 
 struct UserParameters {
-    bool m_rewrite_files = false;          // rewrite_files
-    bool m_co_elute = true;                // co-elute
-    bool m_cut_similiar_mono = true;       // cut_similiar_mono
-    bool m_delete_msn = false;             // delete_msn
-    bool m_check_activationcenter = true;  // check_activationcenter
-    bool m_output_ks = true;               // output_ks
-    bool m_output_mgf = true;              // output_mgf
-    bool m_mstolppm = true;                // mstolppm: m_mstol in ppm, else in m/z
-    int32_t m_intensity_digits = 1;        // intensity: decimals of MGF intensities
-    int32_t m_mz_digits = 5;               // m/z: decimals of MGF peak m/z
-    int32_t m_mars_model = 4;              // mars_model
-    double m_mars_threshold = -0.34;       // mars_threshold
-    double m_isolation_width = 2.0;        // isolation_width, m/z
-    double m_recalibrate_window = 7.0;     // recalibrate_window, ppm half-width
-    double m_mstol = 20.0;                 // mstol
-    std::string m_logfilepath;             // logfilepath
-    std::string m_ipv_file = "IPV.txt";    // ipv_file
-    std::string m_input_format = "raw";    // input_format, stored as given
-    std::string m_outputpath;              // outputpath; empty: beside each input
-    std::vector<std::string> m_datapaths;  // datapath / datanum + datapathN
-    int32_t m_memory_ceiling_mib = 1024;   // memory_ceiling_mib: MS1 peak lists held
-    bool m_faims_windows = true;           // faims_windows: MS1 window per compensation voltage
-    bool m_mgf_conventions = false;        // mgf_conventions: RTINSECONDS in seconds, SCANS=
-    bool m_validate_precursors = false;    // validate_precursors: second look after detection
-    int32_t m_threads = 0;                 // threads: that detect and format; 0 all cores
-    bool m_keep_declared = false;          // keep_declared: declared precursor always written
-    bool m_precursor_table = false;        // precursor_table: evidence table and run summary
+    bool m_rewrite_files = false;           // rewrite_files
+    bool m_co_elute = true;                 // co-elute
+    bool m_cut_similiar_mono = true;        // cut_similiar_mono
+    bool m_delete_msn = false;              // delete_msn
+    bool m_check_activationcenter = true;   // check_activationcenter
+    bool m_output_ks = true;                // output_ks
+    bool m_output_mgf = true;               // output_mgf
+    bool m_mstolppm = true;                 // mstolppm: m_mstol in ppm, else in m/z
+    int32_t m_intensity_digits = 1;         // intensity: decimals of MGF intensities
+    int32_t m_mz_digits = 5;                // m/z: decimals of MGF peak m/z
+    int32_t m_mars_model = 4;               // mars_model
+    double m_mars_threshold = -0.34;        // mars_threshold
+    double m_isolation_width = 2.0;         // isolation_width, m/z
+    double m_recalibrate_window = 7.0;      // recalibrate_window, ppm half-width
+    double m_mstol = 20.0;                  // mstol
+    std::string m_logfilepath;              // logfilepath
+    std::string m_ipv_file = "IPV.txt";     // ipv_file
+    std::string m_input_format = "raw";     // input_format, stored as given
+    std::string m_outputpath;               // outputpath; empty: beside each input
+    std::vector<std::string> m_datapaths;   // datapath / datanum + datapathN
+    int32_t m_memory_ceiling_mib = 1024;    // memory_ceiling_mib: MS1 peak lists held
+    bool m_faims_windows = true;            // faims_windows: MS1 window per compensation voltage
+    bool m_mgf_conventions = false;         // mgf_conventions: RTINSECONDS in seconds, SCANS=
+    bool m_validate_precursors = false;     // validate_precursors: second look after detection
+    int32_t m_threads = 0;                  // threads: that detect and format; 0 all cores
+    bool m_keep_declared = false;           // keep_declared: declared precursor always written
+    bool m_precursor_table = false;         // precursor_table: evidence table and run summary
+    bool m_output_mzml = false;             // output_mzml: <stem>.ksieve.mzML
+    bool m_mzml_compression = true;         // mzml_compression: zlib peak arrays
+    bool m_mzml_monoisotopic_term = false;  // mzml_monoisotopic_term: MS:1003208 as well
     // Set by finalising; no key. The record is never changed after that: what
     // varies per input file travels beside it.
     bool m_output_beside_input = false;

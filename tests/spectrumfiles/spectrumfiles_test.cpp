@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "mzml_writer.h"
 #include "spectrumfiles.h"
 #include "test_support.h"
 #include "utils.h"
@@ -67,6 +68,19 @@ TEST(Ms1Reader, AScanWithoutPeaksGivesWayToTheNext) {
     EXPECT_EQ(scans[0].m_scan, 1);
     EXPECT_EQ(scans[0].m_retention_time, 8);
     EXPECT_EQ(pairs(scans[0].m_peaks, &Peak::m_intensity), (Pairs{{2, 3}, {5, 1}}));
+}
+
+// Survey scans carry the instrument's id too, for the mzML's parent references;
+// a scan without the line has none.
+TEST(Ms1Reader, TakesTheNativeIdOfEachScan) {
+    const auto scans = read_all(
+        "S\t1\t1\nI\tNativeID\tcontrollerType=0 controllerNumber=1 scan=1\r\nI\tRetTime\t2\n"
+        "5 1\nS\t2\t2\nI\tRetTime\t3\n6 1\n",
+        ReadMs1Scan);
+    ASSERT_EQ(scans.size(), 2u);
+    EXPECT_EQ(scans[0].m_native_id, "controllerType=0 controllerNumber=1 scan=1");
+    EXPECT_EQ(scans[0].m_retention_time, 2);
+    EXPECT_EQ(scans[1].m_native_id, "");
 }
 
 // The same text with Windows line ends, after an over-long comment line.
@@ -246,6 +260,14 @@ TEST(KsWriter, RecordsBeyondTheIndexLimitLeaveTheIndexUnwritten) {
     EXPECT_EQ(data.substr(0, 4), std::string("\3\0\0\0", 4));
 }
 
+// The outputs written under a temporary name, opened on the full device as both.
+void open_on_full_device(SpectrumFile& head, std::string& unfinished_path) {
+    unfinished_path = "/dev/full";
+    head.m_path = "/dev/full";
+    head.m_mode = "w+";
+    head.m_stream = std::fopen("/dev/full", "w+");
+}
+
 // Every write, flush and close of an output is checked: a device that refuses
 // the bytes fails the file, naming it and the reason.
 TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
@@ -265,12 +287,20 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
         },
         [&] {
             CsvFile table;
-            table.m_unfinished_path = "/dev/full";
-            table.m_head.m_path = "/dev/full";
-            table.m_head.m_mode = "w";
-            table.m_head.m_stream = std::fopen("/dev/full", "w");
+            open_on_full_device(table.m_head, table.m_unfinished_path);
             write_csv_row(table, scan);
             finish_spectrum_file(table.m_head);
+        },
+        [&] {
+            MzmlFile mzml;
+            open_on_full_device(mzml.m_head, mzml.m_unfinished_path);
+            mzml.m_index = std::tmpfile();
+            MzmlSpectrum spectrum;
+            spectrum.m_peaks = scan.m_peaks;
+            std::string text;
+            format_mzml_spectrum(text, spectrum, {}, mzml.m_scratch);
+            write_mzml_spectrum(mzml, "scan=1", text);
+            finish_mzml_file(mzml);
         },
     };
     test::CaptureStream out(std::cout);
