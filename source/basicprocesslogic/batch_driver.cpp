@@ -67,9 +67,12 @@ void run_batch(const UserParameters& params) {
         } else {
             // A file of unknown extension leaves the configured word in force,
             // and only the three instrument words have a flow here.
+            // A file of another extension has no flow either: its own word is
+            // the one refused.
             const std::string configured = to_lower(format);
-            if (!is_instrument_word(configured)) {
-                throw "Argument input_format(-F) invalid: " + format +
+            const bool no_flow = !is_instrument_word(configured);
+            if (no_flow || (file_exists(entry) && !is_instrument_word(word))) {
+                throw "Argument input_format(-F) invalid: " + (no_flow ? format : word) +
                     "; input_format should be raw, mzxml or mzml for " + entry;
             }
             run_each(params, list_files(entry, instrument_extensions(configured)), format, ipv,
