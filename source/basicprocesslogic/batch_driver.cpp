@@ -37,8 +37,13 @@ std::vector<std::string> instrument_extensions(const std::string& format) {
 // input itself: a second run on the same input waits here, and its flow's
 // resume check then finds the work done.
 template <typename Flow>
-void run_each(const UserParameters& params, const std::vector<std::string>& files,
-              const std::string& format, const IpvTable& ipv, Flow flow) {
+void run_each(const UserParameters& params, const std::string& entry,
+              const std::vector<std::string>& files, const std::string& format, const IpvTable& ipv,
+              Flow flow) {
+    // Only a directory lists nothing: a file of another extension is refused.
+    if (files.empty()) {
+        log("WARN", "Directory " + entry + " holds no input of the format " + format);
+    }
     for (const std::string& path : files) {
         const FileContext file = file_context(params, path, format, &ipv);
         const ExclusiveFileLock lock(
@@ -60,10 +65,10 @@ void run_batch(const UserParameters& params) {
             format = word;
         }
         if (word == "ms1") {
-            run_each(params, list_files(entry, ".ms1"), format, ipv,
+            run_each(params, entry, list_files(entry, ".ms1"), format, ipv,
                      [](const UserParameters& p, const FileContext& f) { process_ms_files(p, f); });
         } else if (word == "mgf") {
-            run_each(params, list_files(entry, ".mgf"), format, ipv, process_mgf_file);
+            run_each(params, entry, list_files(entry, ".mgf"), format, ipv, process_mgf_file);
         } else {
             // A file of unknown extension leaves the configured word in force,
             // and only the three instrument words have a flow here.
@@ -75,8 +80,8 @@ void run_batch(const UserParameters& params) {
                 throw "Argument input_format(-F) invalid: " + (no_flow ? format : word) +
                     "; input_format should be raw, mzxml or mzml for " + entry;
             }
-            run_each(params, list_files(entry, instrument_extensions(configured)), format, ipv,
-                     process_instrument_file);
+            run_each(params, entry, list_files(entry, instrument_extensions(configured)), format,
+                     ipv, process_instrument_file);
         }
     }
 }

@@ -15,6 +15,7 @@
 // the isotope table and their own scratch.
 #include <condition_variable>
 #include <exception>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -54,7 +55,8 @@ struct MsPipeline {
     std::optional<KsFileSet> ks2;
     std::optional<MgfFileSet> mgf;
     Ms1Window window;
-    std::set<std::string> keys;  // activation-and-instrument keys that had output
+    std::set<std::string> keys;            // activation-and-instrument keys that had output
+    std::map<std::string, int64_t> gated;  // scans the gate skipped, by activation word
     ValidationCounts validation;
 };
 
@@ -206,9 +208,11 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
         return false;
     }
     read_ahead(p, ms1, work.scan, work.told);
-    // Scans outside the known activation and instrument types leave no trace.
+    // Scans outside the known activation and instrument types leave no trace
+    // in the output; the file's count of them is told at its end.
     work.passes = passes_gate(work.scan);
     if (!work.passes) {
+        ++p.gated[work.scan.m_activation_type];
         return true;
     }
     const int32_t count = p.ms2.m_head.m_scan_count;
@@ -403,11 +407,32 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
     start_ms1_window(p.window, params, file.m_path);
 }
 
+// One "WARN" line for a file without MS2 scans, and one for the scans that the
+// gate skipped (activation or instrument type not handled), by activation word.
+void report_unused_scans(const SpectrumFile& ms2, const std::map<std::string, int64_t>& gated) {
+    if (ms2.m_scan_count == 0) {
+        log("WARN", ms2.m_path + " holds no MS2 scan");
+    }
+    if (gated.empty()) {
+        return;
+    }
+    int64_t total = 0;
+    std::string words;
+    for (const auto& [word, count] : gated) {
+        total += count;
+        words += (words.empty() ? "" : ", ") + (word.empty() ? "none" : word) + " " +
+                 std::to_string(count);
+    }
+    log("WARN", "Skipped " + std::to_string(total) + " MS2 scans of " + ms2.m_path +
+                    " whose activation or instrument type kSieve does not handle: " + words);
+}
+
 // The precursor table is renamed last: a <stem>.csv on disk means that every
 // other output of the file is complete, which the resume check relies on.
 void close_pipeline(MsPipeline& p) {
     report_dropped_values(p.ms1.m_head.m_path, p.ms1.m_dropped);
     report_dropped_values(p.ms2.m_head.m_path, p.ms2.m_dropped);
+    report_unused_scans(p.ms2.m_head, p.gated);
     finish_spectrum_file(p.ms1.m_head);
     release_spectrum_file(p.ms1.m_head);
     if (p.ks1) {
