@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -78,8 +79,8 @@ struct ApplyValue {
         m_record.*field = m_text != "0";
     }
     void operator()(int32_t UserParameters::*field) const {
-        // The original keys keep reading "2.5" as 2; a later one is refused.
-        if (!m_row.m_original && !is_whole_int(m_text)) {
+        // The other keys keep reading "2.5" as 2; a thread count is the whole text.
+        if (m_row.m_key == std::string_view("threads") && !is_whole_int(m_text)) {
             throw "cannot turn param: <name:" + name() + "> <value:" + m_text + "> into an int.";
         }
         m_record.*field = to_int(m_text, name());

@@ -130,8 +130,8 @@ UserParameters read_command_line(int argc, char** argv);
 // environment variable KSIEVE_THREADS stands in for it (text that is not a
 // whole number throws "cannot turn environment variable: <name:KSIEVE_THREADS>
 // <value:...> into an int."). An original flag is false only for the
-// text "0"; a later flag takes "0" or "1" only; a later key's integer is the
-// whole text ("2.5" and "1e3" are refused as to_int refuses "x"). A number outside its row's range
+// text "0"; a later flag takes "0" or "1" only; the threads value is the whole
+// text ("2.5" and "1e3" are refused as to_int refuses "x"). A number outside its row's range
 // throws "Argument <key>(-<letter>) invalid: <value>; <key> should be " +
 // accepted_text (no letter part for a parameter-file key). Paths come from datapath1..datapathN
 // when datanum is present (a missing one throws "Unable to find User Defined
