@@ -1,6 +1,8 @@
 #!/bin/bash
 # Peak memory (maximum resident set) of kSieve on a dense and a sparse synthetic
-# run, with the default memory ceiling and with a small one.
+# run, with the default memory ceiling and with a small one; the sparse run also
+# with a ceiling of 0, below one scan's window, where every MS2 scan reads its
+# MS1 slices again (the dense run would take minutes there).
 #   bash bench/memory/run.sh <build>/bin
 set -euo pipefail
 bin=$(cd "$1" && pwd)
@@ -11,7 +13,11 @@ trap 'rm -rf "$work"' EXIT
 cp "$bin/IPV.txt" "$work/"
 cd "$work"
 for run in dense sparse; do
-  for ceiling in 1024 16; do
+  ceilings="1024 16"
+  if [ "$run" = sparse ]; then
+    ceilings="$ceilings 0"
+  fi
+  for ceiling in $ceilings; do
     printf 'datapath = %s/dense.ms1\nrewrite_files = 1\noutput_mgf = 0\nmemory_ceiling_mib = %s\n' \
       "$run" "$ceiling" > "$run.params"
     /usr/bin/time -f "$run ceiling=${ceiling}MiB: %M KiB max resident, %e s" \

@@ -134,6 +134,7 @@ struct Ms1Window {
     std::size_t m_first_held = 0;  // records before it were let go, or cannot be
     std::string m_path;            // the `.ms1` file
     LineFile m_reread;             // a second stream on it, opened on first need
+    bool m_told_short = false;     // the ceiling was found below one scan's window
 };
 // The ceiling in bytes that memory_ceiling_mib sets.
 std::size_t ms1_ceiling_bytes(const UserParameters& params);
@@ -145,6 +146,9 @@ void pop_ms1_scan(Ms1Window& window);
 // Reads again the let-go lists that detection of `ms2` reads; returns the range
 // to hand to release_ms1_scans afterwards.
 std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2Spectrum& ms2);
+// True the first time the lists of [first, end) together exceed the ceiling:
+// every scan then reads its slices again, which the caller tells once.
+bool first_window_over_ceiling(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
 // Lets the lists of [first, end) go again while the window is over its ceiling.
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
 

@@ -1,3 +1,5 @@
+#include <map>
+#include <string>
 
 #include "basicprocesslogic.h"
 #include "featuresextractor.h"
@@ -44,17 +46,35 @@ std::vector<std::string> without_own_mzml(std::vector<std::string> files) {
     return files;
 }
 
+// What the data paths of one batch share: the isotope table, and the first
+// input written to each <output directory>/<stem>.
+struct Batch {
+    const UserParameters& params;
+    const IpvTable& ipv;
+    std::map<std::string, std::string> first_of_stem;
+};
+
 // Each file of one data path through `flow`, under an exclusive lock on the
 // input itself: a second run on the same input waits here, and its flow's
-// resume check then finds the work done.
+// resume check then finds the work done. A second input of one stem (run.mzML
+// and run.mzML.gz) is named beside the first, as its flow finds their results.
 template <typename Flow>
-void run_each(const UserParameters& params, const std::vector<std::string>& files,
-              const std::string& format, const IpvTable& ipv, Flow flow) {
+void run_each(Batch& batch, const std::string& entry, const std::vector<std::string>& files,
+              const std::string& format, Flow flow) {
+    // Only a directory lists nothing: a file of another extension is refused.
+    if (files.empty()) {
+        log("WARN", "Directory " + entry + " holds no input of the format " + format);
+    }
     for (const std::string& path : files) {
-        const FileContext file = file_context(params, path, format, &ipv);
+        const FileContext file = file_context(batch.params, path, format, &batch.ipv);
+        const auto [first, inserted] = batch.first_of_stem.emplace(output_path(file, ""), path);
+        if (!inserted && first->second != path) {
+            log("WARN",
+                path + " has the stem of " + first->second + ": both write " + first->first + ".*");
+        }
         const ExclusiveFileLock lock(
             path, [&file] { log_info("waiting for another kSieve run on " + file.m_stem); });
-        flow(params, file);
+        flow(batch.params, file);
     }
 }
 
@@ -62,6 +82,7 @@ void run_each(const UserParameters& params, const std::vector<std::string>& file
 
 void run_batch(const UserParameters& params) {
     const IpvTable ipv = read_ipv_file(shipped_file(params.m_ipv_file));
+    Batch batch{params, ipv, {}};
     std::string format = params.m_input_format;
     for (const std::string& entry : params.m_datapaths) {
         const std::string word = input_format_of(entry, format);
@@ -71,23 +92,24 @@ void run_batch(const UserParameters& params) {
             format = word;
         }
         if (word == "ms1") {
-            run_each(params, list_files(entry, ".ms1"), format, ipv,
+            run_each(batch, entry, list_files(entry, ".ms1"), format,
                      [](const UserParameters& p, const FileContext& f) { process_ms_files(p, f); });
         } else if (word == "mgf") {
-            run_each(params, list_files(entry, ".mgf"), format, ipv, process_mgf_file);
+            run_each(batch, entry, list_files(entry, ".mgf"), format, process_mgf_file);
         } else {
-            // A file of unknown extension leaves the configured word in force,
-            // and only the three instrument words have a flow here.
+            // Only the three instrument words have a flow here; a file of another
+            // extension has none either, and its own word is the one refused.
             const std::string configured = to_lower(format);
-            if (!is_instrument_word(configured)) {
-                throw "Argument input_format(-F) invalid: " + format +
+            const bool no_flow = !is_instrument_word(configured);
+            if (no_flow || (file_exists(entry) && !is_instrument_word(word))) {
+                throw "Argument input_format(-F) invalid: " + (no_flow ? format : word) +
                     "; input_format should be raw, mzxml or mzml for " + entry;
             }
             std::vector<std::string> files = list_files(entry, instrument_extensions(configured));
             if (directory_exists(entry)) {
                 files = without_own_mzml(std::move(files));
             }
-            run_each(params, files, format, ipv, process_instrument_file);
+            run_each(batch, entry, files, format, process_instrument_file);
         }
     }
 }

@@ -57,8 +57,9 @@ void process_mgf_file(const UserParameters& params, const FileContext& file) {
             finish_spectrum_file(ks2->m_head);
             release_spectrum_file(ks2->m_head);
         }
-    } catch (const WriteFailure&) {
-        // A short file must not pass for a converted one.
+    } catch (...) {
+        // A short file must not pass for a converted one, whether a write or
+        // the input (a title that cannot be read) ended it.
         if (ks2) {
             discard_file(output_path(file, ".ks2"));
             discard_file(output_path(file, ".ks2idx"));

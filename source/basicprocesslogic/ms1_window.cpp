@@ -104,6 +104,18 @@ std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2S
     return {range->m_first, range->m_end};
 }
 
+bool first_window_over_ceiling(Ms1Window& window, std::pair<std::size_t, std::size_t> range) {
+    if (window.m_told_short) {
+        return false;
+    }
+    std::size_t bytes = 0;
+    for (std::size_t i = range.first; i < range.second; ++i) {
+        bytes += bytes_of(window.m_store[i]);
+    }
+    window.m_told_short = bytes > window.m_ceiling_bytes;
+    return window.m_told_short;
+}
+
 void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range) {
     for (std::size_t i = range.first; i < range.second && i < window.m_first_held &&
                                       window.m_held_bytes > window.m_ceiling_bytes;

@@ -15,6 +15,7 @@
 // the isotope table and their own scratch.
 #include <condition_variable>
 #include <exception>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -56,7 +57,8 @@ struct MsPipeline {
     SurveyWindows windows;
     std::optional<CsvFile> evidence;
     std::optional<MzmlStage> mzml;
-    std::set<std::string> keys;  // activation-and-instrument keys that had output
+    std::set<std::string> keys;            // activation-and-instrument keys that had output
+    std::map<std::string, int64_t> gated;  // scans the gate skipped, by activation word
     ValidationCounts validation;
     EvidenceCounts evidence_counts;
 };
@@ -199,6 +201,13 @@ void prepare_detection(const UserParameters& params, Ms1Window& window, ScanWork
         return;
     }
     const auto held = hold_ms1_scans(window, scan);
+    if (first_window_over_ceiling(window, held)) {
+        work.told.push_back(
+            {"WARN", "The memory ceiling of " + std::to_string(params.m_memory_ceiling_mib) +
+                         " MiB cannot hold the MS1 window of scan " + std::to_string(scan.m_scan) +
+                         ": every scan reads its MS1 slices " + "again from " + window.m_path +
+                         ", which takes far longer"});
+    }
     work.raw = CollectMs1Slices(params.m_search_window, window.m_store, scan);
     work.times = FindSliceTimes(window.m_store, scan);
     release_ms1_scans(window, held);
@@ -229,9 +238,11 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     if (p.mzml) {
         work.parent_id = parent_native_id(window, work.scan.m_precursor_scan);
     }
-    // Scans outside the known activation and instrument types leave no trace.
+    // Scans outside the known activation and instrument types leave no trace
+    // in the output; the file's count of them is told at its end.
     work.passes = passes_gate(work.scan);
     if (!work.passes) {
+        ++p.gated[work.scan.m_activation_type];
         return true;
     }
     const int32_t count = p.ms2.m_head.m_scan_count;
@@ -457,11 +468,32 @@ void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContex
     start_survey_windows(p.windows, params, file.m_path);
 }
 
+// One "WARN" line for a file without MS2 scans, and one for the scans that the
+// gate skipped (activation or instrument type not handled), by activation word.
+void report_unused_scans(const SpectrumFile& ms2, const std::map<std::string, int64_t>& gated) {
+    if (ms2.m_scan_count == 0) {
+        log("WARN", ms2.m_path + " holds no MS2 scan");
+    }
+    if (gated.empty()) {
+        return;
+    }
+    int64_t total = 0;
+    std::string words;
+    for (const auto& [word, count] : gated) {
+        total += count;
+        words += (words.empty() ? "" : ", ") + (word.empty() ? "none" : word) + " " +
+                 std::to_string(count);
+    }
+    log("WARN", "Skipped " + std::to_string(total) + " MS2 scans of " + ms2.m_path +
+                    " whose activation or instrument type kSieve does not handle: " + words);
+}
+
 // The precursor table is renamed last: a <stem>.csv on disk means that every
 // other output of the file is complete, which the resume check relies on.
 void close_pipeline(MsPipeline& p) {
     report_dropped_values(p.ms1.m_head.m_path, p.ms1.m_dropped);
     report_dropped_values(p.ms2.m_head.m_path, p.ms2.m_dropped);
+    report_unused_scans(p.ms2.m_head, p.gated);
     finish_spectrum_file(p.ms1.m_head);
     release_spectrum_file(p.ms1.m_head);
     if (p.ks1) {

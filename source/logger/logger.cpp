@@ -3,8 +3,10 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <iostream>
+#include <string>
 
 #include "utils.h"
 
@@ -30,7 +32,17 @@ void Logger::set_directory(std::string directory) {
 // The companion that kSieve starts has no business with the log: the handle is
 // closed for it.
 void Logger::open_log_file() {
-    m_log_file = open_file(m_log_path, "a+", "Log Dump");
+    try {
+        m_log_file = open_file(m_log_path, "a+", "Log Dump");
+    } catch (const std::string& message) {
+        // A directory that exists but may not be written to looks fine to the
+        // user: the system's reason tells what is wrong.
+        const int reason = errno;
+        if (reason == EACCES || reason == EPERM || reason == EROFS) {
+            throw message + ": " + std::strerror(reason);
+        }
+        throw;
+    }
     fcntl(fileno(m_log_file), F_SETFD, FD_CLOEXEC);
 }
 

@@ -31,7 +31,8 @@ class Logger {
 
     // Opens <directory>/kSievePlusLog.txt in mode "a+" and writes what was held so
     // far, then logs "kSieve writes logs in " + path. Throws the open_file message
-    // with the label "Log Dump" when the file cannot be opened.
+    // with the label "Log Dump" when the file cannot be opened, followed by ": " and
+    // the system's reason when the directory may not be written to.
     void set_directory(std::string directory);
 
     // Adds text to the log (the file, once it is open) without showing it on the

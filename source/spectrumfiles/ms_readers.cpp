@@ -188,7 +188,7 @@ void add_peak_line(char* line, PeakList& peaks, DroppedValues& dropped) {
 }
 
 bool has_finite_targets(const MS2Spectrum& scan) {
-    return std::isfinite(scan.m_activation_center) &&
+    return std::isfinite(scan.m_activation_center) && std::isfinite(scan.m_retention_time) &&
            std::all_of(scan.m_precursors.begin(), scan.m_precursors.end(),
                        [](const Precursor& p) { return std::isfinite(p.m_mz); });
 }

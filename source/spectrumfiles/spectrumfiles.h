@@ -152,7 +152,8 @@ Peak parse_peak_line(char* line);
 // Parses the line and appends the peak unless it is one that no instrument
 // writes (see DroppedValues), which is counted instead.
 void add_peak_line(char* line, PeakList& peaks, DroppedValues& dropped);
-// Whether the scan's activation centre and declared precursor m/z are all finite.
+// Whether the scan's activation centre, retention time and declared precursor
+// m/z are all finite.
 bool has_finite_targets(const MS2Spectrum& scan);
 // One "WARN" line naming the file and the counts, when anything was dropped.
 void report_dropped_values(const std::string& path, const DroppedValues& dropped);
@@ -330,8 +331,9 @@ using IpvRow = std::array<double, kIpvColumns>;
 
 // Reads whitespace-separated numbers, five per integer mass from 0 upwards, into
 // kIpvRows rows; rows the file does not reach stay 0. Reading stops at the end
-// of the file, at the end of the table, or at a token that is not a number.
-// Throws "Cannot open IPV Store File, Path: <path>".
+// of the file or at the end of the table. Throws "Cannot open IPV Store File,
+// Path: <path>", or "Bad IPV Store File, Path: <path>, line <n>: <why>" for a
+// file that holds no number, a token that is not a number or one not finite.
 std::vector<IpvRow> read_ipv_file(std::string path);
 
 }  // namespace ksieve

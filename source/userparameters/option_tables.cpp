@@ -74,10 +74,11 @@ const char* const kMarsModelHelp =
     "\t\t# 1024: Elin Sarto, 9 feature [Experimental].";
 
 // A NaN width or tolerance makes every window comparison false, and the window
-// searches then run off their peak lists; every other number, infinities
-// included, leads to a completed run and stays accepted.
+// searches then run off their peak lists; an infinite one makes every scan's
+// window the whole spectrum, and a NaN or infinite threshold switches detection
+// off or lets everything through. Every finite number leads to a completed run.
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr OptionRange kAnyNumber{-kInfinity, kInfinity, false, false};
+constexpr OptionRange kFiniteNumber{-kInfinity, kInfinity, true, true};
 constexpr OptionRange kCeilingRange{0.0, 1048576.0, false, false};
 constexpr OptionRange kThreadsRange{0.0, 4096.0, false, false};
 
@@ -172,19 +173,14 @@ std::vector<OptionRow> make_option_rows() {
          true,
          "4",
          "scoring model: 0, 1, 2, 3, 4, 5, 15, 250, 1024"},
-        {"mars_threshold",
-         "t",
-         &U::m_mars_threshold,
-         {},
-         "\t\t# Be careful with this. Never try to revise this one.",
-         true,
-         "-0.34",
+        {"mars_threshold", "t", &U::m_mars_threshold, kFiniteNumber,
+         "\t\t# Be careful with this. Never try to revise this one.", true, "-0.34",
          "score a precursor must exceed"},
-        {"isolation_width", "W", &U::m_isolation_width, kAnyNumber,
+        {"isolation_width", "W", &U::m_isolation_width, kFiniteNumber,
          "\t\t# Options: 2 / 2.5 / 3 / 4.", true, "2.0", "isolation window width, m/z"},
-        {"recalibrate_window", "R", &U::m_recalibrate_window, kAnyNumber, nullptr, true, "7.0",
+        {"recalibrate_window", "R", &U::m_recalibrate_window, kFiniteNumber, nullptr, true, "7.0",
          "ppm window of the final m/z recalibration"},
-        {"mstol", "", &U::m_mstol, kAnyNumber, nullptr, true, "20",
+        {"mstol", "", &U::m_mstol, kFiniteNumber, nullptr, true, "20",
          "MS1 tolerance, in ppm or m/z by `mstolppm`; parameter file only"},
         {"mstolppm",
          "",
@@ -345,7 +341,7 @@ ParameterMap g_default_values = default_values();
 
 std::string accepted_text(const OptionRange& range) {
     if (std::isinf(range.m_low) && std::isinf(range.m_high)) {
-        return "a number, not NaN";
+        return "a finite number";
     }
     const auto number = [](double value) {
         std::string text = format_double(value);

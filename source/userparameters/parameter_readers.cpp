@@ -3,9 +3,11 @@
 // echo and finalise.
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -44,9 +46,20 @@ bool in_range(double value, const OptionRange& range) {
 
 void check_range(const OptionRow& row, const std::string& text, double value) {
     if (row.m_range && !in_range(value, *row.m_range)) {
+        const bool unbounded = std::isinf(row.m_range->m_low) && std::isinf(row.m_range->m_high);
         throw "Argument " + option_name(row) + " invalid: " + text + "; " + row.m_key +
-            " should be " + accepted_text(*row.m_range);
+            " should be " +
+            (unbounded && std::isnan(value) ? "a number, not NaN" : accepted_text(*row.m_range));
     }
+}
+
+// Whether all of `text` is one integer that fits 32 bits.
+bool is_whole_int(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    return end != text.c_str() && *end == '\0' && errno != ERANGE && number >= INT32_MIN &&
+           number <= INT32_MAX;
 }
 
 // Copies one present key into its field. An original flag is off only for the
@@ -66,6 +79,10 @@ struct ApplyValue {
         m_record.*field = m_text != "0";
     }
     void operator()(int32_t UserParameters::*field) const {
+        // The other keys keep reading "2.5" as 2; a thread count is the whole text.
+        if (m_row.m_key == std::string_view("threads") && !is_whole_int(m_text)) {
+            throw "cannot turn param: <name:" + name() + "> <value:" + m_text + "> into an int.";
+        }
         m_record.*field = to_int(m_text, name());
         check_range(m_row, m_text, m_record.*field);
     }
@@ -101,10 +118,14 @@ std::vector<std::string> named_data_paths(const ParameterMap& map) {
     return paths;
 }
 
-// A path that names nothing costs the user a warning, not the run.
+// A path that names nothing costs the user a warning, not the run; a symbolic
+// link that leads nowhere was meant to name something, and is refused.
 void apply_data_paths(const ParameterMap& map, UserParameters& record) {
     for (std::string& path : named_data_paths(map)) {
         path = rtrim(std::move(path), kPathSeparators);
+        if (!path_exists(path) && is_symbolic_link(path)) {
+            throw "Cannot open  File, Path: " + path + " is a broken symbolic link";
+        }
         if (!path_exists(path)) {
             log("WARN", "Datapath: " + path + "is not a valid datapath.");
             continue;
@@ -207,6 +228,10 @@ void apply_parameters(UserParameters& record, ParameterMap map) {
     // The key of the parameter file wins over the environment.
     if (const char* threads = std::getenv("KSIEVE_THREADS");
         threads != nullptr && map.count("threads") == 0) {
+        if (!is_whole_int(threads)) {
+            throw std::string("cannot turn environment variable: <name:KSIEVE_THREADS> <value:") +
+                threads + "> into an int.";
+        }
         map["threads"] = threads;
     }
     // The order of the rows decides which of several bad values the user hears about.

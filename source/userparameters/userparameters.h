@@ -102,8 +102,9 @@ const std::vector<OptionRow>& option_rows();
 std::string field_text(const UserParameters& record, const OptionField& field);
 // The README table of options (Markdown), generated from option_rows.
 std::string option_table_markdown();
-// "a number in [0, 1048576]", or "a number, not NaN" for an unbounded range: the
-// accepted values as the messages and the README write them.
+// "a number in [0, 1048576]", or "a finite number" for a range open at both
+// infinities: the accepted values as the messages and the README write them.
+// (A NaN given for such a key is told it "should be a number, not NaN".)
 std::string accepted_text(const OptionRange& range);
 
 // Option letter (without the dash) to long key; 18 rows, case-sensitive.
@@ -132,8 +133,11 @@ UserParameters read_command_line(int argc, char** argv);
 // Copies the keys present in `map` into `record`, in the order of option_rows
 // (booleans, integers, doubles, mstolppm, strings, then the later keys), then the
 // data paths; the first bad value ends it. Without a threads key, the
-// environment variable KSIEVE_THREADS stands in for it. An original flag is false only for the
-// text "0"; a later flag takes "0" or "1" only. A number outside its row's range
+// environment variable KSIEVE_THREADS stands in for it (text that is not a
+// whole number throws "cannot turn environment variable: <name:KSIEVE_THREADS>
+// <value:...> into an int."). An original flag is false only for the
+// text "0"; a later flag takes "0" or "1" only; the threads value is the whole
+// text ("2.5" and "1e3" are refused as to_int refuses "x"). A number outside its row's range
 // throws "Argument <key>(-<letter>) invalid: <value>; <key> should be " +
 // accepted_text (no letter part for a parameter-file key). Paths come from datapath1..datapathN
 // when datanum is present (a missing one throws "Unable to find User Defined

@@ -1,7 +1,9 @@
 #include "utils.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -211,11 +213,16 @@ std::string join_path(std::vector<std::string> parts) {
 }
 
 bool file_exists(std::string path) {
+    // A FIFO would block the open until something writes to it: such a path is
+    // there, and open_file refuses it by name.
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode)) {
+        return true;
+    }
     std::FILE* file = std::fopen(path.c_str(), "r");
     if (file == nullptr) {
         return false;
     }
-    struct stat info {};
     const bool is_directory = fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode);
     std::fclose(file);
     return !is_directory;
@@ -229,17 +236,54 @@ bool path_exists(std::string path) {
     return file_exists(path) || directory_exists(path);
 }
 
+bool is_symbolic_link(const std::string& path) {
+    struct stat info {};
+    return lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+}
+
+namespace {
+
+// Opens for reading without waiting on a FIFO, so that its kind is known before
+// anything is read; null (errno set) when it cannot be opened.
+std::FILE* open_for_reading(const std::string& path, struct stat& info) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (fstat(fd, &info) != 0 || fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+        close(fd);
+        return nullptr;
+    }
+    std::FILE* file = fdopen(fd, "r");
+    if (file == nullptr) {
+        close(fd);
+    }
+    return file;
+}
+
+}  // namespace
+
 std::FILE* open_file(std::string path, std::string mode, std::string label) {
-    std::FILE* file = std::fopen(path.c_str(), mode.c_str());
+    struct stat info {};
+    const bool reading = mode == "r";
+    std::FILE* file =
+        reading ? open_for_reading(path, info) : std::fopen(path.c_str(), mode.c_str());
     if (file == nullptr) {
         throw "Cannot open " + label + " File, Path: " + path;
     }
     // A directory opens for reading and then reads as an empty file: an input
-    // silently empty, or an isotope table silently all zeros.
-    struct stat info {};
-    if (fstat(fileno(file), &info) == 0 && S_ISDIR(info.st_mode)) {
+    // silently empty, or an isotope table silently all zeros. A FIFO or a
+    // device would hold the run or never end.
+    if (!reading && fstat(fileno(file), &info) != 0) {
+        info = {};
+    }
+    if (S_ISDIR(info.st_mode)) {
         std::fclose(file);
         throw "Cannot open " + label + " File, Path: " + path + " is a directory";
+    }
+    if (reading && !S_ISREG(info.st_mode)) {
+        std::fclose(file);
+        throw "Cannot open " + label + " File, Path: " + path + " is not a regular file";
     }
     return file;
 }

@@ -55,15 +55,19 @@ std::vector<std::string> split(std::string text, std::string set);
 // dropped first; an empty first part adds no separator.
 std::string join_path(std::vector<std::string> parts);
 
-// True only for a path that opens for reading and is not a directory.
+// True for a path that opens for reading and is not a directory, and for a
+// FIFO or device (which is not opened to find out).
 bool file_exists(std::string path);
 // True when the path opens as a directory.
 bool directory_exists(std::string path);
 bool path_exists(std::string path);
+// True when the path itself is a symbolic link, whether it leads anywhere or not.
+bool is_symbolic_link(const std::string& path);
 
 // fopen(path, mode); the caller owns the handle.
 // Throws "Cannot open " + label + " File, Path: " + path, with " is a directory"
-// added when the path names a directory.
+// added when the path names a directory, and with " is not a regular file" when
+// a path opened for reading ("r") is a FIFO, a device or a socket.
 std::FILE* open_file(std::string path, std::string mode, std::string label);
 
 // Creates the directory and any missing parent levels with mkdir(2), every byte of

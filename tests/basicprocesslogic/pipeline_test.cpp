@@ -94,7 +94,9 @@ std::vector<std::pair<double, double>> peak_pairs(const PeakList& peaks) {
 }
 
 // The slices that detection saw of each MS2 scan.
-std::vector<Ms1Slices> run_with_ceiling(int32_t ceiling_mib, const test::TempDir& out) {
+// Its standard error goes to `errors_text` when given.
+std::vector<Ms1Slices> run_with_ceiling(int32_t ceiling_mib, const test::TempDir& out,
+                                        std::string* errors_text = nullptr) {
     UserParameters params;
     params.m_outputpath = out.path().string();
     params.m_memory_ceiling_mib = ceiling_mib;
@@ -112,16 +114,27 @@ std::vector<Ms1Slices> run_with_ceiling(int32_t ceiling_mib, const test::TempDir
     test::CaptureStream output(std::cout);
     process_ms_files(params, file, detector);
     std::fflush(nullptr);
+    if (errors_text != nullptr) {
+        *errors_text = errors.text();
+    }
     return seen;
 }
 
 // At a ceiling of nothing every list is let go as soon as it enters the window
 // and read again for the parent's neighbourhood only; detection sees the same
 // peaks, and every output keeps its bytes.
+// The ceiling that cannot hold a scan's window is told once per file, as it
+// costs time (every scan reads its slices again); one that can is not.
 TEST(PipelineTest, AnyMemoryCeilingGivesIdenticalResults) {
     const test::TempDir tiny_out, roomy_out;
-    const std::vector<Ms1Slices> tiny = run_with_ceiling(0, tiny_out);
-    const std::vector<Ms1Slices> roomy = run_with_ceiling(1024, roomy_out);
+    std::string tiny_errors, roomy_errors;
+    const std::vector<Ms1Slices> tiny = run_with_ceiling(0, tiny_out, &tiny_errors);
+    const std::vector<Ms1Slices> roomy = run_with_ceiling(1024, roomy_out, &roomy_errors);
+    const std::string warning = "<WARN> - The memory ceiling of 0 MiB cannot hold the MS1 window";
+    const std::size_t first = tiny_errors.find(warning);
+    EXPECT_NE(first, std::string::npos) << tiny_errors;
+    EXPECT_EQ(tiny_errors.find(warning, first + 1), std::string::npos) << tiny_errors;
+    EXPECT_EQ(roomy_errors.find("memory ceiling"), std::string::npos) << roomy_errors;
     ASSERT_EQ(tiny.size(), roomy.size());
     ASSERT_FALSE(tiny.empty());
     std::size_t reread = 0;

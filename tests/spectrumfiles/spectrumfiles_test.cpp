@@ -348,17 +348,19 @@ TEST(ImplausibleValues, PeaksOutsideTheRangeAreDroppedAndCountedByEveryReader) {
     }
 }
 
-// A scan whose isolation target or declared precursor is not a number is left
-// out whole; its neighbours are read as ever.
+// A scan whose isolation target, declared precursor or retention time is not
+// a number is left out whole; its neighbours are read as ever.
 TEST(ImplausibleValues, ScansWithoutFiniteTargetsAreSkipped) {
     const std::string ms2_text =
         "S\t1\t1\nI\tActivationCenter\tnan\nZ\t2\t1000\n10 1\n"
         "S\t2\t2\nI\tActivationCenter\t500\nZ\t2\tinf\n10 1\n"
-        "S\t3\t3\nI\tActivationCenter\t500\nZ\t2\t999\n10 1\n";
+        "S\t3\t3\nI\tActivationCenter\t500\nZ\t2\t999\n10 1\n"
+        "S\t4\t4\nI\tRetTime\tnan\nI\tActivationCenter\t500\nZ\t2\t999\n10 1\n"
+        "S\t5\t5\nI\tRetTime\t-inf\nI\tActivationCenter\t500\nZ\t2\t999\n10 1\n";
     const auto [ms2, ms2_dropped] = read_counting(ms2_text, ReadMs2Scan);
     ASSERT_EQ(ms2.size(), 1u);
     EXPECT_EQ(ms2[0].m_scan, 3);
-    EXPECT_EQ(ms2_dropped.m_scans, 2);
+    EXPECT_EQ(ms2_dropped.m_scans, 4);
     const auto [mgf, mgf_dropped] = read_counting(
         "TITLE=a.1.1.2.dta\nPEPMASS=-nan\n10 1\nEND IONS\nTITLE=a.2.2.2.dta\nPEPMASS=500\n10 "
         "1\nEND IONS\n",
@@ -366,6 +368,37 @@ TEST(ImplausibleValues, ScansWithoutFiniteTargetsAreSkipped) {
     ASSERT_EQ(mgf.size(), 1u);
     EXPECT_EQ(mgf[0].m_scan, 2);
     EXPECT_EQ(mgf_dropped.m_scans, 1);
+}
+
+// The isotope table: the shipped one reads whole; a table cut short at its end
+// keeps its rows; one that holds no number, junk or a value that is not finite
+// (which would switch detection off without a word) is refused with its line.
+TEST(IsotopeTable, ReadWholeOrRefusedWithItsLine) {
+    const std::vector<IpvRow> shipped =
+        read_ipv_file(std::string(KSIEVE_SOURCE_DIR) + "/data/IPV.txt");
+    ASSERT_EQ(shipped.size(), static_cast<std::size_t>(kIpvRows));
+    EXPECT_EQ(shipped[2], (IpvRow{1, 0.000537747, 4.1284e-05, 0, 0}));
+    EXPECT_NE(shipped[kIpvRows - 1][0], 0.0);
+    test::TempDir dir;
+    const std::string path = dir.file("IPV.txt");
+    test::write_file(path, "1 0 0 0 0\n0.5 0.5 0 0 0");
+    const std::vector<IpvRow> cut = read_ipv_file(path);
+    EXPECT_EQ(cut[1], (IpvRow{0.5, 0.5, 0, 0, 0}));
+    EXPECT_EQ(cut[2], (IpvRow{}));
+    const std::pair<std::string, std::string> refused[] = {
+        {"", "line 1: no number"},
+        {"\n \n", "line 3: no number"},
+        {"\x89PNG\r\n\x1a\n\0\0", "line 1: not a number"},
+        {"1 0 0 0 0\n1 0 0 0 0\n1 nan 0 0 0\n", "line 3: not a finite number"},
+        {"1 0 0 0 0\n\n1 0.2 0 0 0 inf\n", "line 3: not a finite number"},
+        {"1 0 0 0 0\n1 0 0 x 0\n", "line 2: not a number"},
+    };
+    for (const auto& [text, line] : refused) {
+        test::write_file(path, text);
+        EXPECT_EQ(test::failure_of<const std::string&>([&] { read_ipv_file(path); }),
+                  "Bad IPV Store File, Path: " + path + ", " + line)
+            << text;
+    }
 }
 
 // Titles of other converters: the scan comes from "scan=N", else from the

@@ -159,6 +159,22 @@ TEST(WriteFailures, AnUnwritableLogEndsTheRun) {
         << run.err;
 }
 
+// An existing log directory that may not be written to: the system says why.
+// Permissions do not hold root back, so root gets a directory of /sys instead.
+TEST(WriteFailures, AReadOnlyLogDirectoryIsNamedWithTheReason) {
+    test::TempDir work;
+    const fs::path read_only = work.path() / "read only";
+    fs::create_directory(read_only);
+    fs::permissions(read_only, fs::perms::owner_read | fs::perms::owner_exec);
+    const std::string logs = geteuid() == 0 ? "/sys" : read_only.string();
+    const Outcome run = finish(start(work.path(), "run", {"-D", "nothing", "-L", logs}));
+    fs::permissions(read_only, fs::perms::owner_all);
+    EXPECT_EQ(run.exit, "255\n");
+    EXPECT_TRUE(contains(run.err, "[kSieve] <ERROR> - Cannot open Log Dump File, Path: " + logs +
+                                      "/kSievePlusLog.txt: Permission denied\n"))
+        << run.err;
+}
+
 // A stand-in companion that records each call and, for the stem "slow", holds
 // the extraction until the test creates the file "release".
 void write_blocking_companion(const fs::path& work) {

@@ -114,8 +114,9 @@ TEST(OptionTable, ReadmeListsTheGeneratedTable) {
     EXPECT_EQ(listed, option_table_markdown()) << option_table_markdown();
 }
 
-// Values that would stop the run later (a NaN width or tolerance) are refused
-// while reading, naming the key; everything that completes stays accepted.
+// Values that would stop the run later (a NaN width or tolerance) or spoil it
+// without a word (an infinite window, a NaN threshold, a fractional thread
+// count) are refused while reading, naming the key.
 TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
     struct Case {
         const char* m_key;
@@ -137,11 +138,24 @@ TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
         {"threads", "-1", "Argument threads invalid: -1; threads should be a number in [0, 4096]"},
         {"threads", "all",
          "cannot turn param: <name:User Defined Parameter: threads> <value:all> into an int."},
-        {"isolation_width", "inf", "<nothing thrown>"},
+        {"threads", "2.5",
+         "cannot turn param: <name:User Defined Parameter: threads> <value:2.5> into an int."},
+        {"threads", "1e3",
+         "cannot turn param: <name:User Defined Parameter: threads> <value:1e3> into an int."},
+        {"mars_threshold", "nan",
+         "Argument mars_threshold(-t) invalid: nan; mars_threshold should be a number, not NaN"},
+        {"mars_threshold", "-inf",
+         "Argument mars_threshold(-t) invalid: -inf; mars_threshold should be a finite number"},
+        {"isolation_width", "inf",
+         "Argument isolation_width(-W) invalid: inf; isolation_width should be a finite number"},
+        {"recalibrate_window", "+INF",
+         "Argument recalibrate_window(-R) invalid: +INF; recalibrate_window should be a finite "
+         "number"},
+        {"mstol", "-Infinity",
+         "Argument mstol invalid: -Infinity; mstol should be a finite number"},
         {"isolation_width", "-1", "<nothing thrown>"},
         {"recalibrate_window", "1e300", "<nothing thrown>"},
-        {"mstol", "-inf", "<nothing thrown>"},
-        {"mars_threshold", "nan", "<nothing thrown>"},
+        {"mars_threshold", "-0.5", "<nothing thrown>"},
         {"memory_ceiling_mib", "0", "<nothing thrown>"},
         {"mgf_conventions", "1", "<nothing thrown>"},
         {"threads", "0", "<nothing thrown>"},
@@ -153,6 +167,23 @@ TEST(OptionTable, BadValuesAreRefusedWithTheKeysName) {
         EXPECT_EQ(failure_of<const std::string&>([&] { apply_parameters(record, map); }),
                   c.m_failure)
             << c.m_key << " = " << c.m_value;
+    }
+}
+
+// A symbolic link that leads nowhere (dangling, or a loop) is refused by name:
+// dropping it as a path that names nothing ended such runs with nothing done.
+TEST(OptionTable, BrokenLinksAreRefusedByName) {
+    test::TempDir dir;
+    const std::string dangling = dir.file("gone.mzML"), loop = dir.file("loop.ms1");
+    ASSERT_EQ(symlink("nowhere.mzML", dangling.c_str()), 0);
+    ASSERT_EQ(symlink("loop.ms1", loop.c_str()), 0);
+    for (const std::string& path : {dangling, loop}) {
+        UserParameters record;
+        EXPECT_EQ(failure_of<const std::string&>([&] {
+                      apply_parameters(record, {{"datapath", path}});
+                  }),
+                  "Cannot open  File, Path: " + path + " is a broken symbolic link")
+            << path;
     }
 }
 
@@ -172,7 +203,10 @@ TEST(OptionTable, TheThreadsKeyWinsOverTheEnvironment) {
         {"-2", std::nullopt, -1,
          "Argument threads invalid: -2; threads should be a number in [0, 4096]"},
         {"x", std::nullopt, -1,
-         "cannot turn param: <name:User Defined Parameter: threads> <value:x> into an int."},
+         "cannot turn environment variable: <name:KSIEVE_THREADS> <value:x> into an int."},
+        {"2.5", std::nullopt, -1,
+         "cannot turn environment variable: <name:KSIEVE_THREADS> <value:2.5> into an int."},
+        {"abc", "2", 2, "<nothing thrown>"},
     };
     for (const Case& c : cases) {
         ASSERT_EQ(setenv("KSIEVE_THREADS", c.m_environment, 1), 0);

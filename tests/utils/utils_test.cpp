@@ -10,6 +10,8 @@
 #include <random>
 #include <sstream>
 
+#include <sys/stat.h>
+
 #include "test_support.h"
 
 namespace ksieve {
@@ -45,6 +47,25 @@ TEST(FileHelpers, ExistenceAndFailureMessages) {
               "Cannot open Log Dump File, Path: " + missing);
     EXPECT_EQ(message_of([&] { list_files(file, ".raw"); }), "Cannot open File: " + file);
     EXPECT_EQ(message_of([&] { delete_file(missing); }), "<nothing thrown>");
+}
+
+// A FIFO would block the run until something writes to it, and a device never
+// ends: both are refused by name rather than read, and looking at them does
+// not open them.
+TEST(FileHelpers, OnlyRegularFilesAreRead) {
+    test::TempDir dir;
+    const std::string fifo = dir.file("run.ms1");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_TRUE(path_exists(fifo));
+    for (const std::string& path : {fifo, std::string("/dev/zero")}) {
+        EXPECT_EQ(message_of([&] { open_file(path, "r", ""); }),
+                  "Cannot open  File, Path: " + path + " is not a regular file");
+    }
+    const std::string file = dir.file("f");
+    test::write_file(file, "x");
+    std::FILE* opened = open_file(file, "r", "");
+    EXPECT_EQ(std::fgetc(opened), 'x');
+    std::fclose(opened);
 }
 
 // Names reach the file system exactly as given, whatever the shell would make

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -70,18 +71,32 @@ void decode_base64(std::string_view text, std::vector<unsigned char>& out) {
     out.resize(written);
 }
 
-void inflate_all(const std::vector<unsigned char>& in, std::vector<unsigned char>& out) {
+// "spectrum <id>, m/z array": which array of which spectrum a refusal is about.
+std::string array_label(const std::string& spectrum_id, EncodedArray::Kind kind) {
+    return "spectrum " + spectrum_id + ", " +
+           (kind == EncodedArray::kIntensity ? "intensity array"
+            : kind == EncodedArray::kMz      ? "m/z array"
+                                             : "m/z-intensity pairs");
+}
+
+// Inflates `in` into `out`, refusing a stream that would give more than
+// `limit` bytes: a small array can swell to gigabytes, so the limit that the
+// declared length sets is enforced before the memory is spent.
+void inflate_all(const std::vector<unsigned char>& in, std::size_t limit, long long declared,
+                 std::vector<unsigned char>& out, const std::string& spectrum_id,
+                 EncodedArray::Kind kind) {
     z_stream stream{};
     if (inflateInit(&stream) != Z_OK) {
         throw std::runtime_error("cannot start zlib");
     }
-    out.resize(std::max<std::size_t>(in.size() * 4, 1024));
+    // One byte beyond the limit shows whether the stream holds more.
+    out.resize(std::min(std::max<std::size_t>(in.size() * 4, 1024), limit + 1));
     stream.next_in = const_cast<unsigned char*>(in.data());
     stream.avail_in = static_cast<uInt>(in.size());
     int status = Z_OK;
-    while (status == Z_OK) {
+    while (status == Z_OK && stream.total_out <= limit) {
         if (stream.total_out == out.size()) {
-            out.resize(out.size() * 2);
+            out.resize(std::min(out.size() * 2, limit + 1));
         }
         stream.next_out = out.data() + stream.total_out;
         stream.avail_out = static_cast<uInt>(out.size() - stream.total_out);
@@ -93,8 +108,14 @@ void inflate_all(const std::vector<unsigned char>& in, std::vector<unsigned char
             status = Z_OK;
         }
     }
-    out.resize(stream.total_out);
+    const std::size_t total = stream.total_out;
     inflateEnd(&stream);
+    if (total > limit) {
+        throw std::runtime_error(array_label(spectrum_id, kind) + " inflates past the " +
+                                 std::to_string(limit) + " bytes that the " +
+                                 std::to_string(declared) + " values it declares can take");
+    }
+    out.resize(total);
     if (status != Z_STREAM_END) {
         throw std::runtime_error("bad zlib compression in a peak array");
     }
@@ -136,6 +157,44 @@ void unpack_numbers(const std::vector<unsigned char>& raw, int bytes, bool integ
     }
 }
 
+// The most bytes that `values` numbers can take as stored: MS-Numpress spends
+// at most 4.5 bytes a value (SLOF 2) after a header of at most 16 bytes.
+std::size_t stored_bytes_limit(const EncodedArray& a, std::size_t values) {
+    values = std::min(values, std::numeric_limits<std::size_t>::max() / 16);
+    return a.numpress == 0 ? values * static_cast<std::size_t>(a.bytes) : values * 5 + 16;
+}
+
+// Decodes MS-Numpress `raw` into `out`, first making sure that the bytes can
+// hold `expected` values, so that no corrupt header sizes the allocation.
+void decode_numpress(const std::vector<unsigned char>& raw, char method, std::size_t expected,
+                     std::vector<double>& out, const std::string& spectrum_id,
+                     EncodedArray::Kind kind) {
+    namespace np = pwiz::msdata::MSNumpress;
+    const std::size_t size = raw.size();
+    const bool fits = method == 's' ? size >= 8 && (size - 8) % 2 == 0 && (size - 8) / 2 == expected
+                      : method == 'l' ? size >= 8 && expected <= 2 * size
+                                      : expected <= 2 * size;
+    if (!fits) {
+        throw std::runtime_error(array_label(spectrum_id, kind) + ": " + std::to_string(size) +
+                                 " bytes of numpress data cannot hold the " +
+                                 std::to_string(expected) + " values it declares");
+    }
+    out.resize(size * 2 + 8);
+    std::size_t n = 0;
+    try {
+        n = method == 'l'   ? np::decodeLinear(raw.data(), size, out.data())
+            : method == 'p' ? np::decodePic(raw.data(), size, out.data())
+                            : np::decodeSlof(raw.data(), size, out.data());
+    } catch (const char* reason) {
+        throw std::runtime_error(array_label(spectrum_id, kind) + ": bad numpress data (" + reason +
+                                 ")");
+    }
+    if (n > out.size()) {
+        throw std::runtime_error(array_label(spectrum_id, kind) + ": bad numpress data");
+    }
+    out.resize(n);
+}
+
 }  // namespace
 
 void PeakDecoder::decode(RawSpectrum& spectrum) {
@@ -143,11 +202,16 @@ void PeakDecoder::decode(RawSpectrum& spectrum) {
     spectrum.intensity.clear();
     for (std::size_t i = 0; i < spectrum.array_count; ++i) {
         const EncodedArray& a = spectrum.arrays[i];
+        const long long per_value = a.kind == EncodedArray::kPairs ? 2 : 1;
+        const long long expected =
+            (a.length >= 0 ? a.length : spectrum.declared_length) * per_value;
+        const auto values = static_cast<std::size_t>(std::max(expected, 0LL));
         decode_base64(a.text, m_bytes);
         const std::vector<unsigned char>* raw = &m_bytes;
         // An empty array is stored as nothing, compressed or not.
         if (a.zlib && !m_bytes.empty()) {
-            inflate_all(m_bytes, m_inflated);
+            inflate_all(m_bytes, stored_bytes_limit(a, values), expected, m_inflated, spectrum.id,
+                        a.kind);
             raw = &m_inflated;
         }
         std::vector<double>& out = a.kind == EncodedArray::kIntensity ? spectrum.intensity
@@ -157,17 +221,8 @@ void PeakDecoder::decode(RawSpectrum& spectrum) {
         if (!raw->empty() && a.numpress == 0) {
             unpack_numbers(*raw, a.bytes, a.integer, a.big_endian, out);
         } else if (!raw->empty()) {
-            namespace np = pwiz::msdata::MSNumpress;
-            out.resize(raw->size() * 2 + 8);
-            std::size_t n =
-                a.numpress == 'l'   ? np::decodeLinear(raw->data(), raw->size(), out.data())
-                : a.numpress == 'p' ? np::decodePic(raw->data(), raw->size(), out.data())
-                                    : np::decodeSlof(raw->data(), raw->size(), out.data());
-            out.resize(n);
+            decode_numpress(*raw, a.numpress, values, out, spectrum.id, a.kind);
         }
-        const long long per_value = a.kind == EncodedArray::kPairs ? 2 : 1;
-        const long long expected =
-            (a.length >= 0 ? a.length : spectrum.declared_length) * per_value;
         if (static_cast<long long>(out.size()) != expected) {
             throw std::runtime_error(
                 "spectrum " + spectrum.id + " has " + std::to_string(out.size()) +

@@ -661,6 +661,11 @@ void XmlReader::read(const std::string& path, SpectrumSink& sink) {
             throw std::runtime_error(std::string("cannot read the file: ") + gzerror(file, &code));
         }
         last = got == 0;
+        int code = Z_OK;
+        if (last && (gzerror(file, &code), code == Z_BUF_ERROR)) {
+            throw std::runtime_error(
+                "the gzip stream is cut short before its check sum and length");
+        }
         if (XML_ParseBuffer(s.parser, got, last) != XML_STATUS_OK) {
             if (s.failure) {
                 std::rethrow_exception(s.failure);

@@ -6,8 +6,11 @@
 // by `PeakDecoder` (base64, zlib, MS-Numpress, 32/64-bit floats and integers,
 // either byte order), which may run on another thread than the parse.
 // Bad input: a document type declaration (which could define entities), XML
-// that is not well formed or ends early, bad base64, bad compression, a peak
-// array whose length differs from the declared one, or an unreadable number
+// that is not well formed or ends early, a gzip stream cut before its trailer,
+// bad base64, bad compression, a peak array whose length differs from the
+// declared one (a compressed array is inflated no further than its declared
+// length allows, and MS-Numpress bytes are measured against it before they are
+// decoded; these refusals name the spectrum and the array), or an unreadable number
 // stops the read with an exception whose message says what is wrong; no
 // entity is ever resolved.
 #pragma once

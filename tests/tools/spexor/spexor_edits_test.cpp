@@ -25,6 +25,9 @@ using ksieve::test::write_file;
 const std::string kHcd =
     R"(<cvParam cvRef="MS" accession="MS:1000422" name="beam-type collision-induced dissociation" />)";
 
+const std::string kZlib =
+    R"(<cvParam cvRef="MS" accession="MS:1000574" name="zlib compression" />)";
+
 std::string sample_text() {
     return read_file(std::string(KSIEVE_TEST_DATA_DIR) + "/spexor/hcd_crop.mzML");
 }
@@ -304,7 +307,7 @@ TEST(SpexorEdits, HostileFilesAreRefusedWithoutAMarker) {
          "bad zlib compression"},
         {"unequal arrays",
          replaced_first(sample, R"(defaultArrayLength="378")", R"(defaultArrayLength="377")"),
-         "where it declares"},
+         "the 377 values it declares"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -317,6 +320,73 @@ TEST(SpexorEdits, HostileFilesAreRefusedWithoutAMarker) {
         for (const char* name : {"run.spexor", "run.ms1", "run.ms1.part", "run.ms2.part"}) {
             EXPECT_FALSE(fs::exists(run.out / name)) << name;
         }
+    }
+}
+
+std::string base64_of(const std::string& bytes) {
+    const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        unsigned group = static_cast<unsigned char>(bytes[i]) << 16;
+        group |= i + 1 < bytes.size() ? static_cast<unsigned char>(bytes[i + 1]) << 8 : 0;
+        group |= i + 2 < bytes.size() ? static_cast<unsigned char>(bytes[i + 2]) : 0;
+        for (std::size_t k = 0; k < 4; ++k) {
+            text += i + k <= bytes.size() ? alphabet[(group >> (18 - 6 * k)) & 63] : '=';
+        }
+    }
+    return text;
+}
+
+std::string zlib_of(const std::string& bytes) {
+    uLongf size = compressBound(static_cast<uLong>(bytes.size()));
+    std::string packed(size, '\0');
+    EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(packed.data()), &size,
+                        reinterpret_cast<const Bytef*>(bytes.data()),
+                        static_cast<uLong>(bytes.size()), 9),
+              Z_OK);
+    packed.resize(size);
+    return packed;
+}
+
+// The first spectrum's m/z array (378 values declared) stored as `terms` and
+// `payload` instead.
+std::string first_mz_array_as(const std::string& terms, const std::string& payload) {
+    std::string text = replaced_first(sample_text(), kZlib, terms);
+    const std::size_t from = text.find("<binary>") + 8;
+    return text.replace(from, text.find("</binary>", from) - from, base64_of(payload));
+}
+
+// Arrays that would swell far past their declared length are stopped there,
+// within a memory limit that the whole swollen array would break.
+TEST(SpexorEdits, BombsAndShortArraysAreRefusedByName) {
+    const std::string bomb = zlib_of(std::string(std::size_t{256} << 20, '\0'));
+    struct Case {
+        const char* what;
+        std::string text;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"zlib bomb", first_mz_array_as(kZlib, bomb),
+         "inflates past the 3024 bytes that the 378 values it declares"},
+        {"numpress bomb", first_mz_array_as(term("MS:1002746"), bomb),
+         "inflates past the 1906 bytes that the 378 values it declares"},
+        {"short numpress", first_mz_array_as(term("MS:1002312"), std::string(6, '\0')),
+         "bytes of numpress data cannot hold the 378 values it declares"},
+        {"numpress too short for its length",
+         first_mz_array_as(term("MS:1002314"), std::string(12, '\1')),
+         "bytes of numpress data cannot hold the 378 values it declares"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        CompanionRun run;
+        write_file(run.dir.file("run.mzML"), c.text);
+        EXPECT_EQ(run.exec("spexor_xml.exe", run.dir.file("run.mzML"), "ulimit -v 400000; "), 1);
+        EXPECT_NE(run.stderr_text.find(c.message), std::string::npos) << run.stderr_text;
+        EXPECT_NE(run.stderr_text.find("spectrum controllerType=0 controllerNumber=1 scan=1662"),
+                  std::string::npos)
+            << run.stderr_text;
+        EXPECT_NE(run.stderr_text.find("m/z array"), std::string::npos) << run.stderr_text;
+        EXPECT_FALSE(fs::exists(run.out / "run.spexor"));
     }
 }
 
@@ -361,6 +431,12 @@ TEST(SpexorEdits, FileNamesAndCompression) {
     write_file(gz.dir.file("cut.mzML.gz"), whole.substr(0, whole.size() / 2));
     EXPECT_EQ(gz.exec("spexor_xml.exe", gz.dir.file("cut.mzML.gz")), 1);
     EXPECT_FALSE(fs::exists(gz.out / "cut.spexor"));
+    // Cut before the check sum and length that end a gzip stream: the XML is
+    // whole, but the file is not.
+    write_file(gz.dir.file("trailer.mzML.gz"), whole.substr(0, whole.size() - 8));
+    EXPECT_EQ(gz.exec("spexor_xml.exe", gz.dir.file("trailer.mzML.gz")), 1);
+    EXPECT_NE(gz.stderr_text.find("gzip stream is cut short"), std::string::npos) << gz.stderr_text;
+    EXPECT_FALSE(fs::exists(gz.out / "trailer.spexor"));
 }
 
 // A stand-in for ThermoRawFileParser that fails unless it gets exactly the
