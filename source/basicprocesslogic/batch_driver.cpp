@@ -54,9 +54,10 @@ struct Batch {
     std::map<std::string, std::string> first_of_stem;
 };
 
-// Each file of one data path through `flow`, under an exclusive lock on the
-// input itself: a second run on the same input waits here, and its flow's
-// resume check then finds the work done. A second input of one stem (run.mzML
+// Each file of one data path through `flow`, under exclusive locks on the input
+// itself and on its outputs: a second run on the same input, or on another input
+// of the same stem and output directory, waits here, and its flow's resume check
+// then finds the work done. A second input of one stem (run.mzML
 // and run.mzML.gz) is named beside the first, as its flow finds their results.
 template <typename Flow>
 void run_each(Batch& batch, const std::string& entry, const std::vector<std::string>& files,
@@ -72,8 +73,9 @@ void run_each(Batch& batch, const std::string& entry, const std::vector<std::str
             log("WARN",
                 path + " has the stem of " + first->second + ": both write " + first->first + ".*");
         }
-        const ExclusiveFileLock lock(
-            path, [&file] { log_info("waiting for another kSieve run on " + file.m_stem); });
+        const auto wait = [&file] { log_info("waiting for another kSieve run on " + file.m_stem); };
+        const ExclusiveFileLock input_lock(path, wait);
+        const ExclusiveFileLock output_lock(output_lock_path(output_path(file, "")), wait, true);
         flow(batch.params, file);
     }
 }

@@ -12,7 +12,10 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
@@ -171,9 +174,37 @@ std::string shipped_file(const std::string& path) {
     return beside;
 }
 
-ExclusiveFileLock::ExclusiveFileLock(const std::string& path,
-                                     const std::function<void()>& on_wait) {
-    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::string output_lock_path(const std::string& output_stem) {
+    const char* tmp = std::getenv("TMPDIR");
+    const std::string folder = std::string(tmp != nullptr && *tmp == '/' ? tmp : "/tmp") +
+                               "/ksieve-locks-" + std::to_string(geteuid());
+    // Made private; one that already stands must be a real directory of ours that
+    // nobody else may write to, or another user could plant links in it.
+    struct stat info {};
+    if ((mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) ||
+        lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != geteuid() ||
+        (info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return "";
+    }
+    std::error_code error;
+    std::filesystem::path resolved = std::filesystem::weakly_canonical(output_stem, error);
+    if (error) {
+        resolved = std::filesystem::absolute(output_stem, error).lexically_normal();
+    }
+    // FNV-1a: stable across builds, so that two kSieve versions agree.
+    uint64_t hash = 14695981039346656037ULL;
+    for (const unsigned char c : resolved.string()) {
+        hash = (hash ^ c) * 1099511628211ULL;
+    }
+    char name[32];
+    std::snprintf(name, sizeof name, "/%016llx.lock", static_cast<unsigned long long>(hash));
+    return folder + name;
+}
+
+ExclusiveFileLock::ExclusiveFileLock(const std::string& path, const std::function<void()>& on_wait,
+                                     bool create) {
+    m_fd = create ? open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)
+                  : open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (m_fd < 0) {
         return;
     }

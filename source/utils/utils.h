@@ -120,16 +120,26 @@ inline void check_written(bool written, const std::string& path) {
 // a failure names what was asked for.
 std::string shipped_file(const std::string& path);
 
+// The lock file that stands for the outputs "<output directory>/<stem>": two
+// inputs of one stem (run.mzML and run.mzML.gz) write the same files, so runs on
+// them take turns. It lies in a directory of the user's own under $TMPDIR (else
+// /tmp), named by a hash of the path with its existing part resolved, so that no
+// file appears among the outputs. Empty when that directory cannot be made or is
+// not the user's alone: then there is no lock, as on a file system without locks.
+std::string output_lock_path(const std::string& output_stem);
+
 // The cores this process may run on (sched_getaffinity), at least 1.
 std::size_t usable_cores();
 
-// An exclusive flock on an existing file, held until destruction; it keeps two
-// runs from working on one input at once. When another process holds the lock,
-// `on_wait` is called once and the constructor waits. A file that cannot be
-// opened, or a file system that cannot lock, gives no lock and no word.
+// An exclusive flock on a file, held until destruction; it keeps two runs from
+// working on one input, or on one set of outputs, at once. When another process
+// holds the lock, `on_wait` is called once and the constructor waits. With
+// `create` a missing file is made (never through a symbolic link). A file that
+// cannot be opened, or a file system that cannot lock, gives no lock and no word.
 class ExclusiveFileLock {
   public:
-    ExclusiveFileLock(const std::string& path, const std::function<void()>& on_wait);
+    ExclusiveFileLock(const std::string& path, const std::function<void()>& on_wait,
+                      bool create = false);
     ~ExclusiveFileLock();
     ExclusiveFileLock(const ExclusiveFileLock&) = delete;
     ExclusiveFileLock& operator=(const ExclusiveFileLock&) = delete;

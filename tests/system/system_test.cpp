@@ -3,6 +3,7 @@
 // a directory that holds none of its companion files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -227,6 +228,44 @@ TEST(Locking, ASecondRunOnOneInputWaitsThenSkipsIt) {
     EXPECT_EQ(fs::file_size(work / "data" / "slow.raw"), 25u);
     EXPECT_EQ(two.out.find("waiting for another"), two.out.rfind("waiting for another"));
     EXPECT_FALSE(contains(one.out + other.out, "waiting for another"));
+}
+
+// Two inputs of one stem written into one output directory by two runs at once
+// (run.mzML beside run.mzML.gz, or two folders with one -O): they write the same
+// files, so the second waits for the first, then finds its results, as a second
+// input of one stem does within one batch. Nothing appears among the outputs.
+TEST(Locking, TwoInputsOfOneStemInOneOutputDirectoryTakeTurns) {
+    test::TempDir dir;
+    const fs::path& work = dir.path();
+    fs::copy_file(fs::path(KSIEVE_RUN_DIR) / "IPV.txt", work / "IPV.txt");
+    write_blocking_companion(work);
+    for (const char* folder : {"data", "other", "out"}) {
+        fs::create_directory(work / folder);
+    }
+    test::write_file(work / "data" / "slow.raw", "instrument data stand-in\n");
+    test::write_file(work / "other" / "slow.raw", "another stand-in\n");
+
+    const Started first = start(work, "first", {"-D", "data/slow.raw", "-O", "out"});
+    ASSERT_TRUE(eventually([&] { return fs::exists(work / "started"); }));
+    const Started second = start(work, "second", {"-D", "other/slow.raw", "-O", "out"});
+    EXPECT_TRUE(eventually([&] {
+        return contains(text_so_far(second.out),
+                        "[kSieve] <INFO> - waiting for another kSieve run on slow\n");
+    }));
+    test::write_file(work / "release", "");
+    const Outcome one = finish(first), two = finish(second);
+    EXPECT_EQ(one.exit, "0\n");
+    EXPECT_EQ(two.exit, "0\n");
+    EXPECT_TRUE(contains(two.out, "other/slow.raw has existed results, skipping...\n")) << two.out;
+    EXPECT_EQ(test::read_file(work / "calls"), "slow\n");
+    std::vector<std::string> outputs;
+    for (const auto& entry : fs::directory_iterator(work / "out")) {
+        outputs.push_back(entry.path().filename().string());
+    }
+    std::sort(outputs.begin(), outputs.end());
+    EXPECT_EQ(outputs,
+              (std::vector<std::string>{"kSievePlusLog.txt", "slow.csv", "slow.ks1", "slow.ks1idx",
+                                        "slow.ms1", "slow.ms2", "slow.spexor"}));
 }
 
 // kSieve finds IPV.txt and its companions beside its own executable when the
