@@ -205,7 +205,7 @@ void prepare_detection(const UserParameters& params, Ms1Window& window, ScanWork
         work.told.push_back(
             {"WARN", "The memory ceiling of " + std::to_string(params.m_memory_ceiling_mib) +
                          " MiB cannot hold the MS1 window of scan " + std::to_string(scan.m_scan) +
-                         ": every scan reads its MS1 slices " + "again from " + window.m_path +
+                         ": every scan reads its MS1 slices again from " + window.m_path +
                          ", which takes far longer"});
     }
     work.raw = CollectMs1Slices(params.m_search_window, window.m_store, scan);
