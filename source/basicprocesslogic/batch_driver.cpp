@@ -57,8 +57,8 @@ struct Batch {
 // Each file of one data path through `flow`, under exclusive locks on the input
 // itself and on its outputs: a second run on the same input, or on another input
 // of the same stem and output directory, waits here, and its flow's resume check
-// then finds the work done. A second input of one stem (run.mzML
-// and run.mzML.gz) is named beside the first, as its flow finds their results.
+// then finds the work done. A second input of one stem (run.mzML and
+// run.mzML.gz) is named beside the first, as its flow finds their results.
 template <typename Flow>
 void run_each(Batch& batch, const std::string& entry, const std::vector<std::string>& files,
               const std::string& format, Flow flow) {

@@ -13,7 +13,6 @@ namespace ksieve {
 
 namespace {
 
-constexpr double kProtonMass = 1.007276;
 // Isotope steps either way in which a detected ion still counts as the declared one.
 constexpr int32_t kMaxDeclaredShift = 3;
 

@@ -5,13 +5,6 @@ namespace ksieve {
 
 namespace {
 
-// The proton mass with which the table's rows are keyed.
-constexpr double kProtonMass = 1.007276;
-
-}  // namespace
-
-namespace {
-
 double singly_protonated_mass(const Precursor& precursor) {
     const double z = precursor.m_charge;
     return z * precursor.m_mz - z * kProtonMass + kProtonMass;

@@ -12,8 +12,6 @@ namespace ksieve {
 
 namespace {
 
-// A singly protonated mass MH at charge z stands at m/z (MH + (z - 1) * proton) / z.
-constexpr double kProtonMass = 1.007276;
 constexpr double kZeroGuard = 1e-6;
 constexpr double kMaxIntensity = 1e30;
 constexpr double kMaxMz = 100000.0;
@@ -113,9 +111,10 @@ void read_ms2_info(const LineView& line, MS2Spectrum& scan, bool same_scan) {
     }
 }
 
-// A Z line: charge and singly protonated mass. A mass of 0 stands for the
-// isolation target read so far; a real mass with charge 0 cannot be converted
-// and gets an m/z of -1, which the end of the scan drops.
+// A Z line: charge and singly protonated mass MH, which at charge z stands at
+// m/z (MH + (z - 1) * proton) / z. A mass of 0 stands for the isolation target
+// read so far; a real mass with charge 0 cannot be converted and gets an m/z
+// of -1, which the end of the scan drops.
 Precursor read_charge_line(char* line, double activation_center) {
     char* cursor = LineView(line).from(2);
     const char* charge_field = next_token(cursor, "\t");

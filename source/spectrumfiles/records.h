@@ -14,6 +14,10 @@
 
 namespace ksieve {
 
+// The proton's mass in Da, as every part of kSieve converts between a precursor's
+// m/z, its singly protonated mass and its neutral mass (and as IPV.txt is keyed).
+inline constexpr double kProtonMass = 1.007276;
+
 // One centroid. Peak lists are kept in peak order (see peak_less) once a reader
 // has finished a scan, and every merge keeps that order.
 struct Peak {

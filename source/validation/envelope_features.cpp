@@ -11,7 +11,6 @@ namespace ksieve {
 namespace {
 
 constexpr double kSpacing = kPeptideIsotopeSpacing;
-constexpr double kProtonMass = 1.007276;
 constexpr std::size_t kSlices = 10;
 // Envelope positions looked at: three below the mono-isotopic peak (one below the
 // lowest alternative mono-isotopic peak) to four above.
