@@ -117,7 +117,7 @@ void write_fragment_scan(std::FILE* ms2, int scan, int survey, int cycle, const 
     std::fprintf(ms2, "I\tActivationCenter\t%.5f\nI\tPrecursorScan\t%d\n", target.center, survey);
     std::fprintf(ms2, "I\tInstrumentType\tFTMS\nI\tRetTime\t%.4f\n", 0.05 * cycle);
     std::fprintf(ms2, "Z\t%d\t%.5f\n", z,
-                 (target.center - chem::kProtonMass) * z + chem::kProtonMass);
+                 (target.center - ksieve::kExactProtonMass) * z + ksieve::kExactProtonMass);
     for (int i = 0; i < peak_count; ++i) {
         std::fprintf(ms2, "%.5f %.1f\n", 150.0 + 1850.0 * random.unit(),
                      100.0 + 1.0e5 * random.unit());
@@ -245,7 +245,7 @@ double run_child(const fs::path& ms1, const fs::path& output, Stages stages, lon
         params.m_threads = 1;
         params.m_validate_precursors = stages == Stages::kDetectAndValidate;
         ksieve::finalize_parameters(params);
-        const ksieve::IpvTable ipv = ksieve::read_ipv_file(KSIEVE_IPV_FILE);
+        const ksieve::IsotopeTable ipv = ksieve::read_ipv_file(KSIEVE_IPV_FILE);
         const ksieve::FileContext file = ksieve::file_context(params, ms1.string(), "ms1", &ipv);
         if (stages != Stages::kNone) {
             ksieve::process_ms_files(params, file);

@@ -15,10 +15,8 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
-#include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,21 +30,16 @@
 
 namespace ksieve {
 
-// The scan gate of the per-file pipeline: MS2 scans of other activation or
-// instrument types reach no output at all.
-extern const std::set<std::string> g_activation_types;  // CID HCD ETD ETCID ETHCD
-extern const std::set<std::string> g_instrument_types;  // IT FT
-
 // One input file as the flows see it. Made by file_context and never changed;
 // a flow that goes on with another file (the extracted pair) makes a new one.
 struct FileContext {
     std::string m_path;
-    std::string m_dir;                // "." when the path has no directory part
-    std::string m_stem;               // file name without extension
-    std::string m_output_dir;         // outputpath, or the input's directory without one
-    std::string m_input_format;       // the format word in force, as stored
-    const IpvTable* m_ipv = nullptr;  // the run's isotope table
-    std::string m_instrument_file;    // for a pair the companion made: its source
+    std::string m_dir;                    // "." when the path has no directory part
+    std::string m_stem;                   // file name without extension
+    std::string m_output_dir;             // outputpath, or the input's directory without one
+    std::string m_input_format;           // the format word in force, as stored
+    const IsotopeTable* m_ipv = nullptr;  // the run's isotope table
+    std::string m_instrument_file;        // for a pair the companion made: its source
 };
 
 // Loads the isotope table once (from beside the executable when the working
@@ -64,7 +57,7 @@ std::string input_format_of(const std::string& path, const std::string& format_i
 // directory as the output directory. The stem of "run.mzML.gz" is "run".
 // Asserts "i_dot != string::npos".
 FileContext file_context(const UserParameters& params, const std::string& path,
-                         std::string input_format, const IpvTable* ipv);
+                         std::string input_format, const IsotopeTable* ipv);
 
 // <m_output_dir>/<stem><suffix> and <m_dir>/<stem><suffix>.
 std::string output_path(const FileContext& file, const std::string& suffix);
@@ -117,63 +110,18 @@ void process_ms_files(const UserParameters& params, const FileContext& file);
 // must behave as DetectPrecursors does: no I/O, empty when it finds nothing, and
 // safe to call from several threads at once, each with its own scratch. It is
 // called only for a scan whose parent the window holds (ten slices).
+//
+// Returns what the MS1 windows did under the memory ceiling (nothing when the
+// input was skipped as done): the peak lists read again from the `.ms1` file
+// after they were let go, and the most bytes of peak lists held.
+struct Ms1WindowCounts {
+    int64_t m_rereads = 0;
+    std::size_t m_most_held_bytes = 0;
+};
 using PrecursorDetector =
     std::function<std::vector<Precursor>(const Ms1Slices&, const MS2Spectrum&, DetectionScratch&)>;
-void process_ms_files(const UserParameters& params, const FileContext& file,
-                      const PrecursorDetector& detect);
-
-// The MS1 window of the pipeline under a ceiling on the bytes of peak lists it
-// holds. Past the ceiling the oldest lists are let go, and read again from the
-// `.ms1` file (by the offset the reader noted) when a parent scan needs them, so
-// detection sees the same peaks at any ceiling. Records whose offset is unknown
-// are never let go.
-struct Ms1Window {
-    Ms1Store m_store = make_ms1_store();
-    std::size_t m_ceiling_bytes = 0;
-    std::size_t m_held_bytes = 0;  // capacity of the peak lists in m_store
-    std::size_t m_first_held = 0;  // records before it were let go, or cannot be
-    std::string m_path;            // the `.ms1` file
-    LineFile m_reread;             // a second stream on it, opened on first need
-    bool m_told_short = false;     // the ceiling was found below one scan's window
-};
-// The ceiling in bytes that memory_ceiling_mib sets.
-std::size_t ms1_ceiling_bytes(const UserParameters& params);
-// Appends an FT scan, dropping the front record into `scan` (its buffers are
-// reused), then lets the oldest lists go down to the ceiling.
-void push_ms1_scan(Ms1Window& window, MS1Spectrum& scan);
-// Drops the front record, as the end of the MS1 file does once per pull.
-void pop_ms1_scan(Ms1Window& window);
-// Reads again the let-go lists that detection of `ms2` reads; returns the range
-// to hand to release_ms1_scans afterwards.
-std::pair<std::size_t, std::size_t> hold_ms1_scans(Ms1Window& window, const MS2Spectrum& ms2);
-// True the first time the lists of [first, end) together exceed the ceiling:
-// every scan then reads its slices again, which the caller tells once.
-bool first_window_over_ceiling(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
-// Lets the lists of [first, end) go again while the window is over its ceiling.
-void release_ms1_scans(Ms1Window& window, std::pair<std::size_t, std::size_t> range);
-
-// The MS1 windows of one run, one per FAIMS compensation voltage: with a FAIMS
-// interface each survey scan lets through only the ions of its voltage, so an
-// MS2 scan is judged against the survey scans of its own voltage alone. Scans
-// without a voltage line, and every scan with m_faims_windows off, share one
-// window, which then behaves exactly as the single window of a plain run. The
-// ceiling on held peak lists is shared out evenly among the windows.
-struct SurveyWindows {
-    std::deque<Ms1Window> m_windows;                // in order of first appearance; never moved
-    std::vector<std::optional<double>> m_voltages;  // the voltage of each window
-    bool m_by_voltage = true;
-    std::size_t m_ceiling_bytes = 0;  // for all windows together
-    std::string m_path;               // the `.ms1` file
-};
-void start_survey_windows(SurveyWindows& windows, const UserParameters& params,
-                          const std::string& path);
-// The window of `voltage`, made (full of default records) on first need.
-Ms1Window& window_of(SurveyWindows& windows, const std::optional<double>& voltage);
-// The window that holds the parent scan of `ms2`; when none does (yet), the
-// window of the scan's own voltage.
-Ms1Window& parent_window(SurveyWindows& windows, const MS2Spectrum& ms2);
-// Appends an FT scan to the window of its voltage, as push_ms1_scan does.
-void push_survey_scan(SurveyWindows& windows, MS1Spectrum& scan);
+Ms1WindowCounts process_ms_files(const UserParameters& params, const FileContext& file,
+                                 const PrecursorDetector& detect);
 
 // The mzML output of one input (output_mzml): <stem>.ksieve.mzML in the output
 // directory, spectra in scan-number order. The MS1 scans come from a stream of
@@ -191,8 +139,6 @@ struct MzmlStage {
 MzmlOptions mzml_options(const UserParameters& params);
 // Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.
 void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileContext& file);
-// The native id of MS1 scan `parent` while `window` holds it; empty otherwise.
-std::string parent_native_id(const Ms1Window& window, int32_t parent);
 // The mzML view of a written MS2 scan: RT in seconds, the isolation window from
 // isolation_width, its precursors in rank order with their evidence, the parent
 // under `parent_id` (with native ids, no parent reference when that is empty).

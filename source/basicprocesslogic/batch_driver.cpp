@@ -9,9 +9,6 @@
 
 namespace ksieve {
 
-const std::set<std::string> g_activation_types = {"CID", "HCD", "ETD", "ETCID", "ETHCD"};
-const std::set<std::string> g_instrument_types = {"IT", "FT"};
-
 namespace {
 
 bool is_instrument_word(const std::string& word) {
@@ -50,7 +47,7 @@ std::vector<std::string> without_own_mzml(std::vector<std::string> files) {
 // input written to each <output directory>/<stem>.
 struct Batch {
     const UserParameters& params;
-    const IpvTable& ipv;
+    const IsotopeTable& ipv;
     std::map<std::string, std::string> first_of_stem;
 };
 
@@ -83,7 +80,7 @@ void run_each(Batch& batch, const std::string& entry, const std::vector<std::str
 }  // namespace
 
 void run_batch(const UserParameters& params) {
-    const IpvTable ipv = read_ipv_file(shipped_file(params.m_ipv_file));
+    const IsotopeTable ipv = read_ipv_file(shipped_file(params.m_ipv_file));
     Batch batch{params, ipv, {}};
     std::string format = params.m_input_format;
     for (const std::string& entry : params.m_datapaths) {
@@ -131,7 +128,7 @@ std::string input_format_of(const std::string& path, const std::string& format_i
 }
 
 FileContext file_context(const UserParameters& params, const std::string& path,
-                         std::string input_format, const IpvTable* ipv) {
+                         std::string input_format, const IsotopeTable* ipv) {
     FileContext file;
     file.m_path = path;
     const size_t separator = path.find_last_of(kPathSeparators);

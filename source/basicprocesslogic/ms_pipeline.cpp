@@ -7,26 +7,22 @@
 // lists, the MS2 side a fixed number of scans in flight per thread.
 //
 // Threads: this thread reads, cuts each scan's slices out of the window, writes
-// and logs; scans go round a ring of slots, each claimed in turn by a worker
-// (or by this thread while it waits for the oldest). A slot belongs to this
-// thread until it is handed over, to one worker from its claim until it is
-// marked done, and to this thread again from then on; the hand-overs go through
-// the queue's mutex. Workers touch nothing else but the read-only parameters,
-// the isotope table and their own scratch.
-#include <condition_variable>
-#include <exception>
+// and logs; the scans go round the ordered ring, where workers detect and
+// format them. Workers touch nothing else but the read-only parameters, the
+// isotope table and their own scratch.
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "basicprocesslogic.h"
 #include "detection.h"
 #include "logger.h"
+#include "ms1_window.h"
+#include "ordered_ring.h"
+#include "scangate.h"
 #include "spectrumfiles.h"
 #include "utils.h"
 #include "validation.h"
@@ -78,14 +74,13 @@ struct ScanWork {
     std::string mzml;
     std::string parent_id;        // the parent's native id, for the mzML
     ValidationCounts validation;  // what the second look removed and corrected
-    std::exception_ptr failure;
 };
 
 // What the workers read and never change.
 struct ScanFormat {
     const PrecursorDetector* detect = nullptr;
     const UserParameters* params = nullptr;
-    const IpvTable* ipv = nullptr;
+    const IsotopeTable* ipv = nullptr;
     bool validate = false;
     bool ks = false;
     bool mgf = false;
@@ -95,19 +90,6 @@ struct ScanFormat {
     bool mzml = false;
     MgfLayout layout;
     MzmlOptions mzml_options;
-};
-
-// The ring of scans in flight. Sequence number n lives in slot n % size.
-struct ScanQueue {
-    explicit ScanQueue(std::size_t size) : slots(size), done(size, 0) {}
-    std::vector<ScanWork> slots;
-    std::mutex mutex;
-    std::condition_variable work_ready;  // a scan to claim, or the end
-    std::condition_variable work_done;
-    std::vector<unsigned char> done;  // by slot; guarded by `mutex`
-    std::size_t published = 0;        // guarded by `mutex`
-    std::size_t claimed = 0;          // guarded by `mutex`
-    bool stop = false;                // guarded by `mutex`
 };
 
 // A worker's own reusable buffers.
@@ -159,22 +141,17 @@ Ms1Window& read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, H
     while (true) {
         // The parent, once read, may stand in another voltage's window.
         Ms1Window& window = parent_window(p.windows, ms2);
-        const Ms1Store& store = window.m_store;
+        const Ms1Store& store = window.store();
         if (store.size() <= kMinWindow ||
             store[store.size() - 1 - kScansBehindParent].m_scan >= ms2.m_precursor_scan) {
             return window;
         }
         if (!pull_ms1_scan(ms1, p.windows, p.ms1, ks1, &told)) {
-            pop_ms1_scan(window);
+            window.pop();
             return window;
         }
         reset_keeping_buffer(ms1);
     }
-}
-
-bool passes_gate(const MS2Spectrum& scan) {
-    return g_activation_types.count(scan.m_activation_type) != 0 &&
-           g_instrument_types.count(scan.m_instrument_type) != 0;
 }
 
 double tolerance_ppm(const UserParameters& params, const MS2Spectrum& scan) {
@@ -197,20 +174,20 @@ void validate_precursors(const ScanFormat& format, ScanWork& work) {
 void prepare_detection(const UserParameters& params, Ms1Window& window, ScanWork& work) {
     MS2Spectrum& scan = work.scan;
     if (scan.m_precursors.empty() || scan.m_precursors.front().m_charge < 1 ||
-        window.m_store.size() < kMinWindow) {
+        window.store().size() < kMinWindow) {
         return;
     }
-    const auto held = hold_ms1_scans(window, scan);
-    if (first_window_over_ceiling(window, held)) {
+    const auto held = window.hold(scan);
+    if (window.first_window_over_ceiling(held)) {
         work.told.push_back(
             {"WARN", "The memory ceiling of " + std::to_string(params.m_memory_ceiling_mib) +
                          " MiB cannot hold the MS1 window of scan " + std::to_string(scan.m_scan) +
-                         ": every scan reads its MS1 slices again from " + window.m_path +
+                         ": every scan reads its MS1 slices again from " + window.path() +
                          ", which takes far longer"});
     }
-    work.raw = CollectMs1Slices(params.m_search_window, window.m_store, scan);
-    work.times = FindSliceTimes(window.m_store, scan);
-    release_ms1_scans(window, held);
+    work.raw = CollectMs1Slices(params.m_search_window, window.store(), scan);
+    work.times = FindSliceTimes(window.store(), scan);
+    window.release(held);
     if (work.raw.size() < 5) {
         work.told.push_back({"INFO", "Cannot found the precurosr scan of MS2: " +
                                          std::to_string(scan.m_precursor_scan)});
@@ -227,7 +204,6 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     work.told.clear();
     work.passes = work.detect = false;
     work.times.reset();
-    work.failure = nullptr;
     p.ms2.m_head.m_held_lines = &work.told;
     const bool read = ReadMs2Scan(p.ms2, work.scan);
     p.ms2.m_head.m_held_lines = nullptr;
@@ -240,7 +216,7 @@ bool read_work(MsPipeline& p, const UserParameters& params, MS1Spectrum& ms1, Sc
     }
     // Scans outside the known activation and instrument types leave no trace
     // in the output; the file's count of them is told at its end.
-    work.passes = passes_gate(work.scan);
+    work.passes = gate_passes(work.scan.m_activation_type, work.scan.m_instrument_type);
     if (!work.passes) {
         ++p.gated[work.scan.m_activation_type];
         return true;
@@ -315,99 +291,9 @@ void process_work(const ScanFormat& format, WorkerScratch& scratch, ScanWork& wo
     }
 }
 
-// Runs claimed scan `sequence` and marks it done; a failure travels with it to
-// the writer, which raises it in turn.
-void run_claimed(ScanQueue& queue, const ScanFormat& format, WorkerScratch& scratch,
-                 std::size_t sequence) {
-    const std::size_t slot = sequence % queue.slots.size();
-    try {
-        process_work(format, scratch, queue.slots[slot]);
-    } catch (...) {
-        queue.slots[slot].failure = std::current_exception();
-    }
-    {
-        const std::lock_guard<std::mutex> lock(queue.mutex);
-        queue.done[slot] = 1;
-    }
-    queue.work_done.notify_all();
-}
-
-void work_loop(ScanQueue& queue, const ScanFormat& format) {
-    WorkerScratch scratch;
-    while (true) {
-        std::size_t sequence = 0;
-        {
-            std::unique_lock<std::mutex> lock(queue.mutex);
-            queue.work_ready.wait(
-                lock, [&queue] { return queue.stop || queue.claimed < queue.published; });
-            if (queue.stop) {
-                return;
-            }
-            sequence = queue.claimed++;
-        }
-        run_claimed(queue, format, scratch, sequence);
-    }
-}
-
-// The worker threads of one file; leaving the scope stops and joins them, on
-// failure too, before the queue they work on goes.
-class Workers {
-  public:
-    Workers(ScanQueue& queue, const ScanFormat& format, std::size_t count) : m_queue(queue) {
-        for (std::size_t i = 0; i < count; ++i) {
-            m_threads.emplace_back(work_loop, std::ref(queue), std::cref(format));
-        }
-    }
-    ~Workers() {
-        {
-            const std::lock_guard<std::mutex> lock(m_queue.mutex);
-            m_queue.stop = true;
-        }
-        m_queue.work_ready.notify_all();
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
-    }
-    Workers(const Workers&) = delete;
-    Workers& operator=(const Workers&) = delete;
-
-  private:
-    ScanQueue& m_queue;
-    std::vector<std::thread> m_threads;
-};
-
-void publish(ScanQueue& queue, std::size_t sequence) {
-    {
-        const std::lock_guard<std::mutex> lock(queue.mutex);
-        queue.done[sequence % queue.slots.size()] = 0;
-        ++queue.published;
-    }
-    queue.work_ready.notify_one();
-}
-
-// Waits until scan `sequence` is done, detecting scans nobody has claimed yet
-// meanwhile, so that this thread's core is not idle.
-void wait_or_help(ScanQueue& queue, const ScanFormat& format, WorkerScratch& scratch,
-                  std::size_t sequence) {
-    std::unique_lock<std::mutex> lock(queue.mutex);
-    while (queue.done[sequence % queue.slots.size()] == 0) {
-        if (queue.claimed < queue.published) {
-            const std::size_t mine = queue.claimed++;
-            lock.unlock();
-            run_claimed(queue, format, scratch, mine);
-            lock.lock();
-            continue;
-        }
-        queue.work_done.wait(lock);
-    }
-}
-
 // Output, in file order: the scan's messages, then its KS2 record, MGF blocks
 // and table row.
 void write_work(MsPipeline& p, ScanWork& work) {
-    if (work.failure) {
-        std::rethrow_exception(work.failure);
-    }
     log_held(work.told);
     add_counts(p.validation, work.validation);
     const MS2Spectrum& scan = work.scan;
@@ -547,30 +433,23 @@ void remove_outputs(const MsPipeline& p, const FileContext& file) {
 // written before the next is read.
 void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& format,
                std::size_t threads) {
-    ScanQueue queue(threads == 1 ? 1 : threads * kScansPerThread);
-    const Workers workers(queue, format, threads - 1);
-    WorkerScratch scratch;
+    std::vector<ScanWork> works(threads == 1 ? 1 : threads * kScansPerThread);
+    std::vector<WorkerScratch> scratch(threads);
     MS1Spectrum ms1;
     HeldLines last_read;
-    std::size_t read = 0;
-    std::size_t written = 0;
-    bool more = true;
-    while (true) {
-        while (more && read - written < queue.slots.size()) {
-            ScanWork& work = queue.slots[read % queue.slots.size()];
-            if (!read_work(p, params, ms1, work)) {
-                last_read = std::move(work.told);
-                more = false;
-                break;
-            }
-            publish(queue, read++);
+    RingSteps steps;
+    steps.read = [&](std::size_t slot) {
+        if (read_work(p, params, ms1, works[slot])) {
+            return true;
         }
-        if (written == read) {
-            break;
-        }
-        wait_or_help(queue, format, scratch, written);
-        write_work(p, queue.slots[written++ % queue.slots.size()]);
-    }
+        last_read = std::move(works[slot].told);
+        return false;
+    };
+    steps.work = [&](std::size_t slot, std::size_t worker) {
+        process_work(format, scratch[worker], works[slot]);
+    };
+    steps.write = [&](std::size_t slot) { write_work(p, works[slot]); };
+    run_ordered_ring(threads, works.size(), steps);
     log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
     reset_keeping_buffer(ms1);
@@ -579,8 +458,8 @@ void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& fo
     }
 }
 
-void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext& file,
-                  const PrecursorDetector& detect) {
+Ms1WindowCounts run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext& file,
+                             const PrecursorDetector& detect) {
     open_pipeline(p, params, file);
     ScanFormat format;
     format.detect = &detect;
@@ -611,7 +490,9 @@ void run_pipeline(MsPipeline& p, const UserParameters& params, const FileContext
         write_run_summary_json(params, file, p.evidence_counts,
                                params.m_validate_precursors ? &p.validation : nullptr);
     }
+    const Ms1WindowCounts counts = survey_window_counts(p.windows);
     close_pipeline(p);
+    return counts;
 }
 
 }  // namespace
@@ -624,7 +505,7 @@ std::size_t detection_threads(const UserParameters& params) {
 }
 
 void process_ms_files(const UserParameters& params, const FileContext& file) {
-    const IpvTable& ipv = *file.m_ipv;
+    const IsotopeTable& ipv = *file.m_ipv;
     process_ms_files(
         params, file,
         [&params, &ipv](const Ms1Slices& raw, const MS2Spectrum& ms2, DetectionScratch& scratch) {
@@ -632,14 +513,14 @@ void process_ms_files(const UserParameters& params, const FileContext& file) {
         });
 }
 
-void process_ms_files(const UserParameters& params, const FileContext& file,
-                      const PrecursorDetector& detect) {
+Ms1WindowCounts process_ms_files(const UserParameters& params, const FileContext& file,
+                                 const PrecursorDetector& detect) {
     if (has_existing_result(params, file, ".csv", "...")) {
-        return;
+        return {};
     }
     MsPipeline p;
     try {
-        run_pipeline(p, params, file, detect);
+        return run_pipeline(p, params, file, detect);
     } catch (const WriteFailure&) {
         remove_outputs(p, file);
         throw;

@@ -10,6 +10,7 @@
 
 #include "basicprocesslogic.h"
 #include "ksieve_config.h"
+#include "ms1_window.h"
 #include "utils.h"
 
 namespace ksieve {
@@ -109,7 +110,7 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
 
 std::string parent_native_id(const Ms1Window& window, int32_t parent) {
     // The parent is nearly always among the newest records.
-    for (auto it = window.m_store.rbegin(); it != window.m_store.rend(); ++it) {
+    for (auto it = window.store().rbegin(); it != window.store().rend(); ++it) {
         if (it->m_scan == parent) {
             return it->m_native_id;
         }

@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <string>
 
-#include "basicprocesslogic.h"
 #include "detection.h"
+#include "ms1_window.h"
 
 namespace ksieve {
 
@@ -26,18 +26,17 @@ Ms1Window& window_of(SurveyWindows& windows, const std::optional<double>& voltag
         return windows.m_windows[static_cast<std::size_t>(known - windows.m_voltages.begin())];
     }
     windows.m_voltages.push_back(key);
-    Ms1Window& made = windows.m_windows.emplace_back();
-    made.m_path = windows.m_path;
+    Ms1Window& made = windows.m_windows.emplace_back(windows.m_path);
     const std::size_t share = windows.m_ceiling_bytes / windows.m_windows.size();
     for (Ms1Window& window : windows.m_windows) {
-        window.m_ceiling_bytes = share;
+        window.set_ceiling(share);
     }
     return made;
 }
 
 Ms1Window& parent_window(SurveyWindows& windows, const MS2Spectrum& ms2) {
     for (Ms1Window& window : windows.m_windows) {
-        if (FindSliceRange(window.m_store, ms2)) {
+        if (FindSliceRange(window.store(), ms2)) {
             return window;
         }
     }
@@ -45,7 +44,16 @@ Ms1Window& parent_window(SurveyWindows& windows, const MS2Spectrum& ms2) {
 }
 
 void push_survey_scan(SurveyWindows& windows, MS1Spectrum& scan) {
-    push_ms1_scan(window_of(windows, scan.m_compensation_voltage), scan);
+    window_of(windows, scan.m_compensation_voltage).push(scan);
+}
+
+Ms1WindowCounts survey_window_counts(const SurveyWindows& windows) {
+    Ms1WindowCounts all;
+    for (const Ms1Window& window : windows.m_windows) {
+        all.m_rereads += window.counts().m_rereads;
+        all.m_most_held_bytes += window.counts().m_most_held_bytes;
+    }
+    return all;
 }
 
 }  // namespace ksieve

@@ -7,7 +7,7 @@
 
 namespace ksieve {
 
-std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
+std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IsotopeTable& ipv,
                                         const Ms1Slices& raw, const MS2Spectrum& ms2,
                                         DetectionScratch& scratch) {
     if (raw.size() < 5) {

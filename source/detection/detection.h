@@ -41,7 +41,7 @@ struct DetectionScratch {
 // has the m/z recalibrated over the ten slices and a charge from 2 to 6, and
 // as evidence the origin kDetected and its model score. Empty when nothing
 // passes.
-std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IpvTable& ipv,
+std::vector<Precursor> DetectPrecursors(const UserParameters& params, const IsotopeTable& ipv,
                                         const Ms1Slices& raw, const MS2Spectrum& ms2,
                                         DetectionScratch& scratch);
 

@@ -37,7 +37,7 @@ double pearson(const double* theory, const double* observed, int32_t n) {
 
 }  // namespace
 
-FeaturesExtractor::FeaturesExtractor(const UserParameters& params, const IpvTable& ipv,
+FeaturesExtractor::FeaturesExtractor(const UserParameters& params, const IsotopeTable& ipv,
                                      const Ms1Slices& scan_peaks, const PeakList& merged_peaks,
                                      const IntensityGrid& grid, const MS2Spectrum& ms2,
                                      Precursor precursor, FeatureCache known)

@@ -20,11 +20,6 @@
 
 namespace ksieve {
 
-// The isotope table: row m holds the relative intensities of the first five
-// isotope peaks of a molecule of singly protonated integer mass m. Loaded once
-// per run and read-only afterwards, so every detecting thread shares it.
-using IpvTable = std::vector<std::array<double, 5>>;
-
 // The features an evaluator has computed so far; a feature without a value has
 // not been asked for yet (or gave one of its fixed, uncached results).
 struct FeatureCache {
@@ -47,7 +42,7 @@ class FeaturesExtractor {
     // of the central scans (in peak order; must not be empty once a pattern-based
     // feature is asked for), `grid` the scan's intensity grid. `known` holds
     // features already known, which are then never computed.
-    FeaturesExtractor(const UserParameters& params, const IpvTable& ipv,
+    FeaturesExtractor(const UserParameters& params, const IsotopeTable& ipv,
                       const Ms1Slices& scan_peaks, const PeakList& merged_peaks,
                       const IntensityGrid& grid, const MS2Spectrum& ms2, Precursor precursor,
                       FeatureCache known = {});
@@ -107,7 +102,7 @@ class FeaturesExtractor {
 
   private:
     const UserParameters* m_params;
-    const IpvTable* m_ipv;
+    const IsotopeTable* m_ipv;
     const Ms1Slices* m_scan_peaks;
     const PeakList* m_merged_peaks;
     const IntensityGrid* m_grid;

@@ -10,13 +10,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "physics.h"
 #include "records.h"
 
 namespace ksieve {
-
-// The spacing of neighbouring isotope peaks in mass units, divided by the charge to
-// give their spacing in m/z.
-inline constexpr double kIsotopeSpacing = 1.003;
 
 // m/z of isotope peak `offset` (0 is the mono-isotopic peak) of `precursor`:
 // offset * 1.003 / charge + m/z, in that order of operations.

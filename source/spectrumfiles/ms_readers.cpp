@@ -5,6 +5,7 @@
 #include <string>
 
 #include "logger.h"
+#include "scangate.h"
 #include "spectrumfiles.h"
 #include "utils.h"
 
@@ -63,14 +64,6 @@ int32_t read_scan_number(char* line) {
     return text_to_int(view.from(1));
 }
 
-// Only the first letter of the instrument type is looked at.
-std::string instrument_type_of(char first) {
-    if (first == 'F' || first == 'Q') {
-        return "FT";
-    }
-    return first == 'I' ? "IT" : "Unknown";
-}
-
 // The I lines that both readers take: retention time, ion injection time,
 // instrument type, FAIMS compensation voltage and the instrument's native id,
 // told apart by the letters at positions 2 and 3 (CompensationVoltage against
@@ -83,7 +76,7 @@ bool read_shared_info(const LineView& line, Spectrum& scan) {
     } else if (line.at(2) == 'I' && line.at(3) == 'o') {
         scan.m_ion_injection_time = text_to_double(line.from(19));
     } else if (line.at(2) == 'I' && line.at(3) == 'n') {
-        scan.m_instrument_type = instrument_type_of(line.at(17));
+        scan.m_instrument_type = instrument_type_of_letter(line.at(17));
     } else if (line.at(2) == 'C' && line.at(3) == 'o') {
         const double voltage = text_to_double(line.from(kVoltageColumn));
         scan.m_compensation_voltage =

@@ -5,6 +5,7 @@
 // header alone and never on the file code beside it.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -12,11 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "physics.h"
+
 namespace ksieve {
 
-// The proton's mass in Da, as every part of kSieve converts between a precursor's
-// m/z, its singly protonated mass and its neutral mass (and as IPV.txt is keyed).
-inline constexpr double kProtonMass = 1.007276;
+// The isotope table (IPV.txt): row m holds the relative intensities of the
+// first five isotope peaks of a molecule of singly protonated integer mass m.
+// Loaded once per run and read-only afterwards, so every detecting thread and
+// the second look at detected precursors share it.
+using IsotopeTable = std::vector<std::array<double, 5>>;
 
 // One centroid. Peak lists are kept in peak order (see peak_less) once a reader
 // has finished a scan, and every merge keeps that order.

@@ -27,13 +27,6 @@
 
 namespace ksieve {
 
-// Row m: relative intensities of the first five isotope peaks of a molecule of
-// singly protonated integer mass m (the detection's isotope table).
-using IsotopeTable = std::vector<std::array<double, 5>>;
-
-// Mean spacing of neighbouring isotope peaks of a peptide, in Da.
-inline constexpr double kPeptideIsotopeSpacing = 1.00286;
-
 // The features of one precursor, in the order of the model's weights.
 inline constexpr std::size_t kValidationFeatures = 11;
 using ValidationFeatures = std::array<double, kValidationFeatures>;

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "basicprocesslogic.h"
 #include "detection.h"
@@ -261,6 +263,71 @@ TEST(PipelineTest, EachMs2ScanIsJudgedAgainstTheSurveyScansOfItsParentsVoltage) 
     EXPECT_EQ(faims_slice_scans(false, 1024), (Scans{{7, 8, 9, 10, 11, 12, 13, 14, 15, 16},
                                                      {8, 9, 10, 11, 12, 13, 14, 15, 16, 17},
                                                      {9, 10, 11, 12, 13, 14, 15, 16, 17, 18}}));
+}
+
+}  // namespace
+}  // namespace ksieve
+
+namespace ksieve {
+namespace {
+
+// A plain run of `survey` FT scans of five peaks each, and an MS2 scan on every
+// 40th survey scan from the 20th.
+void write_long_pair(const test::TempDir& dir, int survey) {
+    std::string ms1, ms2;
+    for (int scan = 1; scan <= survey; ++scan) {
+        ms1 += "S\t" + std::to_string(scan) + "\t" + std::to_string(scan) +
+               "\nI\tInstrumentType\tFTMS\n";
+        for (int peak = 0; peak < 5; ++peak) {
+            ms1 += std::to_string(500 + peak) + ".0 " + std::to_string(100 * scan + peak) + "\n";
+        }
+    }
+    for (int parent = 20; parent < survey - 10; parent += 40) {
+        ms2 += "S\t" + std::to_string(1000 + parent) + "\t" + std::to_string(1000 + parent) +
+               "\t500.0\nI\tActivationType\tHCD\nI\tActivationCenter\t500.0\nI\tPrecursorScan\t" +
+               std::to_string(parent) + "\nI\tInstrumentType\tFTMS\nZ\t2\t999.0\n200 1\n";
+    }
+    test::write_file(dir.file("long.ms1"), ms1);
+    test::write_file(dir.file("long.ms2"), ms2);
+}
+
+// What the windows did on the long run at `ceiling_mib` (the default without).
+Ms1WindowCounts long_run_counts(std::optional<int32_t> ceiling_mib) {
+    const test::TempDir dir;
+    write_long_pair(dir, 300);
+    UserParameters params;
+    params.m_outputpath = dir.path().string();
+    params.m_threads = 1;
+    if (ceiling_mib) {
+        params.m_memory_ceiling_mib = *ceiling_mib;
+    }
+    const PrecursorDetector detector = [](const Ms1Slices&, const MS2Spectrum&,
+                                          DetectionScratch&) -> std::vector<Precursor> {
+        return {};
+    };
+    test::CaptureStream errors(std::cerr);
+    test::CaptureStream output(std::cout);
+    const Ms1WindowCounts counts = process_ms_files(
+        params, file_context(params, dir.file("long.ms1"), "ms1", nullptr), detector);
+    std::fflush(nullptr);
+    return counts;
+}
+
+// At a ceiling of nothing each parent's neighbourhood is read again and only it
+// is held, however long the run; at the default ceiling a run this small is
+// held whole and nothing is read twice.
+TEST(PipelineTest, TheCeilingDecidesWhatIsHeldAndWhatIsReadAgain) {
+    const Ms1WindowCounts tiny = long_run_counts(0);
+    const Ms1WindowCounts roomy = long_run_counts(std::nullopt);
+    // Seven parents, each with up to ten survey scans read again.
+    EXPECT_GE(tiny.m_rereads, 7 * 5);
+    EXPECT_LE(tiny.m_rereads, 7 * 11);
+    // Five peaks fill a list of capacity 8; a neighbourhood is at most 11
+    // lists, with one more scan on its way in.
+    EXPECT_LE(tiny.m_most_held_bytes, 12 * 8 * sizeof(Peak));
+    EXPECT_GT(tiny.m_most_held_bytes, 0u);
+    EXPECT_EQ(roomy.m_rereads, 0);
+    EXPECT_GE(roomy.m_most_held_bytes, 300 * 5 * sizeof(Peak));
 }
 
 }  // namespace

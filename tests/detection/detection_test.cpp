@@ -190,7 +190,7 @@ class Candidates : public ::testing::Test {
     }
 
     UserParameters m_params;
-    IpvTable m_ipv = IpvTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
+    IsotopeTable m_ipv = IsotopeTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
     MS2Spectrum m_ms2 = FragmentScan(1, 500.0);
     Ms1Slices m_slices = Ms1Slices(10);
     PeakList m_merged = {{300.0, 1.0}};  // far off: a computed feature finds nothing

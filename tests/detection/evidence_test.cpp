@@ -11,12 +11,10 @@
 namespace ksieve {
 namespace {
 
-constexpr double kProton = 1.007276;
-
 // The m/z of the ion `steps` isotope steps heavier than `ion`, at `charge`.
 double mz_of(const Precursor& ion, int steps, int charge) {
-    const double mass = (ion.m_mz - kProton) * ion.m_charge + steps * kIsotopeSpacing;
-    return mass / charge + kProton;
+    const double mass = (ion.m_mz - kProtonMass) * ion.m_charge + steps * kIsotopeSpacing;
+    return mass / charge + kProtonMass;
 }
 
 // How the declared ion shows in a written one: the same ion, another isotope

@@ -58,7 +58,7 @@ class Features : public ::testing::Test {
     }
 
     UserParameters m_params;
-    IpvTable m_ipv;
+    IsotopeTable m_ipv;
     Ms1Slices m_clean = Ms1Slices(10);
     Ms1Slices m_raw;
     PeakList m_merged;

@@ -109,7 +109,7 @@ class ScoreCandidateTest : public testing::Test {
     }
 
     UserParameters m_params;
-    IpvTable m_ipv = IpvTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
+    IsotopeTable m_ipv = IsotopeTable(3000, {1.0, 0.6, 0.25, 0.08, 0.02});
     PeakList m_merged;
     Ms1Slices m_slices;
     MS2Spectrum m_ms2;

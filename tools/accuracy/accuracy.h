@@ -65,10 +65,9 @@ struct MatchRules {
 // the true m/z.
 bool same_ion(const Precursor& written, const Precursor& truth, double ppm);
 
-// Neighbouring isotope peaks of a peptide ion lie 1.003 / charge m/z apart. A
-// precursor off by a few of these has the right ion but the wrong mono-isotopic
-// peak; instruments and detectors slip by one or two, rarely more.
-inline constexpr double kIsotopeSpacing = 1.003;
+// Neighbouring isotope peaks of a peptide ion lie kIsotopeSpacing / charge m/z
+// apart. A precursor off by a few of these has the right ion but the wrong
+// mono-isotopic peak; instruments and detectors slip by one or two, rarely more.
 inline constexpr int kMaxIsotopeShift = 4;
 
 // The k from -kMaxIsotopeShift to kMaxIsotopeShift, smallest |k| first, for

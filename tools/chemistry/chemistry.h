@@ -10,13 +10,12 @@
 #include <string_view>
 #include <vector>
 
+#include "physics.h"
+
 namespace ksieve::chem {
 
 // The elements of peptides, in the order of Formula::m_count.
 enum Element : int { kCarbon, kHydrogen, kNitrogen, kOxygen, kSulfur, kElementCount };
-
-// The mass of a proton: the charge carrier of positive-mode electrospray.
-inline constexpr double kProtonMass = 1.007276466621;
 
 // Atom counts by element. Counts are real numbers so that an averagine
 // composition can describe a molecule of any mass; a count below 0 means nothing.

@@ -105,7 +105,7 @@ Formula peptide_formula(std::string_view sequence) {
 }
 
 double mz_from_neutral(double neutral_mass, int charge) {
-    return (neutral_mass + charge * kProtonMass) / charge;
+    return (neutral_mass + charge * kExactProtonMass) / charge;
 }
 
 std::vector<double> b_ion_mz(std::string_view sequence, int charge) {

@@ -9,7 +9,7 @@ namespace ksieve::ipv {
 
 std::array<double, kIpvColumns> ipv_row(int mass) {
     const std::vector<chem::IsotopePeak> peaks =
-        chem::isotope_pattern(chem::averagine(mass - kIndexProtonMass), kIpvColumns);
+        chem::isotope_pattern(chem::averagine(mass - kProtonMass), kIpvColumns);
     std::array<double, kIpvColumns> row{};
     double largest = 0.0;
     for (int k = 0; k < kIpvColumns; ++k) {

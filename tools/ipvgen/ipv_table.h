@@ -6,15 +6,13 @@
 #include <array>
 #include <cstdio>
 
+#include "physics.h"
+
 namespace ksieve::ipv {
 
 // One row per dalton of singly protonated mass, 0 to 14999.
 inline constexpr int kIpvRows = 15000;
 inline constexpr int kIpvColumns = 5;
-
-// The proton mass by which kSieve turns a precursor's m/z and charge into the
-// singly protonated mass that indexes the table.
-inline constexpr double kIndexProtonMass = 1.007276;
 
 // Peaks 0 to 4 of the averagine molecule whose singly protonated monoisotopic
 // mass is `mass` (neutral mass mass - 1.007276), scaled so that the largest is 1.

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "physics.h"
 #include "run_model.h"
 
 namespace ksieve::sim {
@@ -14,10 +15,6 @@ constexpr double kMs1Seconds = 0.25;
 constexpr double kMs2Seconds = 0.07;
 // A run that selects nothing for this long cannot reach its scan count.
 constexpr double kIdleLimitSeconds = 600.0;
-
-// The proton mass by which the reader turns a Z line's singly protonated mass
-// back into m/z; writing with the same constant returns the declared m/z as sent.
-constexpr double kFormatProtonMass = 1.007276;
 
 // Large stdio buffers: a long run writes gigabytes of peak lines.
 constexpr size_t kWriteBufferSize = size_t{1} << 20;
@@ -113,7 +110,7 @@ void write_ms2(std::FILE* out, int64_t scan, int64_t parent, const Ms2Scan& ms2,
     std::fprintf(out, "I\tPrecursorScan\t%" PRId64 "\n", parent);
     for (const Declared& declared : ms2.m_declared) {
         const double singly_protonated =
-            declared.m_charge * declared.m_mz - (declared.m_charge - 1) * kFormatProtonMass;
+            declared.m_charge * declared.m_mz - (declared.m_charge - 1) * kProtonMass;
         std::fprintf(out, "Z\t%d\t%.5f\n", declared.m_charge, singly_protonated);
     }
     write_peaks(out, ms2.m_peaks);

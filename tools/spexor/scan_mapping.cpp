@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "scangate.h"
 #include "spexor.h"
 
 namespace ksieve::spexor {
@@ -148,12 +149,9 @@ std::string inferred_activation_type(std::string_view run_activation,
 }
 
 bool gate_processes(std::string_view activation_type, std::string_view instrument_type) {
-    constexpr std::string_view kProcessed[] = {"CID", "HCD", "ETD", "ETCID", "ETHCD"};
-    // The reader keeps the first two letters of the instrument word.
-    std::string_view instrument = instrument_type.substr(0, 2);
-    return std::find(std::begin(kProcessed), std::end(kProcessed), activation_type) !=
-               std::end(kProcessed) &&
-           (instrument == "FT" || instrument == "IT");
+    // kSieve's reader looks at the first letter of the instrument word only.
+    const char first = instrument_type.empty() ? '\0' : instrument_type.front();
+    return gate_passes(activation_type, instrument_type_of_letter(first));
 }
 
 bool looks_like_profile(const std::vector<double>& mz) {

@@ -23,6 +23,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "physics.h"
+
 namespace ksieve::spexor {
 
 // ---- command line ----------------------------------------------------------
@@ -105,7 +107,8 @@ std::string inferred_activation_type(std::string_view run_activation,
                                      std::string_view filter_string, RunAnalyzers analyzers);
 
 // True when kSieve's scan gate processes a scan of this activation and
-// instrument word (CID, HCD, ETD, ETCID, ETHCD read out in FT or IT).
+// instrument word as the companion writes them (FTMS, ITMS): kSieve's own gate,
+// on the instrument type its reader makes of the word.
 bool gate_processes(std::string_view activation_type, std::string_view instrument_type);
 
 // Whether peaks declared as profile data really are: converters keep the
@@ -219,11 +222,6 @@ struct ScanRecord {
     std::vector<DeclaredPrecursor> precursors;
     std::vector<PeakPoint> peaks;  // ascending m/z, positive intensity
 };
-
-// The proton mass that the `.ms2` reader uses to turn a `Z` line's singly
-// protonated mass back into m/z; using the same value keeps the round trip exact
-// up to the printed digits.
-inline constexpr double kProtonMass = 1.007276;
 
 // Singly protonated mass [M+H]+ of an ion at `mz` with `charge`; 0 for an m/z
 // below 1e-6, which the reader replaces by the isolation target.

@@ -37,7 +37,7 @@ struct ScanRecord {
     std::vector<Precursor> m_detected;
     std::vector<Precursor> m_declared;
     ksieve::Ms1Slices m_slices;
-    const ksieve::IpvTable* m_ipv = nullptr;
+    const ksieve::IsotopeTable* m_ipv = nullptr;
 };
 
 struct Run {
@@ -47,7 +47,7 @@ struct Run {
 
 // Detection on one simulated run, one scan after another, keeping what the
 // stage would see of every scan.
-Run collect_run(const fs::path& dir, const ksieve::IpvTable& ipv) {
+Run collect_run(const fs::path& dir, const ksieve::IsotopeTable& ipv) {
     Run run;
     ksieve::UserParameters params;
     params.m_outputpath = (dir / "fit_out").string();
@@ -266,7 +266,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: ksieve_validation_fit IPV.txt OUT.cpp RUN_DIR...\n", stderr);
         return 2;
     }
-    const ksieve::IpvTable ipv = ksieve::read_ipv_file(argv[1]);
+    const ksieve::IsotopeTable ipv = ksieve::read_ipv_file(argv[1]);
     std::vector<Run> runs;
     for (int i = 3; i < argc; ++i) {
         runs.push_back(collect_run(argv[i], ipv));
