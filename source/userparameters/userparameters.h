@@ -77,18 +77,22 @@ struct OptionRange {
 };
 
 // One option: the single source of its name, letter, default, accepted values,
-// help and documentation. Only the original rows reach the parameter echo, the
-// template and the usage text; a later row is a parameter-file key, logged after
-// the echo when it differs from its default.
+// help and documentation (rows are written with designated initialisers). Only
+// the original rows reach the parameter echo, the template and the usage text;
+// a later row is a parameter-file key, logged after the echo when it differs
+// from its default.
 struct OptionRow {
     const char* m_key = "";
     const char* m_letter = "";  // without the dash; "" for a parameter-file key
-    OptionField m_field;        // its default is that of a fresh record
-    std::optional<OptionRange> m_range;
+    OptionField m_field = {};   // its default is that of a fresh record
+    std::optional<OptionRange> m_range = std::nullopt;
     const char* m_help = nullptr;  // template and usage text; original rows only
     bool m_original = true;
-    const char* m_shown_default = nullptr;  // README; nullptr: the row is not listed
-    const char* m_meaning = "";             // README
+    // README lists the row (with the default of a fresh record's field, an empty
+    // text shown as m_empty_default) and what it means.
+    bool m_listed = true;
+    const char* m_empty_default = "";
+    const char* m_meaning = "";
     // Logged after the echo when not at its default; a key that cannot change a
     // byte of any output (the thread count) stays silent, so that the log too is
     // the same whatever its value.
