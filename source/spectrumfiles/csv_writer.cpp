@@ -56,12 +56,6 @@ void write_csv_text(CsvFile& file, const std::string& row) {
                   file.m_unfinished_path);
 }
 
-void write_csv_row(CsvFile& file, const MS2Spectrum& scan) {
-    std::string row;
-    format_csv_row(row, scan);
-    write_csv_text(file, row);
-}
-
 // An older table of the same name stays readable until the new one is complete.
 void finish_csv_file(CsvFile& file) {
     // The table must be whole on disk before it may take its final name.

@@ -148,9 +148,4 @@ void write_mgf_text(MgfFile& file, const std::string& text) {
                   file.m_head.m_path);
 }
 
-void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
-    format_mgf_blocks(file.m_text, file.m_peak_text, file.m_layout, scan);
-    write_mgf_text(file, file.m_text);
-}
-
 }  // namespace ksieve

@@ -84,8 +84,6 @@ struct MgfFile {
     SpectrumFile m_head;
     MgfLayout m_layout;  // output only
     char m_line[kLineBufferSize] = {};
-    std::string m_text;       // output only: one scan's blocks, reused across scans
-    std::string m_peak_text;  // output only: one scan's peak lines, reused across scans
     DroppedValues m_dropped;  // input only
 };
 
@@ -234,14 +232,12 @@ void close_file_set(MgfFileSet& set);
 
 // Opens an MGF output file (mode "w+"), logging as any spectrum file.
 void open_mgf_file(MgfFile& file, std::string path, std::string mode, std::string title);
-// One block per entry of m_precursors, every peak repeated in each. The caller
-// raises the file's m_scan_count once per scan.
-void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan);
-// The blocks as text, replacing `text`; `peak_text` is scratch for the peak
-// lines, which every block repeats.
+// One block per entry of m_precursors, every peak repeated in each, as text
+// replacing `text`; `peak_text` is scratch for the peak lines, which every
+// block repeats. The caller raises the file's m_scan_count once per scan.
 void format_mgf_blocks(std::string& text, std::string& peak_text, const MgfLayout& layout,
                        const MS2Spectrum& scan);
-// Appends formatted text to an output file.
+// Appends formatted blocks to an output file.
 void write_mgf_text(MgfFile& file, const std::string& text);
 // Appends the title of precursor `i` of `scan` (counted from 0), without
 // "TITLE=": "<stem>.<scan>.<scan>.<charge>.<i>.dta".
@@ -252,10 +248,9 @@ void append_mgf_title(std::string& text, const std::string& stem, const MS2Spect
 void open_csv_file(CsvFile& file, std::string path, std::string mode);
 // The same for any table written under a temporary name, with its own header.
 void open_table_file(CsvFile& file, std::string path, std::string mode, const char* header);
-// Raises the count and writes one row: declared m/z and charge, then one
-// "n, mz, charge, " triple per precursor.
-void write_csv_row(CsvFile& file, const MS2Spectrum& scan);
-// The row as text, replacing `row`, and its writing (which raises the count).
+// One row as text, replacing `row`: declared m/z and charge, then one
+// "n, mz, charge, " triple per precursor; and its writing (which raises the
+// count).
 void format_csv_row(std::string& row, const MS2Spectrum& scan);
 void write_csv_text(CsvFile& file, const std::string& row);
 // Finishes the stream, deletes any old <path>, renames <path>_unfinished to it.

@@ -22,6 +22,18 @@
 namespace ksieve {
 namespace {
 
+// A scan's MGF blocks and table row written as the pipeline writes them.
+void write_mgf_blocks(MgfFile& file, const MS2Spectrum& scan) {
+    std::string text, peak_text;
+    format_mgf_blocks(text, peak_text, file.m_layout, scan);
+    write_mgf_text(file, text);
+}
+void write_row(CsvFile& table, const MS2Spectrum& scan) {
+    std::string row;
+    format_csv_row(row, scan);
+    write_csv_text(table, row);
+}
+
 // Every scan of `text`, read through a real file with `read` until it reports
 // the end, and what the reader left out of the file; the end must then hold on
 // a second call too, and the file must have counted each scan it kept once.
@@ -206,7 +218,7 @@ TEST(CsvWriter, TheTableTakesItsFinalNameOnlyWhenFinished) {
     open_csv_file(table, path, "w+");
     MS2Spectrum scan;
     scan.m_precursors = {{500.1234567, 2}};
-    write_csv_row(table, scan);
+    write_row(table, scan);
     std::fflush(table.m_head.m_stream);
     EXPECT_EQ(test::read_file(path), "old table\n");
     test::CaptureStream out(std::cout);
@@ -288,7 +300,7 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
         [&] {
             CsvFile table;
             open_on_full_device(table.m_head, table.m_unfinished_path);
-            write_csv_row(table, scan);
+            write_row(table, scan);
             finish_spectrum_file(table.m_head);
         },
         [&] {
