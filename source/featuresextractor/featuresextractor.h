@@ -51,7 +51,7 @@ class FeaturesExtractor {
     const IsoPattern& GetPattern();
 
     // The isotope-table row of the candidate's singly protonated mass
-    // z * m/z - z * 1.007276 + 1.007276, truncated toward zero. Asserts
+    // z * m/z - z * kProtonMass + kProtonMass, truncated toward zero. Asserts
     // "m_h_is_IPV_inited && (int)mz < m_h_IPV_Matrix.size()": it fails for an
     // empty table, for a mass beyond the table and for a negative index.
     const std::array<double, 5>& GetIpvRow() const;

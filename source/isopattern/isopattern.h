@@ -16,7 +16,7 @@
 namespace ksieve {
 
 // m/z of isotope peak `offset` (0 is the mono-isotopic peak) of `precursor`:
-// offset * 1.003 / charge + m/z, in that order of operations.
+// offset * kIsotopeSpacing / charge + m/z, in that order of operations.
 inline double IsotopePosition(const Precursor& precursor, int32_t offset) {
     return offset * kIsotopeSpacing / precursor.m_charge + precursor.m_mz;
 }
@@ -87,7 +87,7 @@ class IsoPattern {
     // Builds and cuts the pattern. `mstol` is in ppm when `mstolppm` is set, and
     // then the peak tolerance is scaled at the candidate's m/z while the grid
     // tolerance is scaled at `activation_center`; otherwise both are `mstol` in m/z.
-    // Isotope positions are offset * 1.003 / charge + m/z. Precondition:
+    // Isotope positions are offset * kIsotopeSpacing / charge + m/z. Precondition:
     // `merged_peaks` is in peak order and not empty (else the nearest-peak search
     // fails its assertion "peakCandidates.size() > 0").
     IsoPattern(double activation_center, double mstol, bool mstolppm, Precursor precursor,

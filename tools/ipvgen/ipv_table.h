@@ -15,7 +15,7 @@ inline constexpr int kIpvRows = 15000;
 inline constexpr int kIpvColumns = 5;
 
 // Peaks 0 to 4 of the averagine molecule whose singly protonated monoisotopic
-// mass is `mass` (neutral mass mass - 1.007276), scaled so that the largest is 1.
+// mass is `mass` (neutral mass mass - kProtonMass), scaled so that the largest is 1.
 // A mass at or below one proton leaves no atoms: {1, 0, 0, 0, 0}.
 std::array<double, kIpvColumns> ipv_row(int mass);
 
