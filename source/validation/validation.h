@@ -46,13 +46,13 @@ struct ValidationFeatures {
     double m_one_lower = 0.0;     // the fit one isotope lower, less m_fit
     double m_two_lower = 0.0;     // the fit two isotopes lower, less m_fit
     double m_other_charge = 0.0;  // the best fit at another charge, less m_fit
-    double m_between = 0.0;    // signal half a spacing above the first isotopes over theirs, <= 2
-    double m_elution = 0.0;    // mean elution correlation of the mono with isotopes 1, 2; -1 unseen
-    double m_below = 0.0;      // signal one spacing below the mono over the mono's, <= 3
-    double m_intensity = 0.0;  // log10 of the envelope over the scan's largest, >= -4
-    double m_first = 0.0;      // 1 for detection's best precursor, else 0
-    double m_rank = 0.0;       // log(1 + detection rank)
-    double m_mono_share = 0.0;  // the mono-isotopic peak over the envelope's strongest
+    double m_between = 0.0;       // signal half a spacing above isotopes over theirs, <= 2
+    double m_elution = 0.0;       // mono's elution correlation with isotopes 1, 2; -1 unseen
+    double m_below = 0.0;         // signal one spacing below the mono over the mono's, <= 3
+    double m_intensity = 0.0;     // log10 of the envelope over the scan's largest, >= -4
+    double m_first = 0.0;         // 1 for detection's best precursor, else 0
+    double m_rank = 0.0;          // log(1 + detection rank)
+    double m_mono_share = 0.0;    // the mono-isotopic peak over the envelope's strongest
 };
 
 // Each feature once, in the order the model sums them and the fit tool writes
