@@ -319,18 +319,6 @@ void write_work(MsPipeline& p, ScanWork& work) {
     }
 }
 
-// One line per input, which the run summary reads back.
-void log_validation_counts(const std::string& path, const ValidationCounts& c) {
-    const auto n = [](int64_t value) { return std::to_string(value); };
-    log_info("Precursor validation in " + path + ": " + n(c.m_in) + " detected, " + n(c.m_out) +
-             " kept; removed charge alias " + n(c.m_charge_alias) + ", isotope alias " +
-             n(c.m_isotope_alias) + ", duplicate " + n(c.m_duplicate) + ", not co-eluting " +
-             n(c.m_not_coeluting) + ", poor envelope " + n(c.m_poor_envelope) +
-             "; corrected isotope " + n(c.m_corrected_isotope) + ", charge " +
-             n(c.m_corrected_charge) + "; scans left with the best detected only " +
-             n(c.m_restored));
-}
-
 void open_pipeline(MsPipeline& p, const UserParameters& params, const FileContext& file) {
     open_spectrum_file(p.ms1.m_head, file.m_path, "r");
     open_spectrum_file(p.ms2.m_head, sibling_path(file, ".ms2"), "r");
@@ -484,7 +472,8 @@ Ms1WindowCounts run_pipeline(MsPipeline& p, const UserParameters& params, const 
                         ": no precursor detection was possible, the declared precursors stand");
     }
     if (params.m_validate_precursors) {
-        log_validation_counts(file.m_path, p.validation);
+        // One line per input, which the workflow and ksieve_summary read back.
+        log_info(ValidationCountsLine(file.m_path, p.validation));
     }
     if (params.m_precursor_table) {
         write_run_summary_json(params, file, p.evidence_counts,

@@ -73,8 +73,7 @@ void MergeSimilarPeaks(const UserParameters& params, PeakList& peaks) {
     if (peaks.empty()) {
         return;
     }
-    const double tol =
-        params.m_mstolppm ? params.m_mstol * peaks.front().m_mz / 1e6 : params.m_mstol;
+    const double tol = MzTolerance{params.m_mstol, params.m_mstolppm}.at(peaks.front().m_mz);
     std::size_t out = 0;
     std::size_t next = 0;
     while (next < peaks.size()) {
@@ -108,7 +107,7 @@ bool HitsIsolationTarget(const Precursor& candidate, double tol, double activati
 }  // namespace
 
 double ActivationTolerance(const UserParameters& params, const MS2Spectrum& ms2) {
-    return params.m_mstolppm ? params.m_mstol * ms2.m_activation_center / 1e6 : params.m_mstol;
+    return MzTolerance{params.m_mstol, params.m_mstolppm}.at(ms2.m_activation_center);
 }
 
 std::optional<SliceRange> FindSliceRange(const Ms1Store& store, const MS2Spectrum& ms2) {

@@ -12,7 +12,6 @@ namespace ksieve {
 
 namespace {
 
-constexpr double kZeroGuard = 1e-6;
 // With co-elution every plausible candidate may be a precursor; without it, one is.
 constexpr std::size_t kCoElutedLimit = 1000;
 
@@ -138,21 +137,9 @@ CandidateList SelectCandidates(const UserParameters& params, CandidateList kept)
 }
 
 double RecalibratedMz(FeaturesExtractor& candidate) {
-    const double mz = candidate.precursor().m_mz;
-    const double window_ppm = candidate.params().m_recalibrate_window;
-    double weighted = 0.0;
-    double intensity = 0.0;
     // The raw slices: peaks below the noise limit pull on the mean too.
-    for (const PeakList& slice : candidate.scan_peaks()) {
-        for (const Peak& peak : PeaksInWindow(slice, mz, window_ppm, true)) {
-            weighted += peak.m_mz * peak.m_intensity;
-            intensity += peak.m_intensity;
-        }
-    }
-    if (intensity <= kZeroGuard) {
-        return mz;
-    }
-    return weighted / intensity;
+    return WeightedMzInWindows(candidate.scan_peaks(), candidate.precursor().m_mz,
+                               {candidate.params().m_recalibrate_window, true});
 }
 
 }  // namespace ksieve

@@ -80,7 +80,7 @@ std::optional<int32_t> DeclaredIsotopeShift(const Precursor& declared, const Pre
     if (std::fabs(steps) > kMaxDeclaredShift) {
         return std::nullopt;
     }
-    const double tolerance = tolerance_ppm * ion_mass(declared) / 1e6;
+    const double tolerance = MzTolerance{tolerance_ppm, true}.at(ion_mass(declared));
     if (!(std::fabs(difference - steps * kIsotopeSpacing) < tolerance)) {
         return std::nullopt;
     }
@@ -125,7 +125,7 @@ double EnvelopeIntensityIn(const PeakList& peaks, const Precursor& precursor, do
             continue;
         }
         const Peak nearest = FindNearestPeak(peaks, position);
-        if (std::fabs(nearest.m_mz - position) < tolerance_ppm * position / 1e6) {
+        if (std::fabs(nearest.m_mz - position) < MzTolerance{tolerance_ppm, true}.at(position)) {
             sum += nearest.m_intensity;
         }
     }

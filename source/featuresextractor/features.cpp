@@ -162,7 +162,7 @@ double FeaturesExtractor::GetWindowShare() {
     }
     const int32_t n = GetIsotopeRun();
     // Scaled at the activation centre, like the grid, not at the candidate.
-    const double tol = m_params->m_mstolppm ? m_params->m_mstol * center / 1e6 : m_params->m_mstol;
+    const double tol = MzTolerance{m_params->m_mstol, m_params->m_mstolppm}.at(center);
     double explained = 0.0;
     for (int32_t i = 0; i < n; ++i) {
         for (const Peak& peak :

@@ -34,12 +34,9 @@ IsoPattern::IsoPattern(double activation_center, double mstol, bool mstolppm, Pr
     : m_tol(mstol), m_is_ppm(mstolppm), m_precursor(precursor) {
     // The merged peaks are matched at the candidate's own m/z; the grid bins are
     // laid at the scan's activation centre, so its tolerance is scaled there.
-    double peak_tol = m_tol;
-    double grid_tol = m_tol;
-    if (m_is_ppm) {
-        peak_tol = m_tol * m_precursor.m_mz / 1e6;
-        grid_tol = m_tol * activation_center / 1e6;
-    }
+    const MzTolerance tolerance{m_tol, m_is_ppm};
+    const double peak_tol = tolerance.at(m_precursor.m_mz);
+    const double grid_tol = tolerance.at(activation_center);
     for (int32_t i = -m_mono_col; i < m_right_num; ++i) {
         const int32_t col = m_mono_col + i;
         const double x = IsotopePosition(m_precursor, i);

@@ -1,5 +1,6 @@
 #include "spectrumutils.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "utils.h"
@@ -29,9 +30,7 @@ uint32_t FirstPeakAbove(std::span<const Peak> peakCandidates, double value) {
 
 std::span<const Peak> PeaksInWindow(std::span<const Peak> peakCandidates, double centerMZ,
                                     double err_tol, bool ppm) {
-    if (ppm) {
-        err_tol = centerMZ * err_tol / 1e6;
-    }
+    err_tol = MzTolerance{err_tol, ppm}.at(centerMZ);
     const uint32_t i_peak = FirstPeakAbove(peakCandidates, centerMZ - err_tol);
     KS_ASSERT(
         i_peak == peakCandidates.size() || peakCandidates[i_peak].m_mz > centerMZ - err_tol,
@@ -47,6 +46,30 @@ PeakList FindPeaksInWindow(std::span<const Peak> peakCandidates, double centerMZ
                            bool ppm) {
     const std::span<const Peak> window = PeaksInWindow(peakCandidates, centerMZ, err_tol, ppm);
     return PeakList(window.begin(), window.end());
+}
+
+double MostIntenseInWindow(std::span<const Peak> peakCandidates, double centerMZ,
+                           MzTolerance tolerance) {
+    double best = 0.0;
+    for (const Peak& peak :
+         PeaksInWindow(peakCandidates, centerMZ, tolerance.m_value, tolerance.m_ppm)) {
+        best = std::max(best, peak.m_intensity);
+    }
+    return best;
+}
+
+double WeightedMzInWindows(std::span<const PeakList> lists, double centerMZ,
+                           MzTolerance tolerance) {
+    double weighted = 0.0;
+    double intensity = 0.0;
+    for (const PeakList& list : lists) {
+        for (const Peak& peak : PeaksInWindow(list, centerMZ, tolerance.m_value, tolerance.m_ppm)) {
+            weighted += peak.m_mz * peak.m_intensity;
+            intensity += peak.m_intensity;
+        }
+    }
+    // Below this the weights are no more than rounding noise.
+    return intensity <= 1e-6 ? centerMZ : weighted / intensity;
 }
 
 Peak FindNearestPeak(std::span<const Peak> peakCandidates, double centerMZ) {

@@ -20,56 +20,23 @@ constexpr std::size_t kPositions = kHighest - kLowest + 1;
 
 using Profile = std::array<double, kSlices>;
 
-using PeakIt = PeakList::const_iterator;
-
-PeakIt first_from(const PeakList& peaks, double mz) {
-    return std::lower_bound(peaks.begin(), peaks.end(), mz,
-                            [](const Peak& peak, double value) { return peak.m_mz < value; });
-}
-
-// The most intense peak strictly within `tolerance` of `mz`, looking from `it`
-// on; 0 when none. `it` is left at the first peak above mz - tolerance, where
-// the search for a higher m/z can go on.
-double peak_from(PeakIt& it, PeakIt end, double mz, double tolerance) {
-    while (it != end && it->m_mz <= mz - tolerance) {
-        ++it;
-    }
-    double best = 0.0;
-    for (PeakIt peak = it; peak != end && peak->m_mz < mz + tolerance; ++peak) {
-        best = std::max(best, peak->m_intensity);
-    }
-    return best;
-}
-
-double peak_at(const PeakList& peaks, double mz, double tolerance) {
-    PeakIt it = first_from(peaks, mz - tolerance);
-    return peak_from(it, peaks.end(), mz, tolerance);
-}
-
 // The intensity at `mz` in every slice.
 Profile profile_at(const ValidationInput& input, double mz) {
     Profile profile{};
-    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
     const Ms1Slices& slices = *input.m_slices;
     for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
-        profile[s] = peak_at(slices[s], mz, tolerance);
+        profile[s] = MostIntenseInWindow(slices[s], mz, input.tolerance());
     }
     return profile;
 }
 
-// The profiles of isotope positions 0 .. N-1 of `p`, in one walk over each slice.
+// The profiles of isotope positions 0 .. N-1 of `p`.
 template <std::size_t N>
 std::array<Profile, N> isotope_profiles(const ValidationInput& input, const Precursor& p) {
     std::array<Profile, N> profiles{};
-    const Ms1Slices& slices = *input.m_slices;
-    const double ppm = input.m_tolerance_ppm * 1e-6;
     const double step = kSpacing / p.m_charge;
-    for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
-        PeakIt it = first_from(slices[s], p.m_mz - p.m_mz * ppm);
-        for (std::size_t k = 0; k < N; ++k) {
-            const double at = p.m_mz + static_cast<double>(k) * step;
-            profiles[k][s] = peak_from(it, slices[s].end(), at, at * ppm);
-        }
+    for (std::size_t k = 0; k < N; ++k) {
+        profiles[k] = profile_at(input, p.m_mz + static_cast<double>(k) * step);
     }
     return profiles;
 }
@@ -88,26 +55,19 @@ std::size_t cell(int k) {
     return static_cast<std::size_t>(k - kLowest);
 }
 
-// Summed intensity at isotope positions from + half .. to + half, in spacings
-// (the others stay 0); `half` 0.5 looks between the peaks.
 // Summed intensity at isotope positions from .. to, in spacings (the others stay
-// 0), and with `between` also half a spacing above each of them up to `to` - 1:
-// one walk over each slice, the positions rising.
+// 0), and with `between` also half a spacing above each of them up to `to` - 1.
 Envelope envelope(const ValidationInput& input, double mz, int charge, int from, int to,
                   Envelope* between = nullptr) {
     Envelope sums{};
     const Ms1Slices& slices = *input.m_slices;
     const double step = kSpacing / charge;
-    const double ppm = input.m_tolerance_ppm * 1e-6;
     for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
-        const double lowest = mz + from * step;
-        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
         for (int k = from; k <= to; ++k) {
-            const double at = mz + k * step;
-            sums[cell(k)] += peak_from(it, slices[s].end(), at, at * ppm);
+            sums[cell(k)] += MostIntenseInWindow(slices[s], mz + k * step, input.tolerance());
             if (between != nullptr && k >= 0 && k < to) {
-                const double half = mz + (k + 0.5) * step;
-                (*between)[cell(k)] += peak_from(it, slices[s].end(), half, half * ppm);
+                (*between)[cell(k)] +=
+                    MostIntenseInWindow(slices[s], mz + (k + 0.5) * step, input.tolerance());
             }
         }
     }
@@ -145,7 +105,7 @@ double cells_fit(const Envelope& observed, int shift, const std::array<double, 5
 
 // The fits at the other charges read the cells k / c spacings from the reported
 // m/z, for c from 1 to kMaxCharge and k from -1 to 4; many coincide (2/4 is 1/2),
-// so each distinct offset is summed once, in one walk over each slice.
+// so each distinct offset is summed once.
 constexpr int kMaxCharge = 6;
 
 struct Fraction {
@@ -205,14 +165,11 @@ constexpr ChargeCells kChargeCells = make_charge_cells();
 double best_other_charge_fit(const ValidationInput& input, double mz, int z) {
     std::array<double, 36> sums{};
     const Ms1Slices& slices = *input.m_slices;
-    const double ppm = input.m_tolerance_ppm * 1e-6;
     const auto position = [mz](Fraction f) { return mz + f.m_num * kSpacing / f.m_den; };
     for (std::size_t s = 0; s < kSlices && s < slices.size(); ++s) {
-        const double lowest = position(kChargeCells.m_offsets[0]);
-        PeakIt it = first_from(slices[s], lowest - lowest * ppm);
         for (std::size_t i = 0; i < kChargeCells.m_count; ++i) {
-            const double at = position(kChargeCells.m_offsets[i]);
-            sums[i] += peak_from(it, slices[s].end(), at, at * ppm);
+            sums[i] += MostIntenseInWindow(slices[s], position(kChargeCells.m_offsets[i]),
+                                           input.tolerance());
         }
     }
     double best = 0.0;
@@ -258,19 +215,7 @@ double elution_correlation(const ValidationInput& input, const Precursor& p) {
 }  // namespace
 
 double MeasuredMz(const ValidationInput& input, double mz) {
-    const double tolerance = mz * input.m_tolerance_ppm * 1e-6;
-    double weighted = 0.0;
-    double sum = 0.0;
-    for (const PeakList& slice : *input.m_slices) {
-        for (PeakIt it = first_from(slice, mz - tolerance);
-             it != slice.end() && it->m_mz < mz + tolerance; ++it) {
-            if (it->m_mz > mz - tolerance) {
-                weighted += it->m_mz * it->m_intensity;
-                sum += it->m_intensity;
-            }
-        }
-    }
-    return sum > 1e-6 ? weighted / sum : mz;
+    return WeightedMzInWindows(*input.m_slices, mz, input.tolerance());
 }
 
 double EnvelopeIntensity(const ValidationInput& input, const Precursor& precursor) {
@@ -315,7 +260,7 @@ double UnexplainedShare(const ValidationInput& input, const Precursor& strong,
     // nothing off its isotope positions.
     const double step = kSpacing / strong.m_charge;
     const long offset = std::lround((weak.m_mz - strong.m_mz) / step);
-    const double tolerance = weak.m_mz * input.m_tolerance_ppm * 1e-6;
+    const double tolerance = input.tolerance().at(weak.m_mz);
     const bool on_peak =
         offset >= 0 && offset < 5 && std::abs(weak.m_mz - strong.m_mz - offset * step) < tolerance;
     const double expected =
@@ -346,23 +291,26 @@ ValidationFeatures ComputeValidationFeatures(const ValidationInput& input,
         strongest = std::max(strongest, whole[cell(k)]);
     }
     const double mono = whole[cell(0)];
-    return {fit,
-            cells_fit(whole, -1, table_row(table, mz - kSpacing / z, z)) - fit,
-            cells_fit(whole, -2, table_row(table, mz - 2 * kSpacing / z, z)) - fit,
-            other - fit,
-            on > 0.0 ? std::min(2.0, between / on) : 0.0,
-            elution_correlation(input, precursor),
-            mono > 0.0 ? std::min(3.0, whole[cell(-1)] / mono) : 3.0,
+    return {
+        .m_fit = fit,
+        .m_one_lower = cells_fit(whole, -1, table_row(table, mz - kSpacing / z, z)) - fit,
+        .m_two_lower = cells_fit(whole, -2, table_row(table, mz - 2 * kSpacing / z, z)) - fit,
+        .m_other_charge = other - fit,
+        .m_between = on > 0.0 ? std::min(2.0, between / on) : 0.0,
+        .m_elution = elution_correlation(input, precursor),
+        .m_below = mono > 0.0 ? std::min(3.0, whole[cell(-1)] / mono) : 3.0,
+        .m_intensity =
             on > 0.0 && scan_max > 0.0 ? std::max(-4.0, std::log10(on / scan_max)) : -4.0,
-            rank == 0 ? 1.0 : 0.0,
-            std::log1p(static_cast<double>(rank)),
-            strongest > 0.0 ? mono / strongest : 0.0};
+        .m_first = rank == 0 ? 1.0 : 0.0,
+        .m_rank = std::log1p(static_cast<double>(rank)),
+        .m_mono_share = strongest > 0.0 ? mono / strongest : 0.0,
+    };
 }
 
 double Support(const ValidationModel& model, const ValidationFeatures& features) {
     double sum = model.m_bias;
-    for (std::size_t i = 0; i < kValidationFeatures; ++i) {
-        sum += model.m_weights[i] * features[i];
+    for (const ValidationFeatureField& field : kValidationFeatureFields) {
+        sum += model.m_weights.*field.m_member * features.*field.m_member;
     }
     return 1.0 / (1.0 + std::exp(-sum));
 }

@@ -41,14 +41,15 @@ struct Reading {
 Reading read_as(const ValidationInput& input, const ValidationModel& model, Precursor precursor,
                 std::size_t rank, double scan_max) {
     const ValidationFeatures features = ComputeValidationFeatures(input, precursor, rank, scan_max);
-    return {precursor, Support(model, features), features[5]};
+    return {precursor, Support(model, features), features.m_elution};
 }
 
 // Two m/z values `steps` isotope spacings apart: within the tolerance, widened by
 // the spread of real isotope spacings around the mean one (about 0.0006 Da).
 bool apart(double a, double b, int steps, int charge, double ppm) {
     const double expected = steps * kPeptideIsotopeSpacing / charge;
-    return std::abs(a - b - expected) < b * ppm * 1e-6 + 0.0006 * std::abs(steps) / charge;
+    return std::abs(a - b - expected) <
+           MzTolerance{ppm, true}.at(b) + 0.0006 * std::abs(steps) / charge;
 }
 
 Fate alias_kind(const Precursor& a, const Precursor& b, int k) {
@@ -103,33 +104,10 @@ void correct(const ValidationInput& input, const ValidationModel& model, Entry& 
 }
 
 void count(Fate fate, ValidationCounts& counts) {
-    switch (fate) {
-        case Fate::kCorrectedIsotope:
-            ++counts.m_corrected_isotope;
-            break;
-        case Fate::kCorrectedCharge:
-            ++counts.m_corrected_charge;
-            break;
-        case Fate::kChargeAlias:
-            ++counts.m_charge_alias;
-            break;
-        case Fate::kIsotopeAlias:
-            ++counts.m_isotope_alias;
-            break;
-        case Fate::kDuplicate:
-            ++counts.m_duplicate;
-            break;
-        case Fate::kNotCoeluting:
-            ++counts.m_not_coeluting;
-            break;
-        case Fate::kPoorEnvelope:
-            ++counts.m_poor_envelope;
-            break;
-        case Fate::kRestored:
-            ++counts.m_restored;
-            break;
-        case Fate::kKept:
-            break;
+    int64_t ValidationCounts::*const member =
+        kValidationOutcomes[static_cast<std::size_t>(fate)].m_count;
+    if (member != nullptr) {
+        ++(counts.*member);
     }
 }
 
@@ -183,40 +161,6 @@ void remove_corrected_onto_kept(std::vector<Entry>& entries, double ppm) {
         }
     }
 }
-
-}  // namespace
-
-void add_counts(ValidationCounts& total, const ValidationCounts& scan) {
-    for (const CountName<ValidationCounts>& count : kValidationCountNames) {
-        total.*count.m_member += scan.*count.m_member;
-    }
-}
-
-const char* ValidationFateName(ValidationFate fate) {
-    switch (fate) {
-        case Fate::kKept:
-            return "kept";
-        case Fate::kCorrectedIsotope:
-            return "corrected_isotope";
-        case Fate::kCorrectedCharge:
-            return "corrected_charge";
-        case Fate::kChargeAlias:
-            return "charge_alias";
-        case Fate::kIsotopeAlias:
-            return "isotope_alias";
-        case Fate::kDuplicate:
-            return "duplicate";
-        case Fate::kNotCoeluting:
-            return "not_coeluting";
-        case Fate::kPoorEnvelope:
-            return "poor_envelope";
-        case Fate::kRestored:
-            return "restored";
-    }
-    return "";
-}
-
-namespace {
 
 // A kept precursor as read, with the evidence detection gave its original and
 // the stage's outcome.

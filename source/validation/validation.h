@@ -21,15 +21,55 @@
 
 #include <array>
 #include <cstdint>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "records.h"
+#include "spectrumutils.h"
 
 namespace ksieve {
 
-// The features of one precursor, in the order of the model's weights.
-inline constexpr std::size_t kValidationFeatures = 11;
-using ValidationFeatures = std::array<double, kValidationFeatures>;
+// The features of one precursor; the model's weights are one of these too, a
+// weight per feature. Fits are cosines with the expected pattern, 0 to 1.
+struct ValidationFeatures {
+    double m_fit = 0.0;           // the envelope at the reported reading
+    double m_one_lower = 0.0;     // the fit one isotope lower, less m_fit
+    double m_two_lower = 0.0;     // the fit two isotopes lower, less m_fit
+    double m_other_charge = 0.0;  // the best fit at another charge, less m_fit
+    double m_between = 0.0;       // signal half a spacing above isotopes over theirs, <= 2
+    double m_elution = 0.0;       // mono's elution correlation with isotopes 1, 2; -1 unseen
+    double m_below = 0.0;         // signal one spacing below the mono over the mono's, <= 3
+    double m_intensity = 0.0;     // log10 of the envelope over the scan's largest, >= -4
+    double m_first = 0.0;         // 1 for detection's best precursor, else 0
+    double m_rank = 0.0;          // log(1 + detection rank)
+    double m_mono_share = 0.0;    // the mono-isotopic peak over the envelope's strongest
+};
+
+// Each feature once, in the order the model sums them and the fit tool writes
+// them, by its field name without the "m_".
+struct ValidationFeatureField {
+    const char* m_name;
+    double ValidationFeatures::*m_member;
+};
+inline constexpr ValidationFeatureField kValidationFeatureFields[] = {
+    {"fit", &ValidationFeatures::m_fit},
+    {"one_lower", &ValidationFeatures::m_one_lower},
+    {"two_lower", &ValidationFeatures::m_two_lower},
+    {"other_charge", &ValidationFeatures::m_other_charge},
+    {"between", &ValidationFeatures::m_between},
+    {"elution", &ValidationFeatures::m_elution},
+    {"below", &ValidationFeatures::m_below},
+    {"intensity", &ValidationFeatures::m_intensity},
+    {"first", &ValidationFeatures::m_first},
+    {"rank", &ValidationFeatures::m_rank},
+    {"mono_share", &ValidationFeatures::m_mono_share},
+};
+inline constexpr std::size_t kValidationFeatures = std::size(kValidationFeatureFields);
+static_assert(sizeof(ValidationFeatures) == kValidationFeatures * sizeof(double),
+              "every feature is in kValidationFeatureFields");
 
 // A logistic model over ValidationFeatures and the limits that act on its
 // support. Fitted on simulated runs with known truth (tools/validationfit).
@@ -75,22 +115,43 @@ struct ValidationCounts {
     int64_t m_restored = 0;           // scans whose precursors all failed: the first detected stays
 };
 
-// Every count of ValidationCounts once, by the name the run summary gives it.
-inline constexpr CountName<ValidationCounts> kValidationCountNames[] = {
-    {"scans", &ValidationCounts::m_scans},
-    {"detected", &ValidationCounts::m_in},
-    {"kept", &ValidationCounts::m_out},
-    {"removed_charge_alias", &ValidationCounts::m_charge_alias},
-    {"removed_isotope_alias", &ValidationCounts::m_isotope_alias},
-    {"removed_duplicate", &ValidationCounts::m_duplicate},
-    {"removed_not_coeluting", &ValidationCounts::m_not_coeluting},
-    {"removed_poor_envelope", &ValidationCounts::m_poor_envelope},
-    {"corrected_isotope", &ValidationCounts::m_corrected_isotope},
-    {"corrected_charge", &ValidationCounts::m_corrected_charge},
-    {"scans_left_with_best_detected", &ValidationCounts::m_restored},
+// Every count of ValidationCounts once: the name the run summary gives it, and
+// the words before and after its number in the log line of an input (none for
+// the scan count, which that line leaves out).
+struct ValidationCountName {
+    const char* m_name;
+    int64_t ValidationCounts::*m_member;
+    const char* m_log_before;
+    const char* m_log_after;
+};
+inline constexpr ValidationCountName kValidationCountNames[] = {
+    {"scans", &ValidationCounts::m_scans, nullptr, nullptr},
+    {"detected", &ValidationCounts::m_in, ": ", " detected"},
+    {"kept", &ValidationCounts::m_out, ", ", " kept"},
+    {"removed_charge_alias", &ValidationCounts::m_charge_alias, "; removed charge alias ", ""},
+    {"removed_isotope_alias", &ValidationCounts::m_isotope_alias, ", isotope alias ", ""},
+    {"removed_duplicate", &ValidationCounts::m_duplicate, ", duplicate ", ""},
+    {"removed_not_coeluting", &ValidationCounts::m_not_coeluting, ", not co-eluting ", ""},
+    {"removed_poor_envelope", &ValidationCounts::m_poor_envelope, ", poor envelope ", ""},
+    {"corrected_isotope", &ValidationCounts::m_corrected_isotope, "; corrected isotope ", ""},
+    {"corrected_charge", &ValidationCounts::m_corrected_charge, ", charge ", ""},
+    {"scans_left_with_best_detected", &ValidationCounts::m_restored,
+     "; scans left with the best detected only ", ""},
 };
 
 void add_counts(ValidationCounts& total, const ValidationCounts& scan);
+
+// The log line of one input's counts: "Precursor validation in <path>: 90
+// detected, 70 kept; removed charge alias 8, ...", every count but the scans.
+std::string ValidationCountsLine(const std::string& path, const ValidationCounts& counts);
+// The path and counts of a line that ends in what ValidationCountsLine wrote
+// (anything, such as the log's prefix, may stand before it); the scan count
+// stays 0. Nothing for any other line. The path is taken up to the last ": ".
+struct ValidationCountsRead {
+    std::string m_path;
+    ValidationCounts m_counts;
+};
+std::optional<ValidationCountsRead> ReadValidationCountsLine(std::string_view line);
 
 // What became of one detected precursor.
 enum class ValidationFate {
@@ -103,6 +164,26 @@ enum class ValidationFate {
     kNotCoeluting,      // removed: weak, and its isotopes do not elute together
     kPoorEnvelope,      // removed: weak, its envelope does not fit its reading
     kRestored,          // failed, yet kept as the scan's only precursor
+};
+
+// Every outcome once, in the order of ValidationFate: the name the precursor
+// evidence gives it and the count it adds one to (none for kKept).
+struct ValidationOutcome {
+    ValidationFate m_fate;
+    const char* m_name;
+    int64_t ValidationCounts::*m_count;
+};
+inline constexpr ValidationOutcome kValidationOutcomes[] = {
+    {ValidationFate::kKept, "kept", nullptr},
+    {ValidationFate::kCorrectedIsotope, "corrected_isotope",
+     &ValidationCounts::m_corrected_isotope},
+    {ValidationFate::kCorrectedCharge, "corrected_charge", &ValidationCounts::m_corrected_charge},
+    {ValidationFate::kChargeAlias, "charge_alias", &ValidationCounts::m_charge_alias},
+    {ValidationFate::kIsotopeAlias, "isotope_alias", &ValidationCounts::m_isotope_alias},
+    {ValidationFate::kDuplicate, "duplicate", &ValidationCounts::m_duplicate},
+    {ValidationFate::kNotCoeluting, "not_coeluting", &ValidationCounts::m_not_coeluting},
+    {ValidationFate::kPoorEnvelope, "poor_envelope", &ValidationCounts::m_poor_envelope},
+    {ValidationFate::kRestored, "restored", &ValidationCounts::m_restored},
 };
 
 // The outcome as the precursor evidence names it: "kept", "corrected_isotope",
@@ -123,6 +204,8 @@ struct ValidationInput {
     const Ms1Slices* m_slices = nullptr;  // ten raw slices, the parent fifth; or none
     const IsotopeTable* m_table = nullptr;
     double m_tolerance_ppm = 10.0;
+
+    MzTolerance tolerance() const { return {m_tolerance_ppm, true}; }
 };
 
 // The features of `precursor`, at detection rank `rank` (0 for the best), with

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -38,16 +39,18 @@ struct Ion {
     // for a real ion.
     double m_mono_apex = 4.0;
     double m_isotope_apex = 4.0;
+    // Relative heights of its first five peaks.
+    std::array<double, 5> m_pattern = kPattern;
 };
 
 Ms1Slices make_slices(const std::vector<Ion>& ions) {
     Ms1Slices slices(10);
     for (const Ion& ion : ions) {
-        for (std::size_t k = 0; k < kPattern.size(); ++k) {
+        for (std::size_t k = 0; k < ion.m_pattern.size(); ++k) {
             const auto shape = elution(k == 0 ? ion.m_mono_apex : ion.m_isotope_apex);
             for (std::size_t s = 0; s < slices.size(); ++s) {
                 slices[s].push_back({ion.m_mz + static_cast<double>(k) * kStep / ion.m_charge,
-                                     ion.m_height * kPattern[k] * shape[s]});
+                                     ion.m_height * ion.m_pattern[k] * shape[s]});
             }
         }
     }
@@ -72,7 +75,13 @@ Ms1Slices make_slices(const std::vector<Ion>& ions) {
 // charge or peaks between the isotopes fit better.
 ValidationModel hand_model() {
     ValidationModel model;
-    model.m_weights = {8.0, -8.0, -4.0, -6.0, -8.0, 8.0, -3.0, 0.0, 0.0, 0.0, 0.0};
+    model.m_weights = {.m_fit = 8.0,
+                       .m_one_lower = -8.0,
+                       .m_two_lower = -4.0,
+                       .m_other_charge = -6.0,
+                       .m_between = -8.0,
+                       .m_elution = 8.0,
+                       .m_below = -3.0};
     model.m_bias = -12.0;
     model.m_keep = 0.5;
     model.m_alias_keep = 0.95;
@@ -92,6 +101,11 @@ struct Case {
     std::vector<Fate> m_fates;
     std::vector<Precursor> m_expected;
 };
+
+// A case prints in a few words beside its name, not as a dump of its bytes.
+void PrintTo(const Case& c, std::ostream* out) {
+    *out << c.m_ions.size() << " ions, " << c.m_detected.size() << " detected";
+}
 
 const double kMz = 600.3;
 const Ion kTwoPlus{kMz, 2};
@@ -144,6 +158,19 @@ std::vector<Case> cases() {
          {{kMz + kStep / 2, 2}},
          {Fate::kCorrectedIsotope},
          {{kMz, 2}}},
+        // Its isotopes co-elute but stand in no ratio any reading explains.
+        {"poor_envelope",
+         {kTwoPlus, {kOther.m_mz, 3, 5e5, 4.0, 4.0, {0.05, 1.0, 0.05, 0.05, 1.0}}},
+         {{kMz, 2}, {kOther.m_mz, 3}},
+         {Fate::kKept, Fate::kPoorEnvelope},
+         {{kMz, 2}}},
+        // A singly charged ion on the first isotope peak keeps the one-high reading
+        // apart from the kept one, until its correction lands on it: it is written once.
+        {"corrected_onto_a_kept_precursor",
+         {kTwoPlus, {kMz + kStep / 2, 1, 3e5}},
+         {{kMz, 2}, {kMz + kStep / 2, 2}},
+         {Fate::kKept, Fate::kIsotopeAlias},
+         {{kMz, 2}}},
         {"lone_failure_restored",
          {{kMz, 2, 1e6, 0.5, 7.5}},
          {{kMz, 2}},
@@ -189,6 +216,54 @@ TEST(Validation, CountsAddUpByReason) {
     EXPECT_EQ(total.m_charge_alias, 2);
     EXPECT_EQ(total.m_duplicate, 2);
     EXPECT_EQ(total.m_not_coeluting, 2);
+}
+
+// Every count distinct, set field by field: a name, number or word out of place
+// in the tables shows in the log line, the evidence names or the counts.
+TEST(ValidationNames, TheLogLineHoldsEveryCountButTheScansInItsPlace) {
+    const ValidationCounts counts{.m_scans = 100,
+                                  .m_in = 101,
+                                  .m_out = 102,
+                                  .m_charge_alias = 103,
+                                  .m_isotope_alias = 104,
+                                  .m_duplicate = 105,
+                                  .m_not_coeluting = 106,
+                                  .m_poor_envelope = 107,
+                                  .m_corrected_isotope = 108,
+                                  .m_corrected_charge = 109,
+                                  .m_restored = 110};
+    EXPECT_EQ(ValidationCountsLine("/r/a b.ms1", counts),
+              "Precursor validation in /r/a b.ms1: 101 detected, 102 kept; removed charge alias "
+              "103, isotope alias 104, duplicate 105, not co-eluting 106, poor envelope 107; "
+              "corrected isotope 108, charge 109; scans left with the best detected only 110");
+    // Read back after the log's prefix, whatever the path holds; the scans stay 0.
+    const std::string line = ValidationCountsLine("/d: x/a.ms1", counts);
+    const auto read = ReadValidationCountsLine("[kSieve] <INFO> - " + line);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->m_path, "/d: x/a.ms1");
+    EXPECT_EQ(ValidationCountsLine("/d: x/a.ms1", read->m_counts), line);
+    EXPECT_EQ(read->m_counts.m_scans, 0);
+    for (const std::string& other : {line.substr(0, line.find("; scans")), line + " more",
+                                     std::string("Precursor validation in a"),
+                                     std::string(line).replace(line.find("103"), 3, "-13")}) {
+        EXPECT_FALSE(ReadValidationCountsLine(other)) << other;
+    }
+    ValidationCounts total = counts;
+    add_counts(total, counts);
+    EXPECT_EQ(ValidationCountsLine("", total).substr(0, 60),
+              "Precursor validation in : 202 detected, 204 kept; removed ch");
+    EXPECT_EQ(total.m_scans, 200);
+    EXPECT_EQ(total.m_restored, 220);
+}
+
+// The outcome names the precursor table's validation column carries.
+TEST(ValidationNames, EachOutcomeHasItsEvidenceName) {
+    const std::vector<std::string> names = {
+        "kept",      "corrected_isotope", "corrected_charge", "charge_alias", "isotope_alias",
+        "duplicate", "not_coeluting",     "poor_envelope",    "restored"};
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(ValidationFateName(static_cast<Fate>(i)), names[i]);
+    }
 }
 
 TEST(Validation, WithoutSlicesTheListPassesUnchanged) {

@@ -1,5 +1,6 @@
 """The workflow scripts' own rules, case by case, without running the programs."""
 
+import json
 import random
 import sys
 import tempfile
@@ -145,6 +146,20 @@ class KsieveParameters(unittest.TestCase):
                                               + self.LINE)
         self.assertEqual(counts[0], ["detected", 90])
         self.assertEqual([value for _, value in counts], [90, 70, 8, 7, 3, 1, 1, 4, 2, 5])
+        self.assertEqual(counts[2], ["removed: charge alias", 8])
+        self.assertEqual(counts[8], ["corrected: charge", 2])
+        self.assertEqual(counts[9], ["scans left with the best detected only", 5])
+
+    def test_validation_counts_agree_with_the_run_summary(self):
+        """kSieve's own log line and summary of one run: every count but the scans,
+        in the summary's order."""
+        data = ROOT / "tests/golden/cases/precursor_table_evidence/expected/files/data"
+        log_text = (data / "kSievePlusLog.txt").read_text()
+        summary = json.loads((data / "coeluting.summary.json").read_text())["validation"]
+        expected = [value for key, value in summary.items() if key != "scans"]
+        self.assertEqual([value for _, value in run_ksieve.validation_counts(log_text)],
+                         expected)
+        self.assertGreater(sum(expected), 0)
 
 
 class PrecursorTable(unittest.TestCase):

@@ -11,7 +11,6 @@ namespace ksieve::eval {
 namespace {
 
 constexpr const char* kScanCountLine = "Scan Number in ";
-constexpr const char* kValidationLine = "Precursor validation in ";
 
 std::string file_name(const std::string& path) {
     const size_t slash = path.find_last_of('/');
@@ -123,27 +122,14 @@ ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem
     return counts;
 }
 
-std::optional<ValidationTally> read_validation_tally(const std::string& log_text,
-                                                     const std::string& stem) {
-    std::optional<ValidationTally> tally;
+std::optional<ValidationCounts> read_validation_tally(const std::string& log_text,
+                                                      const std::string& stem) {
+    std::optional<ValidationCounts> tally;
     std::istringstream lines(log_text);
     for (std::string line; std::getline(lines, line);) {
-        const std::optional<NamedLine> named = named_line(line, kValidationLine);
-        if (!named || named->m_name != stem + ".ms1") {
-            continue;
-        }
-        ValidationTally found;
-        auto& r = found.m_by_reason;
-        const int read = std::sscanf(
-            named->m_rest,
-            "%" SCNd64 " detected, %" SCNd64 " kept; removed charge alias %" SCNd64
-            ", isotope alias %" SCNd64 ", duplicate %" SCNd64 ", not co-eluting %" SCNd64
-            ", poor envelope %" SCNd64 "; corrected isotope %" SCNd64 ", charge %" SCNd64
-            "; scans left with the best detected only %" SCNd64,
-            &found.m_detected, &found.m_kept, &r[0], &r[1], &r[2], &r[3], &r[4], &r[5], &r[6],
-            &r[7]);
-        if (read == 10) {
-            tally = found;
+        const std::optional<ValidationCountsRead> read = ReadValidationCountsLine(line);
+        if (read && file_name(read->m_path) == stem + ".ms1") {
+            tally = read->m_counts;
         }
     }
     return tally;
@@ -166,17 +152,21 @@ RunSummary summarise(const std::vector<TableRow>& rows, const ScanCounts& read, 
 
 namespace {
 
-std::string format_validation(const ValidationTally& tally) {
-    static const std::array<const char*, 8> kReasons{
-        "removed: charge alias         ", "removed: isotope alias        ",
-        "removed: duplicate            ", "removed: does not co-elute    ",
-        "removed: poor envelope        ", "corrected: mono-isotopic peak ",
-        "corrected: charge             ", "scans left with best detected "};
+std::string format_validation(const ValidationCounts& tally) {
+    static const std::pair<const char*, int64_t ValidationCounts::*> kReasons[] = {
+        {"removed: charge alias         ", &ValidationCounts::m_charge_alias},
+        {"removed: isotope alias        ", &ValidationCounts::m_isotope_alias},
+        {"removed: duplicate            ", &ValidationCounts::m_duplicate},
+        {"removed: does not co-elute    ", &ValidationCounts::m_not_coeluting},
+        {"removed: poor envelope        ", &ValidationCounts::m_poor_envelope},
+        {"corrected: mono-isotopic peak ", &ValidationCounts::m_corrected_isotope},
+        {"corrected: charge             ", &ValidationCounts::m_corrected_charge},
+        {"scans left with best detected ", &ValidationCounts::m_restored}};
     std::string text =
-        format_text("  precursor validation  %" PRId64 " detected, %" PRId64 " kept\n",
-                    tally.m_detected, tally.m_kept);
-    for (size_t i = 0; i < kReasons.size(); ++i) {
-        text += format_text("    %s  %6" PRId64 "\n", kReasons[i], tally.m_by_reason[i]);
+        format_text("  precursor validation  %" PRId64 " detected, %" PRId64 " kept\n", tally.m_in,
+                    tally.m_out);
+    for (const auto& [label, member] : kReasons) {
+        text += format_text("    %s  %6" PRId64 "\n", label, tally.*member);
     }
     return text;
 }

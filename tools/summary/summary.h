@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "accuracy.h"
+#include "validation.h"
 
 namespace ksieve::eval {
 
@@ -43,20 +44,10 @@ struct ScanCounts {
 ScanCounts read_scan_counts(const std::string& log_text, const std::string& stem);
 
 // What the precursor validation stage (validate_precursors = 1) did to one
-// input, from its log line.
-struct ValidationTally {
-    int64_t m_detected = 0;
-    int64_t m_kept = 0;
-    // Removed: charge alias, isotope alias, duplicate, not co-eluting, poor
-    // envelope; then corrected: isotope, charge; then scans left with the best
-    // detected precursor only.
-    std::array<int64_t, 8> m_by_reason{};
-};
-
-// The counts of the last "Precursor validation in <path>: ..." line whose path
-// names <stem>.ms1, in any directory; nothing when the stage did not run.
-std::optional<ValidationTally> read_validation_tally(const std::string& log_text,
-                                                     const std::string& stem);
+// input: the counts of the last "Precursor validation in <path>: ..." line whose
+// path names <stem>.ms1, in any directory; nothing when the stage did not run.
+std::optional<ValidationCounts> read_validation_tally(const std::string& log_text,
+                                                      const std::string& stem);
 
 struct RunSummary {
     ScanCounts m_read;
@@ -64,7 +55,7 @@ struct RunSummary {
     int64_t m_precursors = 0;  // precursors written
     std::array<int64_t, kDeclaredFates> m_fates{};
     int64_t m_with_coeluted = 0;  // scans with two or more detected precursors
-    std::optional<ValidationTally> m_validation;
+    std::optional<ValidationCounts> m_validation;
 };
 
 RunSummary summarise(const std::vector<TableRow>& rows, const ScanCounts& read, double ppm);

@@ -109,20 +109,33 @@ def write_parameter_file(args, source, outdir):
     return path
 
 
+VALIDATION_LINE = re.compile(r"Precursor validation in .*: (.+)")
+
+
+def count_item(item, verb):
+    """One "<number> <words>" or "<words> <number>" of the validation line."""
+    number, _, words = item.partition(" ")
+    if not number.isdigit():
+        words, _, number = item.rpartition(" ")
+    return [verb + words, int(number)]
+
+
 def validation_counts(log_text):
-    """The precursor validation stage's counts, from its log line; None when it
-    did not run."""
-    found = re.findall(r"Precursor validation in .*: (\d+) detected, (\d+) kept; removed "
-                       r"charge alias (\d+), isotope alias (\d+), duplicate (\d+), not co-eluting "
-                       r"(\d+), poor envelope (\d+); corrected isotope (\d+), charge (\d+); scans "
-                       r"left with the best detected only (\d+)", log_text)
+    """The precursor validation stage's counts from its last log line, each named
+    by the line's own words: a group of several "<words> <number>" counts shares
+    its first word ("removed: charge alias"). None when the stage did not run."""
+    found = VALIDATION_LINE.findall(log_text)
     if not found:
         return None
-    names = ["detected", "kept", "removed: charge alias", "removed: isotope alias",
-             "removed: duplicate", "removed: does not co-elute", "removed: poor envelope",
-             "corrected: mono-isotopic peak", "corrected: charge",
-             "scans left with the best detected only"]
-    return [[name, int(value)] for name, value in zip(names, found[-1])]
+    counts = []
+    for group in found[-1].split("; "):
+        items = group.split(", ")
+        verb = ""
+        if len(items) > 1 and not items[0][:1].isdigit():
+            first, _, items[0] = items[0].partition(" ")
+            verb = first + ": "
+        counts += [count_item(item, verb) for item in items]
+    return counts
 
 
 def ksieve(args, log):
