@@ -40,21 +40,29 @@ uint32_t adler32(const unsigned char* data, std::size_t size);
 // Appends the base64 text of `size` bytes at `data`, '=' padded, no line breaks.
 void base64_append(std::string& out, const unsigned char* data, std::size_t size);
 
+// Which SHA-1 code runs: the processor's SHA instructions where it has them, or
+// the portable code everywhere (both give the same digests).
+enum class Sha1Engine { kFastest, kPortable };
+
+// True when this processor has SHA instructions that kFastest uses.
+bool sha1_hardware_available();
+
 // A SHA-1 digest over bytes given in any number of pieces.
 class Sha1 {
   public:
-    Sha1();
+    explicit Sha1(Sha1Engine engine = Sha1Engine::kFastest);
     void update(const unsigned char* data, std::size_t size);
     // The digest as 40 lower-case hexadecimal digits. Call once, after the last
     // update.
     std::string hex_digest();
 
   private:
-    void compress_block(const unsigned char* block);
+    void compress(const unsigned char* data, std::size_t blocks);
     std::array<uint32_t, 5> m_state{};
     std::array<unsigned char, 64> m_block{};
     std::size_t m_block_used = 0;
     uint64_t m_total_bytes = 0;
+    bool m_hardware = false;
 };
 
 }  // namespace ksieve
