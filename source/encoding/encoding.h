@@ -14,23 +14,22 @@
 
 namespace ksieve {
 
-// The match finder's tables, reused across calls so that compressing one peak
-// array neither allocates nor clears them: positions are stored plus m_base, which
-// each call moves past everything stored before, so old entries read as out of
-// reach.
+// The match finder's table and the parse of one block, reused across calls so
+// that compressing one peak array neither allocates nor clears them: positions
+// are stored plus m_base + 1, and each call moves m_base past everything stored
+// before, so old entries read as out of reach.
 struct DeflateScratch {
-    std::vector<int64_t> m_head;  // by hash of three bytes: the last position seen
-    std::vector<int64_t> m_prev;  // by position within the window: the one before
-    int64_t m_base = 0;
+    std::vector<uint32_t> m_head;     // by hash of three bytes: the last position seen
+    std::vector<uint32_t> m_symbols;  // one block's literals and matches
+    uint32_t m_base = 0;
 };
 
 // Appends to `out` a complete zlib stream of `size` bytes at `data`, which any
 // inflater (zlib's `uncompress`, Python's `zlib.decompress`) returns exactly.
-// Matches are found by hash chains over a 32 KiB window and coded with the fixed
-// Huffman codes; when that would not be smaller than the bytes themselves, or
-// when an array of more than 8 KiB does not shrink by 3 % over its first 4 KiB,
-// they are stored uncompressed instead, so the stream is never more than 11 bytes plus
-// 5 bytes per 65535 longer than the input.
+// Matches are found with one probe per position over a 32 KiB window, greedily;
+// each block of up to 256 KiB is then sent with codes fitted to it, with the
+// fixed codes or stored, whichever is smallest, so the stream is never more than
+// 11 bytes plus 5 bytes per 65535 longer than the input.
 void zlib_compress(const unsigned char* data, std::size_t size, std::string& out,
                    DeflateScratch& scratch);
 
