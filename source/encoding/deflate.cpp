@@ -276,8 +276,8 @@ int32_t parse_block(const unsigned char* data, int32_t size, int32_t pos, int32_
             slot = base + static_cast<uint32_t>(pos) + 1;
             const int32_t candidate = static_cast<int32_t>(stored - base) - 1;
             if (stored > base && pos - candidate <= kWindow) {
-                const int32_t length = common_length(data + candidate, data + pos,
-                                                     std::min(kMaxMatch, size - pos));
+                const int32_t length =
+                    common_length(data + candidate, data + pos, std::min(kMaxMatch, size - pos));
                 if (length >= kMinMatch) {
                     const int32_t distance = pos - candidate;
                     symbols.push_back(kMatchFlag | (static_cast<uint32_t>(length) << 16) |
@@ -477,8 +477,9 @@ double count_bits(uint32_t count) {
         }
         return values;
     }();
-    return count < kLogTableSize ? table[count]
-                                 : static_cast<double>(count) * std::log2(static_cast<double>(count));
+    return count < kLogTableSize
+               ? table[count]
+               : static_cast<double>(count) * std::log2(static_cast<double>(count));
 }
 
 // Whether codes fitted to the block could beat `best` bits: its entropy plus
@@ -495,8 +496,9 @@ void add_entropy(const std::array<uint32_t, Symbols>& freq, double& bits) {
         used += f > 0 ? 1 : 0;
         sum += count_bits(f);
     }
-    bits += static_cast<double>(total) * std::log2(static_cast<double>(std::max<uint64_t>(total, 1))) -
-            sum + 4.0 * static_cast<double>(used);
+    bits +=
+        static_cast<double>(total) * std::log2(static_cast<double>(std::max<uint64_t>(total, 1))) -
+        sum + 4.0 * static_cast<double>(used);
 }
 
 bool fitted_codes_may_pay(const BlockStats& stats, uint64_t best) {
@@ -517,15 +519,14 @@ bool looks_incompressible(const unsigned char* data, std::size_t size) {
         ++bytes.m_literal_freq[data[i]];
     }
     bytes.m_literal_freq[kEndOfBlock] = 1;
-    return !fitted_codes_may_pay(bytes, static_cast<uint64_t>(
-                                            kWorthwhileShare * static_cast<double>(8 * size)));
+    return !fitted_codes_may_pay(
+        bytes, static_cast<uint64_t>(kWorthwhileShare * static_cast<double>(8 * size)));
 }
 
 // One block of the parse, in whichever of the three forms is smallest.
 void put_block(BitWriter& bits, std::string& out, const unsigned char* block, std::size_t size,
                bool final, const DeflateScratch& scratch, const BlockStats& stats) {
-    const uint64_t fixed_bits =
-        3 + symbol_bits(stats, fixed_literal_code(), fixed_distance_code());
+    const uint64_t fixed_bits = 3 + symbol_bits(stats, fixed_literal_code(), fixed_distance_code());
     const uint64_t stored = stored_bits(size);
     uint64_t best = std::min(fixed_bits, stored);
     DynamicHeader dynamic;
@@ -562,9 +563,8 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
     const auto total = static_cast<int32_t>(size);
     int32_t pos = 0;
     do {
-        const int32_t target =
-            static_cast<int32_t>(std::min<std::size_t>(size, static_cast<std::size_t>(pos) +
-                                                                 kBlockInput));
+        const int32_t target = static_cast<int32_t>(
+            std::min<std::size_t>(size, static_cast<std::size_t>(pos) + kBlockInput));
         if (looks_incompressible(data + pos, static_cast<std::size_t>(target - pos))) {
             out.resize(out.size() + stored_bits(static_cast<std::size_t>(target - pos)) / 8 + 8);
             put_stored(bits, out, data + pos, static_cast<std::size_t>(target - pos),
@@ -574,8 +574,8 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
         }
         BlockStats stats;
         const int32_t end = parse_block(data, total, pos, target, scratch, stats);
-        put_block(bits, out, data + pos, static_cast<std::size_t>(end - pos), end == total,
-                  scratch, stats);
+        put_block(bits, out, data + pos, static_cast<std::size_t>(end - pos), end == total, scratch,
+                  stats);
         pos = end;
     } while (pos < total);
     out.resize(bits.align());
