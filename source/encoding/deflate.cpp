@@ -461,7 +461,9 @@ void put_stored(BitWriter& bits, std::string& out, const unsigned char* data, st
         const char header[4] = {static_cast<char>(len16 & 0xFF), static_cast<char>(len16 >> 8),
                                 static_cast<char>(nlen16 & 0xFF), static_cast<char>(nlen16 >> 8)};
         std::memcpy(out.data() + at, header, 4);
-        std::memcpy(out.data() + at + 4, data + pos, length);
+        if (length > 0) {  // an empty array may come as a null pointer
+            std::memcpy(out.data() + at + 4, data + pos, length);
+        }
         bits.skip(4 + length);
         pos += length;
     } while (pos < size);

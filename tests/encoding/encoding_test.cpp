@@ -75,6 +75,14 @@ TEST(ZlibCompress, ZlibInflatesEveryStreamBackExactly) {
         byte = static_cast<unsigned char>(random());
     }
     expect_round_trip(noise, scratch);
+    // Blocks of different kinds in one stream: coded blocks end mid-byte, and
+    // the stored block after one must start on a byte of its own.
+    std::vector<unsigned char> mixed(70000, 9);
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
+    const std::vector<unsigned char> levels = peak_bytes(random, 40000, false);
+    mixed.insert(mixed.end(), levels.begin(), levels.end());
+    expect_round_trip(mixed, scratch);
     // Repeats further apart than the window may not be referenced.
     std::vector<unsigned char> far = peak_bytes(random, 5000, true);
     far.insert(far.end(), far.begin(), far.begin() + 1000);
