@@ -123,22 +123,51 @@ using PrecursorDetector =
 Ms1WindowCounts process_ms_files(const UserParameters& params, const FileContext& file,
                                  const PrecursorDetector& detect);
 
+// Back to a default record, keeping the peak buffer's capacity for the next
+// scan: the readers only append, so nothing of the old content can show.
+template <typename Scan>
+void reset_keeping_buffer(Scan& scan) {
+    std::vector<Peak> peaks = std::move(scan.m_peaks);
+    peaks.clear();
+    scan = Scan{};
+    scan.m_peaks = std::move(peaks);
+}
+
 // The mzML output of one input (output_mzml): <stem>.ksieve.mzML in the output
-// directory, spectra in scan-number order. The MS1 scans come from a stream of
-// their own on the `.ms1` file, one scan at a time, written as the MS2 scans
-// pass them: the pipeline reads MS1 only as far as detection needs, which for a
-// run with its survey scans first is not as far as the file order.
+// directory, spectra in scan-number order. The MS1 scans are encoded once, as
+// the pipeline reads them, and wait until the MS2 scans pass them. The pipeline
+// reads MS1 only as far as detection needs, which for a run with its survey
+// scans first is not as far as the file order: the stage then reads on with a
+// stream of its own from where the pipeline stands, and takes nothing twice.
+// Scans waiting are bounded in bytes (memory_ceiling_mib, at most 32 MiB); past
+// that the own stream reads them again when they are due.
 inline constexpr char kMzmlSuffix[] = ".ksieve.mzML";
+struct MzmlMs1Text {
+    int32_t m_scan = 0;
+    std::string m_id;
+    std::string m_text;
+};
 struct MzmlStage {
     MzmlFile m_file;
-    LineFile m_ms1;
-    MS1Spectrum m_next_ms1;
-    bool m_has_next_ms1 = false;
-    std::string m_text;  // one MS1 spectrum's text, reused
+    std::deque<MzmlMs1Text> m_waiting;  // encoded MS1 scans not yet written, in file order
+    std::size_t m_waiting_bytes = 0;
+    std::size_t m_waiting_ceiling = 0;
+    int64_t m_taken = 0;        // MS1 scans written or waiting, counted in file order
+    int64_t m_delivered = 0;    // MS1 scans the pipeline has read
+    int64_t m_next_offset = 0;  // where the pipeline's next MS1 scan begins; -1 unknown
+    int64_t m_gap_offset = -1;  // where the first scan the pipeline offered in vain begins
+    LineFile m_own;             // the stage's own stream on the `.ms1` file
+    int64_t m_own_next = -1;    // which scan it reads next; -1 when not placed
+    bool m_own_at_end = false;
+    bool m_ms2_done = false;  // MS1 scans offered from now on are written at once
+    MS1Spectrum m_scan;       // the own stream's scan, its buffers reused
+    MzmlScratch m_scratch;
 };
 MzmlOptions mzml_options(const UserParameters& params);
 // Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.
 void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileContext& file);
+// An MS1 scan the pipeline has just read with `reader`, the next in file order.
+void offer_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan, const LineFile& reader);
 // The mzML view of a written MS2 scan: RT in seconds, the isolation window from
 // isolation_width, its precursors in rank order with their evidence, the parent
 // under `parent_id` (with native ids, no parent reference when that is empty).
@@ -147,6 +176,8 @@ MzmlSpectrum mzml_ms2_spectrum(const MS2Spectrum& scan, const UserParameters& pa
                                const std::string& parent_id, const MzmlOptions& options);
 // Writes the MS1 scans numbered below the MS2 scan, then the MS2 scan.
 void write_mzml_ms2(MzmlStage& stage, const MS2Spectrum& scan, const std::string& text);
+// No MS2 scan follows: the MS1 scans waiting and those offered later go out.
+void end_mzml_ms2(MzmlStage& stage);
 // Writes the MS1 scans left and finishes the file under its final name.
 void close_mzml_stage(MzmlStage& stage);
 

@@ -99,24 +99,17 @@ struct WorkerScratch {
     MzmlScratch mzml;
 };
 
-// Back to a default record, keeping the peak buffer's capacity for the next
-// scan: the readers only append, so nothing of the old content can show.
-template <typename Scan>
-void reset_keeping_buffer(Scan& scan) {
-    std::vector<Peak> peaks = std::move(scan.m_peaks);
-    peaks.clear();
-    scan = Scan{};
-    scan.m_peaks = std::move(peaks);
-}
-
 // Advances the MS1 stream by one scan. Every scan goes to the KS1 file; an FT
 // scan also enters the window of its voltage, pushing out the oldest record,
 // whose buffers come back in `scan` for reuse (the caller resets it before the
 // next pull). False at the end of the stream.
 bool pull_ms1_scan(MS1Spectrum& scan, SurveyWindows& windows, LineFile& reader, KsFile* ks1,
-                   HeldLines* told) {
+                   MzmlStage* mzml, HeldLines* told) {
     if (!ReadMs1Scan(reader, scan)) {
         return false;
+    }
+    if (mzml != nullptr) {
+        offer_mzml_ms1(*mzml, scan, reader);
     }
     if (ks1 != nullptr) {
         write_ks1_record(*ks1, scan);
@@ -137,6 +130,7 @@ bool pull_ms1_scan(MS1Spectrum& scan, SurveyWindows& windows, LineFile& reader, 
 // nothing.
 Ms1Window& read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, HeldLines& told) {
     KsFile* ks1 = p.ks1 ? &*p.ks1 : nullptr;
+    MzmlStage* mzml = p.mzml ? &*p.mzml : nullptr;
     reset_keeping_buffer(ms1);
     while (true) {
         // The parent, once read, may stand in another voltage's window.
@@ -146,7 +140,7 @@ Ms1Window& read_ahead(MsPipeline& p, MS1Spectrum& ms1, const MS2Spectrum& ms2, H
             store[store.size() - 1 - kScansBehindParent].m_scan >= ms2.m_precursor_scan) {
             return window;
         }
-        if (!pull_ms1_scan(ms1, p.windows, p.ms1, ks1, &told)) {
+        if (!pull_ms1_scan(ms1, p.windows, p.ms1, ks1, mzml, &told)) {
             window.pop();
             return window;
         }
@@ -440,8 +434,12 @@ void run_scans(MsPipeline& p, const UserParameters& params, const ScanFormat& fo
     run_ordered_ring(threads, works.size(), steps);
     log_held(last_read);
     // Every MS1 scan reaches the KS1 file, however far the MS2 side needed it.
+    MzmlStage* mzml = p.mzml ? &*p.mzml : nullptr;
+    if (mzml != nullptr) {
+        end_mzml_ms2(*mzml);
+    }
     reset_keeping_buffer(ms1);
-    while (pull_ms1_scan(ms1, p.windows, p.ms1, p.ks1 ? &*p.ks1 : nullptr, nullptr)) {
+    while (pull_ms1_scan(ms1, p.windows, p.ms1, p.ks1 ? &*p.ks1 : nullptr, mzml, nullptr)) {
         reset_keeping_buffer(ms1);
     }
 }

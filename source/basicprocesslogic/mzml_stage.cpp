@@ -1,6 +1,9 @@
 // The mzML output of the per-file pipeline: records turned into mzML spectra,
 // the MS1 scans merged in from their own stream by scan number.
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,29 +53,94 @@ MzmlEvidence mzml_evidence(const PrecursorEvidence& evidence) {
     return out;
 }
 
-void read_next_ms1(MzmlStage& stage) {
-    std::vector<Peak> peaks = std::move(stage.m_next_ms1.m_peaks);
-    peaks.clear();
-    stage.m_next_ms1 = MS1Spectrum{};
-    stage.m_next_ms1.m_peaks = std::move(peaks);
-    stage.m_has_next_ms1 = ReadMs1Scan(stage.m_ms1, stage.m_next_ms1);
+// Encoded MS1 scans wait for the MS2 scans to pass them up to this many bytes,
+// or the memory ceiling when that is lower.
+constexpr std::size_t kWaitingCeiling = std::size_t{32} << 20;
+
+MzmlMs1Text encode_ms1(MzmlStage& stage, const MS1Spectrum& scan) {
+    const MzmlOptions& options = stage.m_file.m_options;
+    MzmlSpectrum spectrum;
+    spectrum.m_native_id = own_id(options, scan.m_native_id);
+    spectrum.m_scan = scan.m_scan;
+    spectrum.m_retention_seconds = scan.m_retention_time * kSecondsPerMinute;
+    spectrum.m_ion_injection_ms = scan.m_ion_injection_time;
+    spectrum.m_peaks = scan.m_peaks;
+    spectrum.m_faims_cv = scan.m_compensation_voltage;
+    MzmlMs1Text text;
+    text.m_scan = scan.m_scan;
+    text.m_id = mzml_spectrum_id(spectrum.m_native_id, scan.m_scan);
+    format_mzml_spectrum(text.m_text, spectrum, options, stage.m_scratch);
+    return text;
+}
+
+void keep_waiting(MzmlStage& stage, MzmlMs1Text text) {
+    stage.m_waiting_bytes += text.m_text.size();
+    stage.m_waiting.push_back(std::move(text));
+    ++stage.m_taken;
+}
+
+void write_first_waiting(MzmlStage& stage) {
+    const MzmlMs1Text& first = stage.m_waiting.front();
+    write_mzml_spectrum(stage.m_file, first.m_id, first.m_text);
+    stage.m_waiting_bytes -= first.m_text.size();
+    stage.m_waiting.pop_front();
+}
+
+// The own stream's next scan, encoded and waiting; false at the end of the file.
+bool read_own(MzmlStage& stage) {
+    reset_keeping_buffer(stage.m_scan);
+    if (stage.m_own_at_end || !ReadMs1Scan(stage.m_own, stage.m_scan)) {
+        stage.m_own_at_end = true;
+        return false;
+    }
+    ++stage.m_own_next;
+    return true;
+}
+
+void seek_own(MzmlStage& stage, int64_t offset, int64_t scan_index) {
+    const std::string& path = stage.m_own.m_head.m_path;
+    if (fseeko(stage.m_own.m_head.m_stream, static_cast<off_t>(offset), SEEK_SET) != 0) {
+        throw "Cannot relocate to " + std::to_string(offset) + " in " + path;
+    }
+    stage.m_own.m_line[0] = '\0';
+    stage.m_own_next = scan_index;
+    stage.m_own_at_end = false;
+}
+
+// Puts the own stream before the scan the stage takes next: where the pipeline
+// stands when it has not read that far, else where the first scan it offered in
+// vain begins; from the start of the file when neither place is known.
+void place_own(MzmlStage& stage) {
+    if (stage.m_own_next == stage.m_taken) {
+        return;
+    }
+    const int64_t offset =
+        stage.m_taken == stage.m_delivered ? stage.m_next_offset : stage.m_gap_offset;
+    if (offset >= 0) {
+        seek_own(stage, offset, stage.m_taken);
+        return;
+    }
+    seek_own(stage, 0, 0);
+    while (stage.m_own_next < stage.m_taken && read_own(stage)) {
+    }
+}
+
+// The next MS1 scan in file order is waiting, encoded; false when none is left.
+bool next_waiting(MzmlStage& stage) {
+    if (!stage.m_waiting.empty()) {
+        return true;
+    }
+    place_own(stage);
+    if (!read_own(stage)) {
+        return false;
+    }
+    keep_waiting(stage, encode_ms1(stage, stage.m_scan));
+    return true;
 }
 
 void write_ms1_before(MzmlStage& stage, int64_t scan_limit) {
-    while (stage.m_has_next_ms1 && stage.m_next_ms1.m_scan < scan_limit) {
-        const MS1Spectrum& scan = stage.m_next_ms1;
-        const MzmlOptions& options = stage.m_file.m_options;
-        MzmlSpectrum spectrum;
-        spectrum.m_native_id = own_id(options, scan.m_native_id);
-        spectrum.m_scan = scan.m_scan;
-        spectrum.m_retention_seconds = scan.m_retention_time * kSecondsPerMinute;
-        spectrum.m_ion_injection_ms = scan.m_ion_injection_time;
-        spectrum.m_peaks = scan.m_peaks;
-        spectrum.m_faims_cv = scan.m_compensation_voltage;
-        format_mzml_spectrum(stage.m_text, spectrum, options, stage.m_file.m_scratch);
-        write_mzml_spectrum(stage.m_file, mzml_spectrum_id(spectrum.m_native_id, scan.m_scan),
-                            stage.m_text);
-        read_next_ms1(stage);
+    while (next_waiting(stage) && stage.m_waiting.front().m_scan < scan_limit) {
+        write_first_waiting(stage);
     }
 }
 
@@ -91,21 +159,53 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     }
     info.m_keys = keys_in_force(params);
     info.m_options = mzml_options(params);
-    // A second reader on the `.ms1` file, quiet: the pipeline's own reader
+    // The stage's own stream on the `.ms1` file, quiet: the pipeline's reader
     // logs the file's opening and closing.
-    SpectrumFile& head = stage.m_ms1.m_head;
+    SpectrumFile& head = stage.m_own.m_head;
     head.m_path = file.m_path;
     head.m_mode = "r";
     head.m_stream = open_file(head.m_path, head.m_mode, "");
     head.m_read_buffer = std::make_unique_for_overwrite<char[]>(kReadBufferSize);
     std::setvbuf(head.m_stream, head.m_read_buffer.get(), _IOFBF, kReadBufferSize);
-    read_next_ms1(stage);
+    stage.m_own_next = 0;
+    stage.m_waiting_ceiling = std::min(ms1_ceiling_bytes(params), kWaitingCeiling);
+    const bool any = read_own(stage);
     // The first survey scan tells whether the companion carried the
     // instrument's ids through; the file then uses them throughout.
-    const std::string& first_id = stage.m_has_next_ms1 ? stage.m_next_ms1.m_native_id : "";
+    const std::string& first_id = any ? stage.m_scan.m_native_id : "";
     info.m_options.m_native_ids = !first_id.empty();
     info.m_native_id_format = native_id_format(first_id);
     open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
+    if (any) {
+        keep_waiting(stage, encode_ms1(stage, stage.m_scan));
+    }
+}
+
+void offer_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan, const LineFile& reader) {
+    const int64_t index = stage.m_delivered++;
+    // The pipeline's reader holds the line that opens its next scan.
+    const off_t after = ftello(reader.m_head.m_stream);
+    stage.m_next_offset =
+        after < 0 ? -1
+                  : static_cast<int64_t>(after) - static_cast<int64_t>(std::strlen(reader.m_line));
+    if (index != stage.m_taken) {
+        return;  // taken by the own stream already, or behind a scan offered in vain
+    }
+    if (stage.m_waiting_bytes > stage.m_waiting_ceiling && !stage.m_ms2_done) {
+        stage.m_gap_offset = scan.m_source_offset;
+        return;
+    }
+    keep_waiting(stage, encode_ms1(stage, scan));
+    if (stage.m_ms2_done) {
+        write_first_waiting(stage);
+    }
+}
+
+void end_mzml_ms2(MzmlStage& stage) {
+    stage.m_ms2_done = true;
+    while (!stage.m_waiting.empty()) {
+        write_first_waiting(stage);
+    }
 }
 
 std::string parent_native_id(const Ms1Window& window, int32_t parent) {

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <cstring>
 
 #include "encoding.h"
@@ -10,13 +12,20 @@ namespace {
 constexpr int32_t kWindow = 32768;
 constexpr int32_t kMinMatch = 3;
 constexpr int32_t kMaxMatch = 258;
-constexpr int kHashBits = 15;
-// Candidates tried per position: deeper chains find little more in peak arrays,
-// whose bytes repeat mostly in the high bytes of neighbouring numbers.
-constexpr int kChainDepth = 4;
+constexpr int kHashBits = 14;
 constexpr std::size_t kStoredBlockMax = 65535;
-constexpr std::size_t kProbeSize = 4096;
-constexpr std::size_t kProbeGainPercent = 97;  // the trial must come out below this share
+// Input per block: each block gets codes of its own, and the symbols of one block
+// wait in the scratch, so a long array costs no more memory than this.
+constexpr std::size_t kBlockInput = std::size_t{1} << 18;
+constexpr int kLiteralLengthSymbols = 286;
+constexpr int kDistanceSymbols = 30;
+constexpr int kCodeLengthSymbols = 19;
+constexpr int kMaxCodeBits = 15;
+constexpr int kMaxCodeLengthBits = 7;
+constexpr uint32_t kEndOfBlock = 256;
+// A symbol of the parse: a literal byte, or a match with this bit set, its
+// length in bits 16 to 24 and its distance below.
+constexpr uint32_t kMatchFlag = 1U << 31;
 
 constexpr std::array<uint16_t, 29> kLengthBase = {3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
                                                   15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
@@ -29,74 +38,9 @@ constexpr std::array<uint16_t, 30> kDistanceBase = {
 constexpr std::array<uint8_t, 30> kDistanceExtra = {0, 0, 0,  0,  1,  1,  2,  2,  3,  3,
                                                     4, 4, 5,  5,  6,  6,  7,  7,  8,  8,
                                                     9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
-
-// Bits go out least significant first; Huffman codes are reversed before they
-// are put, as deflate sends them most significant bit first.
-class BitWriter {
-  public:
-    explicit BitWriter(std::string& out) : m_out(out) {}
-    void put(uint32_t bits, int count) {
-        m_bits |= static_cast<uint64_t>(bits) << m_count;
-        m_count += count;
-        while (m_count >= 8) {
-            m_out.push_back(static_cast<char>(m_bits & 0xFF));
-            m_bits >>= 8;
-            m_count -= 8;
-        }
-    }
-    void flush() {
-        if (m_count > 0) {
-            m_out.push_back(static_cast<char>(m_bits & 0xFF));
-        }
-        m_bits = 0;
-        m_count = 0;
-    }
-
-  private:
-    std::string& m_out;
-    uint64_t m_bits = 0;
-    int m_count = 0;
-};
-
-constexpr uint32_t reverse_bits(uint32_t code, int length) {
-    uint32_t reversed = 0;
-    for (int i = 0; i < length; ++i) {
-        reversed = (reversed << 1) | ((code >> i) & 1U);
-    }
-    return reversed;
-}
-
-struct Code {
-    uint16_t m_bits = 0;  // reversed, ready to put
-    uint8_t m_length = 0;
-};
-
-// The fixed literal/length code of RFC 1951, 3.2.6.
-constexpr std::array<Code, 288> kFixedCodes = [] {
-    std::array<Code, 288> codes{};
-    for (uint32_t symbol = 0; symbol < 288; ++symbol) {
-        uint32_t code = 0;
-        int length = 8;
-        if (symbol <= 143) {
-            code = 0x30 + symbol;
-        } else if (symbol <= 255) {
-            code = 0x190 + symbol - 144;
-            length = 9;
-        } else if (symbol <= 279) {
-            code = symbol - 256;
-            length = 7;
-        } else {
-            code = 0xC0 + symbol - 280;
-        }
-        codes[symbol] = {static_cast<uint16_t>(reverse_bits(code, length)),
-                         static_cast<uint8_t>(length)};
-    }
-    return codes;
-}();
-
-void put_literal_or_length(BitWriter& bits, uint32_t symbol) {
-    bits.put(kFixedCodes[symbol].m_bits, kFixedCodes[symbol].m_length);
-}
+// The order in which a dynamic block sends the lengths of the code-length code.
+constexpr std::array<uint8_t, kCodeLengthSymbols> kCodeLengthOrder = {
+    16, 17, 18, 0, 8, 7, 9, 6, 10, 5, 11, 4, 12, 3, 13, 2, 14, 1, 15};
 
 // The index of the code whose base is the largest not above `value`, for every
 // value up to `Size - 1`.
@@ -115,123 +59,536 @@ constexpr std::array<uint8_t, Size> code_table(const std::array<uint16_t, N>& ba
 constexpr auto kLengthCode = code_table<kMaxMatch + 1>(kLengthBase);
 constexpr auto kDistanceCode = code_table<kWindow + 1>(kDistanceBase);
 
-void put_match(BitWriter& bits, int32_t length, int32_t distance) {
-    const std::size_t l = kLengthCode[static_cast<std::size_t>(length)];
-    put_literal_or_length(bits, static_cast<uint32_t>(257 + l));
-    bits.put(static_cast<uint32_t>(length - kLengthBase[l]), kLengthExtra[l]);
-    const std::size_t d = kDistanceCode[static_cast<std::size_t>(distance)];
-    bits.put(reverse_bits(static_cast<uint32_t>(d), 5), 5);
-    bits.put(static_cast<uint32_t>(distance - kDistanceBase[d]), kDistanceExtra[d]);
+// Bits go out least significant first, into room the caller has made in `out`
+// beyond `at`; Huffman codes are reversed before they are put, as deflate
+// sends them most significant bit first.
+class BitWriter {
+  public:
+    BitWriter(std::string& out, std::size_t at) : m_out(out), m_at(at) {}
+    // At most 32 bits at a time.
+    void put(uint32_t bits, int count) {
+        m_bits |= static_cast<uint64_t>(bits) << m_count;
+        m_count += count;
+        if (m_count >= 32) {
+            char* o = m_out.data() + m_at;
+            for (int i = 0; i < 4; ++i) {
+                o[i] = static_cast<char>((m_bits >> (8 * i)) & 0xFF);
+            }
+            m_at += 4;
+            m_bits >>= 32;
+            m_count -= 32;
+        }
+    }
+    // Pads to a whole byte and returns where the next byte goes.
+    std::size_t align() {
+        for (; m_count > 0; m_count -= 8) {
+            m_out[m_at++] = static_cast<char>(m_bits & 0xFF);
+            m_bits >>= 8;
+        }
+        m_bits = 0;
+        m_count = 0;
+        return m_at;
+    }
+    // After align: whole bytes written straight.
+    void skip(std::size_t bytes) { m_at += bytes; }
+
+  private:
+    std::string& m_out;
+    std::size_t m_at;
+    uint64_t m_bits = 0;
+    int m_count = 0;
+};
+
+constexpr uint32_t reverse_bits(uint32_t code, int length) {
+    uint32_t reversed = 0;
+    for (int i = 0; i < length; ++i) {
+        reversed = (reversed << 1) | ((code >> i) & 1U);
+    }
+    return reversed;
+}
+
+// One Huffman code: by symbol, its bits (reversed, ready to put) and length.
+template <std::size_t Symbols>
+struct HuffmanCode {
+    std::array<uint16_t, Symbols> m_bits{};
+    std::array<uint8_t, Symbols> m_lengths{};
+};
+
+// The canonical codes of RFC 1951, 3.2.2, for the lengths already set.
+template <std::size_t Symbols>
+void assign_codes(HuffmanCode<Symbols>& code) {
+    std::array<uint32_t, kMaxCodeBits + 1> count{};
+    for (const uint8_t length : code.m_lengths) {
+        ++count[length];
+    }
+    count[0] = 0;
+    std::array<uint32_t, kMaxCodeBits + 1> next{};
+    uint32_t value = 0;
+    for (std::size_t bits = 1; bits <= kMaxCodeBits; ++bits) {
+        value = (value + count[bits - 1]) << 1;
+        next[bits] = value;
+    }
+    for (std::size_t symbol = 0; symbol < Symbols; ++symbol) {
+        const uint8_t length = code.m_lengths[symbol];
+        if (length > 0) {
+            code.m_bits[symbol] = static_cast<uint16_t>(reverse_bits(next[length]++, length));
+        }
+    }
+}
+
+// The fixed literal/length and distance codes of RFC 1951, 3.2.6.
+const HuffmanCode<288>& fixed_literal_code() {
+    static const HuffmanCode<288> code = [] {
+        HuffmanCode<288> fixed;
+        for (std::size_t symbol = 0; symbol < 288; ++symbol) {
+            fixed.m_lengths[symbol] = symbol <= 143 ? 8 : symbol <= 255 ? 9 : symbol <= 279 ? 7 : 8;
+        }
+        assign_codes(fixed);
+        return fixed;
+    }();
+    return code;
+}
+
+const HuffmanCode<kDistanceSymbols>& fixed_distance_code() {
+    static const HuffmanCode<kDistanceSymbols> code = [] {
+        HuffmanCode<kDistanceSymbols> fixed;
+        fixed.m_lengths.fill(5);
+        assign_codes(fixed);
+        return fixed;
+    }();
+    return code;
+}
+
+// Code lengths of a Huffman code for `freq`, none above `limit`: the two-queue
+// construction over the symbols in order of frequency; when it comes out too
+// deep, the frequencies are halved (never to zero) and it is built again. A
+// lone symbol gets length 1, as inflaters require.
+constexpr int kSymbolBits = 9;
+constexpr uint32_t kSymbolMask = (1U << kSymbolBits) - 1;
+static_assert(kBlockInput + kMaxMatch < (std::size_t{1} << (32 - kSymbolBits)));
+
+template <std::size_t Symbols>
+void build_lengths(const std::array<uint32_t, Symbols>& counts, int limit,
+                   std::array<uint8_t, Symbols>& lengths) {
+    std::array<uint32_t, Symbols> freq = counts;
+    // Sorted as frequency above the symbol in one word: ties go by symbol.
+    std::array<uint32_t, Symbols> order{};
+    std::array<uint64_t, 2 * Symbols> weight{};
+    std::array<uint16_t, 2 * Symbols> parent{};
+    std::array<uint8_t, 2 * Symbols> depth{};
+    while (true) {
+        lengths.fill(0);
+        std::size_t used = 0;
+        for (std::size_t symbol = 0; symbol < Symbols; ++symbol) {
+            if (freq[symbol] > 0) {
+                order[used++] = (freq[symbol] << kSymbolBits) | static_cast<uint32_t>(symbol);
+            }
+        }
+        if (used < 2) {
+            if (used == 1) {
+                lengths[order[0] & kSymbolMask] = 1;
+            }
+            return;
+        }
+        std::sort(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(used));
+        for (std::size_t i = 0; i < used; ++i) {
+            weight[i] = order[i] >> kSymbolBits;
+            order[i] &= kSymbolMask;
+        }
+        std::size_t leaf = 0;
+        std::size_t inner = used;
+        const auto smallest = [&](std::size_t made) {
+            if (leaf < used && (inner >= made || weight[leaf] <= weight[inner])) {
+                return leaf++;
+            }
+            return inner++;
+        };
+        for (std::size_t made = used; made < 2 * used - 1; ++made) {
+            const std::size_t a = smallest(made);
+            const std::size_t b = smallest(made);
+            weight[made] = weight[a] + weight[b];
+            parent[a] = parent[b] = static_cast<uint16_t>(made);
+        }
+        depth[2 * used - 2] = 0;
+        int deepest = 0;
+        for (std::size_t node = 2 * used - 2; node-- > 0;) {
+            depth[node] = static_cast<uint8_t>(depth[parent[node]] + 1);
+            deepest = std::max<int>(deepest, depth[node]);
+        }
+        if (deepest <= limit) {
+            for (std::size_t i = 0; i < used; ++i) {
+                lengths[order[i]] = depth[i];
+            }
+            return;
+        }
+        for (uint32_t& f : freq) {
+            f = f == 0 ? 0 : (f + 1) / 2;
+        }
+    }
 }
 
 uint32_t hash3(const unsigned char* p) {
-    const uint32_t v = (uint32_t{p[0]} << 16) | (uint32_t{p[1]} << 8) | p[2];
-    return (v * 2654435761U) >> (32 - kHashBits);
+    const uint32_t v = uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16);
+    return (v * 0x9E3779B1U) >> (32 - kHashBits);
 }
 
-struct Match {
-    int32_t m_length = 0;
-    int32_t m_distance = 0;
+// How many leading bytes of `a` and `b` agree, up to `limit`.
+int32_t common_length(const unsigned char* a, const unsigned char* b, int32_t limit) {
+    int32_t length = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        for (; length + 8 <= limit; length += 8) {
+            uint64_t x = 0;
+            uint64_t y = 0;
+            std::memcpy(&x, a + length, 8);
+            std::memcpy(&y, b + length, 8);
+            if (x != y) {
+                return length + std::countr_zero(x ^ y) / 8;
+            }
+        }
+    }
+    while (length < limit && a[length] == b[length]) {
+        ++length;
+    }
+    return length;
+}
+
+// What one block's parse found, and what each kind of block would cost.
+struct BlockStats {
+    std::array<uint32_t, kLiteralLengthSymbols> m_literal_freq{};
+    std::array<uint32_t, kDistanceSymbols> m_distance_freq{};
+    uint64_t m_extra_bits = 0;  // of lengths and distances, the same under any code
 };
 
-// Stored positions below the current call's base are of an earlier array.
-int32_t position_of(const DeflateScratch& scratch, int64_t stored) {
-    const int64_t pos = stored - scratch.m_base;
-    return pos < 0 ? -1 : static_cast<int32_t>(pos);
-}
-
-Match longest_match(const unsigned char* data, int32_t size, int32_t pos,
-                    const DeflateScratch& scratch, int32_t candidate) {
-    Match best;
-    const int32_t limit = std::min(kMaxMatch, size - pos);
-    for (int depth = 0; depth < kChainDepth && candidate >= 0 && pos - candidate <= kWindow;
-         ++depth) {
-        int32_t length = 0;
-        while (length < limit && data[candidate + length] == data[pos + length]) {
-            ++length;
-        }
-        if (length > best.m_length) {
-            best = {length, pos - candidate};
-            if (length == limit) {
-                break;
+// Greedy parse with one probe per position: the last position of the same three
+// bytes, if within the window and of this array. Peak arrays repeat mostly the
+// high bytes of neighbouring numbers, which one probe finds as well as many.
+// Parses from `pos` until at least `target`; returns where it stopped.
+int32_t parse_block(const unsigned char* data, int32_t size, int32_t pos, int32_t target,
+                    DeflateScratch& scratch, BlockStats& stats) {
+    std::vector<uint32_t>& symbols = scratch.m_symbols;
+    symbols.clear();
+    uint32_t* head = scratch.m_head.data();
+    const uint32_t base = scratch.m_base;
+    while (pos < target) {
+        if (pos + kMinMatch <= size) {
+            uint32_t& slot = head[hash3(data + pos)];
+            const uint32_t stored = slot;
+            slot = base + static_cast<uint32_t>(pos) + 1;
+            const int32_t candidate = static_cast<int32_t>(stored - base) - 1;
+            if (stored > base && pos - candidate <= kWindow) {
+                const int32_t length =
+                    common_length(data + candidate, data + pos, std::min(kMaxMatch, size - pos));
+                if (length >= kMinMatch) {
+                    const int32_t distance = pos - candidate;
+                    symbols.push_back(kMatchFlag | (static_cast<uint32_t>(length) << 16) |
+                                      static_cast<uint32_t>(distance));
+                    const uint8_t l = kLengthCode[static_cast<std::size_t>(length)];
+                    const uint8_t d = kDistanceCode[static_cast<std::size_t>(distance)];
+                    ++stats.m_literal_freq[257U + l];
+                    ++stats.m_distance_freq[d];
+                    stats.m_extra_bits += kLengthExtra[l] + kDistanceExtra[d];
+                    const int32_t end = pos + length;
+                    for (++pos; pos < end && pos + kMinMatch <= size; ++pos) {
+                        head[hash3(data + pos)] = base + static_cast<uint32_t>(pos) + 1;
+                    }
+                    pos = end;
+                    continue;
+                }
             }
         }
-        candidate =
-            position_of(scratch, scratch.m_prev[static_cast<std::size_t>(candidate % kWindow)]);
+        symbols.push_back(data[pos]);
+        ++stats.m_literal_freq[data[pos]];
+        ++pos;
     }
-    return best;
+    stats.m_literal_freq[kEndOfBlock] = 1;
+    return pos;
 }
 
-void insert_position(const unsigned char* data, int32_t pos, DeflateScratch& scratch) {
-    int64_t& head = scratch.m_head[hash3(data + pos)];
-    scratch.m_prev[static_cast<std::size_t>(pos % kWindow)] = head;
-    head = scratch.m_base + pos;
+// A dynamic block's header: the code lengths of both codes as one sequence,
+// runs coded with the repeat symbols 16, 17 and 18.
+struct DynamicHeader {
+    HuffmanCode<kLiteralLengthSymbols> m_literal;
+    HuffmanCode<kDistanceSymbols> m_distance;
+    HuffmanCode<kCodeLengthSymbols> m_code_length;
+    std::size_t m_literal_count = 257;
+    std::size_t m_distance_count = 1;
+    std::size_t m_code_length_count = 4;
+    // Run-coded lengths: the symbol, its extra bits' value and their number.
+    std::array<std::array<uint8_t, 3>, kLiteralLengthSymbols + kDistanceSymbols> m_items{};
+    std::size_t m_item_count = 0;
+    uint64_t m_bits = 0;  // the header after the three block bits
+};
+
+void add_item(DynamicHeader& header, uint8_t symbol, uint8_t value, uint8_t bits) {
+    header.m_items[header.m_item_count++] = {symbol, value, bits};
 }
 
-// One final block with the fixed codes, greedy matching.
-void fixed_block(const unsigned char* data, int32_t size, std::string& out,
-                 DeflateScratch& scratch) {
-    if (scratch.m_head.empty()) {
-        scratch.m_head.assign(std::size_t{1} << kHashBits, -1);
-        scratch.m_prev.assign(kWindow, -1);
-    }
-    BitWriter bits(out);
-    bits.put(1, 1);  // final block
-    bits.put(1, 2);  // fixed Huffman codes
-    int32_t pos = 0;
-    while (pos < size) {
-        Match match;
-        if (pos + kMinMatch <= size) {
-            const int32_t candidate = position_of(scratch, scratch.m_head[hash3(data + pos)]);
-            match = longest_match(data, size, pos, scratch, candidate);
-            insert_position(data, pos, scratch);
+void run_code_lengths(DynamicHeader& header, const uint8_t* lengths, std::size_t count) {
+    for (std::size_t i = 0; i < count;) {
+        const uint8_t length = lengths[i];
+        std::size_t run = 1;
+        while (i + run < count && lengths[i + run] == length && run < 138) {
+            ++run;
         }
-        if (match.m_length < kMinMatch) {
-            put_literal_or_length(bits, data[pos++]);
+        i += run;
+        if (length == 0 && run >= 11) {
+            add_item(header, 18, static_cast<uint8_t>(run - 11), 7);
             continue;
         }
-        put_match(bits, match.m_length, match.m_distance);
-        const int32_t end = pos + match.m_length;
-        for (++pos; pos < end; ++pos) {
-            if (pos + kMinMatch <= size) {
-                insert_position(data, pos, scratch);
-            }
+        if (length == 0 && run >= 3) {
+            add_item(header, 17, static_cast<uint8_t>(run - 3), 3);
+            continue;
+        }
+        add_item(header, length, 0, 0);
+        for (--run; length != 0 && run >= 3;) {
+            const std::size_t take = std::min<std::size_t>(run, 6);
+            add_item(header, 16, static_cast<uint8_t>(take - 3), 2);
+            run -= take;
+        }
+        for (; run > 0; --run) {
+            add_item(header, length, 0, 0);
         }
     }
-    put_literal_or_length(bits, 256);  // end of block
-    bits.flush();
-    scratch.m_base += int64_t{size} + kWindow + 1;
 }
 
-// Numbers with full mantissas, as most peak arrays hold, do not shrink under the
-// fixed codes; a trial on the first kProbeSize bytes spares coding the rest in
-// vain. Short arrays are always tried whole.
-bool worth_compressing(const unsigned char* data, std::size_t size, std::string& out,
-                       DeflateScratch& scratch) {
-    if (size <= 2 * kProbeSize) {
-        return true;
+void plan_dynamic(const BlockStats& stats, DynamicHeader& header) {
+    build_lengths(stats.m_literal_freq, kMaxCodeBits, header.m_literal.m_lengths);
+    build_lengths(stats.m_distance_freq, kMaxCodeBits, header.m_distance.m_lengths);
+    if (header.m_distance.m_lengths[0] == 0 &&
+        std::all_of(header.m_distance.m_lengths.begin(), header.m_distance.m_lengths.end(),
+                    [](uint8_t l) { return l == 0; })) {
+        header.m_distance.m_lengths[0] = 1;  // no match: one unused code, as zlib sends
     }
-    const std::size_t start = out.size();
-    fixed_block(data, static_cast<int32_t>(kProbeSize), out, scratch);
-    const bool shrinks = (out.size() - start) * 100 < kProbeSize * kProbeGainPercent;
-    out.resize(start);
-    return shrinks;
+    assign_codes(header.m_literal);
+    assign_codes(header.m_distance);
+    const auto last_used = [](const auto& lengths, std::size_t least) {
+        std::size_t count = lengths.size();
+        while (count > least && lengths[count - 1] == 0) {
+            --count;
+        }
+        return count;
+    };
+    header.m_literal_count = last_used(header.m_literal.m_lengths, 257);
+    header.m_distance_count = last_used(header.m_distance.m_lengths, 1);
+    std::array<uint8_t, kLiteralLengthSymbols + kDistanceSymbols> sequence{};
+    std::copy_n(header.m_literal.m_lengths.begin(), header.m_literal_count, sequence.begin());
+    std::copy_n(header.m_distance.m_lengths.begin(), header.m_distance_count,
+                sequence.begin() + static_cast<std::ptrdiff_t>(header.m_literal_count));
+    run_code_lengths(header, sequence.data(), header.m_literal_count + header.m_distance_count);
+    std::array<uint32_t, kCodeLengthSymbols> freq{};
+    for (std::size_t i = 0; i < header.m_item_count; ++i) {
+        ++freq[header.m_items[i][0]];
+    }
+    build_lengths(freq, kMaxCodeLengthBits, header.m_code_length.m_lengths);
+    assign_codes(header.m_code_length);
+    std::size_t sent = kCodeLengthSymbols;
+    while (sent > 4 && header.m_code_length.m_lengths[kCodeLengthOrder[sent - 1]] == 0) {
+        --sent;
+    }
+    header.m_code_length_count = sent;
+    header.m_bits = 5 + 5 + 4 + 3 * sent;
+    for (std::size_t i = 0; i < header.m_item_count; ++i) {
+        const auto& [symbol, value, bits] = header.m_items[i];
+        header.m_bits += header.m_code_length.m_lengths[symbol] + bits;
+    }
 }
 
-void stored_blocks(const unsigned char* data, std::size_t size, std::string& out) {
+// The bits of the block's symbols under a pair of codes, extra bits included.
+template <typename LiteralCode>
+uint64_t symbol_bits(const BlockStats& stats, const LiteralCode& literal,
+                     const HuffmanCode<kDistanceSymbols>& distance) {
+    uint64_t bits = stats.m_extra_bits;
+    for (std::size_t s = 0; s < kLiteralLengthSymbols; ++s) {
+        bits += uint64_t{stats.m_literal_freq[s]} * literal.m_lengths[s];
+    }
+    for (std::size_t s = 0; s < kDistanceSymbols; ++s) {
+        bits += uint64_t{stats.m_distance_freq[s]} * distance.m_lengths[s];
+    }
+    return bits;
+}
+
+template <typename LiteralCode>
+void put_symbols(BitWriter& bits, const std::vector<uint32_t>& symbols, const LiteralCode& literal,
+                 const HuffmanCode<kDistanceSymbols>& distance) {
+    for (const uint32_t symbol : symbols) {
+        if ((symbol & kMatchFlag) == 0) {
+            bits.put(literal.m_bits[symbol], literal.m_lengths[symbol]);
+            continue;
+        }
+        const uint32_t length = (symbol >> 16) & 0x1FF;
+        const uint32_t gap = symbol & 0xFFFF;
+        const std::size_t l = kLengthCode[length];
+        const std::size_t code = 257 + l;
+        bits.put(literal.m_bits[code] | ((length - kLengthBase[l]) << literal.m_lengths[code]),
+                 literal.m_lengths[code] + kLengthExtra[l]);
+        const std::size_t d = kDistanceCode[gap];
+        bits.put(distance.m_bits[d] | ((gap - kDistanceBase[d]) << distance.m_lengths[d]),
+                 distance.m_lengths[d] + kDistanceExtra[d]);
+    }
+    bits.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
+}
+
+void put_dynamic_header(BitWriter& bits, const DynamicHeader& header) {
+    bits.put(static_cast<uint32_t>(header.m_literal_count - 257), 5);
+    bits.put(static_cast<uint32_t>(header.m_distance_count - 1), 5);
+    bits.put(static_cast<uint32_t>(header.m_code_length_count - 4), 4);
+    for (std::size_t i = 0; i < header.m_code_length_count; ++i) {
+        bits.put(header.m_code_length.m_lengths[kCodeLengthOrder[i]], 3);
+    }
+    for (std::size_t i = 0; i < header.m_item_count; ++i) {
+        const auto& [symbol, value, extra] = header.m_items[i];
+        bits.put(header.m_code_length.m_bits[symbol], header.m_code_length.m_lengths[symbol]);
+        bits.put(value, extra);
+    }
+}
+
+// Stored blocks need whole bytes: up to seven bits of padding, then the length
+// and its complement, per 65535 bytes.
+uint64_t stored_bits(std::size_t size) {
+    return (size / kStoredBlockMax + 1) * (3 + 7 + 32) + 8 * uint64_t{size};
+}
+
+void put_stored(BitWriter& bits, std::string& out, const unsigned char* data, std::size_t size,
+                bool final) {
     std::size_t pos = 0;
     do {
         const std::size_t length = std::min(kStoredBlockMax, size - pos);
         const bool last = pos + length == size;
-        out.push_back(static_cast<char>(last ? 1 : 0));  // BFINAL, type 00, byte aligned
+        bits.put(final && last ? 1 : 0, 3);  // BFINAL, type 00
+        const std::size_t at = bits.align();
         const auto len16 = static_cast<uint16_t>(length);
         const auto nlen16 = static_cast<uint16_t>(~len16);
         const char header[4] = {static_cast<char>(len16 & 0xFF), static_cast<char>(len16 >> 8),
                                 static_cast<char>(nlen16 & 0xFF), static_cast<char>(nlen16 >> 8)};
-        out.append(header, 4);
-        out.append(reinterpret_cast<const char*>(data) + pos, length);
+        std::memcpy(out.data() + at, header, 4);
+        if (length > 0) {  // an empty array may come as a null pointer
+            std::memcpy(out.data() + at + 4, data + pos, length);
+        }
+        bits.skip(4 + length);
         pos += length;
     } while (pos < size);
+}
+
+// x log2 x for the small counts, which most symbols of a peak array have.
+constexpr std::size_t kLogTableSize = 4096;
+double count_bits(uint32_t count) {
+    static const std::vector<double> table = [] {
+        std::vector<double> values(kLogTableSize, 0.0);
+        for (std::size_t x = 1; x < kLogTableSize; ++x) {
+            values[x] = static_cast<double>(x) * std::log2(static_cast<double>(x));
+        }
+        return values;
+    }();
+    return count < kLogTableSize
+               ? table[count]
+               : static_cast<double>(count) * std::log2(static_cast<double>(count));
+}
+
+// Whether codes fitted to the block could beat `best` bits: its entropy plus
+// about four header bits per symbol used. Arrays of numbers with full mantissas
+// come out near eight bits a byte, so fitting codes to them is mostly in vain,
+// and this guess spares most of that work.
+template <std::size_t Symbols>
+void add_entropy(const std::array<uint32_t, Symbols>& freq, double& bits) {
+    uint64_t total = 0;
+    std::size_t used = 0;
+    double sum = 0.0;
+    for (const uint32_t f : freq) {
+        total += f;
+        used += f > 0 ? 1 : 0;
+        sum += count_bits(f);
+    }
+    bits +=
+        static_cast<double>(total) * std::log2(static_cast<double>(std::max<uint64_t>(total, 1))) -
+        sum + 4.0 * static_cast<double>(used);
+}
+
+bool fitted_codes_may_pay(const BlockStats& stats, uint64_t best) {
+    double bits = 3.0 + 26.0 + static_cast<double>(stats.m_extra_bits);
+    add_entropy(stats.m_literal_freq, bits);
+    add_entropy(stats.m_distance_freq, bits);
+    return bits < static_cast<double>(best);
+}
+
+// Numbers with full mantissas, as most peak arrays hold, do not shrink: when
+// not even codes fitted to the bytes alone promise a small gain, looking for
+// matches as well is not worth its time and the bytes are stored.
+constexpr double kWorthwhileShare = 0.97;
+
+bool looks_incompressible(const unsigned char* data, std::size_t size) {
+    BlockStats bytes;
+    for (std::size_t i = 0; i < size; ++i) {
+        ++bytes.m_literal_freq[data[i]];
+    }
+    bytes.m_literal_freq[kEndOfBlock] = 1;
+    return !fitted_codes_may_pay(
+        bytes, static_cast<uint64_t>(kWorthwhileShare * static_cast<double>(8 * size)));
+}
+
+// One block of the parse, in whichever of the three forms is smallest.
+void put_block(BitWriter& bits, std::string& out, const unsigned char* block, std::size_t size,
+               bool final, const DeflateScratch& scratch, const BlockStats& stats) {
+    const uint64_t fixed_bits = 3 + symbol_bits(stats, fixed_literal_code(), fixed_distance_code());
+    const uint64_t stored = stored_bits(size);
+    uint64_t best = std::min(fixed_bits, stored);
+    DynamicHeader dynamic;
+    uint64_t dynamic_bits = UINT64_MAX;
+    if (fitted_codes_may_pay(stats, best)) {
+        plan_dynamic(stats, dynamic);
+        dynamic_bits =
+            3 + dynamic.m_bits + symbol_bits(stats, dynamic.m_literal, dynamic.m_distance);
+        best = std::min(best, dynamic_bits);
+    }
+    out.resize(out.size() + best / 8 + 8);
+    if (best == stored) {
+        put_stored(bits, out, block, size, final);
+    } else if (best == fixed_bits) {
+        bits.put(final ? 3 : 2, 3);  // BFINAL, type 01
+        put_symbols(bits, scratch.m_symbols, fixed_literal_code(), fixed_distance_code());
+    } else {
+        bits.put(final ? 5 : 4, 3);  // BFINAL, type 10
+        put_dynamic_header(bits, dynamic);
+        put_symbols(bits, scratch.m_symbols, dynamic.m_literal, dynamic.m_distance);
+    }
+}
+
+void deflate_blocks(const unsigned char* data, std::size_t size, std::string& out,
+                    DeflateScratch& scratch) {
+    if (scratch.m_head.empty()) {
+        scratch.m_head.assign(std::size_t{1} << kHashBits, 0);
+    }
+    if (scratch.m_base > UINT32_MAX - size - 2 * kWindow) {
+        std::fill(scratch.m_head.begin(), scratch.m_head.end(), 0);
+        scratch.m_base = 0;
+    }
+    BitWriter bits(out, out.size());
+    const auto total = static_cast<int32_t>(size);
+    int32_t pos = 0;
+    do {
+        const int32_t target = static_cast<int32_t>(
+            std::min<std::size_t>(size, static_cast<std::size_t>(pos) + kBlockInput));
+        if (looks_incompressible(data + pos, static_cast<std::size_t>(target - pos))) {
+            out.resize(out.size() + stored_bits(static_cast<std::size_t>(target - pos)) / 8 + 8);
+            put_stored(bits, out, data + pos, static_cast<std::size_t>(target - pos),
+                       target == total);
+            pos = target;
+            continue;
+        }
+        BlockStats stats;
+        const int32_t end = parse_block(data, total, pos, target, scratch, stats);
+        put_block(bits, out, data + pos, static_cast<std::size_t>(end - pos), end == total, scratch,
+                  stats);
+        pos = end;
+    } while (pos < total);
+    out.resize(bits.align());
+    scratch.m_base += static_cast<uint32_t>(size) + kWindow + 1;
+}
+
+void stored_only(const unsigned char* data, std::size_t size, std::string& out) {
+    BitWriter bits(out, out.size());
+    out.resize(out.size() + stored_bits(size) / 8 + 8);
+    put_stored(bits, out, data, size, true);
+    out.resize(bits.align());
 }
 
 }  // namespace
@@ -260,16 +617,11 @@ void zlib_compress(const unsigned char* data, std::size_t size, std::string& out
                    DeflateScratch& scratch) {
     out.push_back(static_cast<char>(0x78));  // deflate, 32 KiB window
     out.push_back(static_cast<char>(0x01));  // no dictionary, check bits
-    const std::size_t start = out.size();
-    // Arrays beyond 2 GiB are not peak lists; they are stored, which is always valid.
-    if (size <= static_cast<std::size_t>(INT32_MAX / 2) &&
-        worth_compressing(data, size, out, scratch)) {
-        fixed_block(data, static_cast<int32_t>(size), out, scratch);
-    }
-    const std::size_t stored_size = size + 5 * (size / kStoredBlockMax + 1);
-    if (out.size() == start || out.size() - start >= stored_size) {
-        out.resize(start);
-        stored_blocks(data, size, out);
+    // Arrays beyond 1 GiB are not peak lists; they are stored, which is always valid.
+    if (size <= static_cast<std::size_t>(INT32_MAX / 2)) {
+        deflate_blocks(data, size, out, scratch);
+    } else {
+        stored_only(data, size, out);
     }
     const uint32_t check = adler32(data, size);
     const char trailer[4] = {

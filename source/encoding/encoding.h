@@ -1,6 +1,7 @@
 // Byte encodings of the XML peak-list output, written on the standard library
 // alone: zlib streams (RFC 1950 around RFC 1951 deflate), base64 (RFC 4648, with
-// padding) and SHA-1 (FIPS 180-4) digests.
+// padding) and SHA-1 (FIPS 180-4) digests, the last on the processor's SHA
+// instructions where an x86-64 processor has them (the compiler's intrinsics).
 //
 // None of these does I/O or fails: any byte sequence, the empty one included,
 // is a valid input.
@@ -14,23 +15,22 @@
 
 namespace ksieve {
 
-// The match finder's tables, reused across calls so that compressing one peak
-// array neither allocates nor clears them: positions are stored plus m_base, which
-// each call moves past everything stored before, so old entries read as out of
-// reach.
+// The match finder's table and the parse of one block, reused across calls so
+// that compressing one peak array neither allocates nor clears them: positions
+// are stored plus m_base + 1, and each call moves m_base past everything stored
+// before, so old entries read as out of reach.
 struct DeflateScratch {
-    std::vector<int64_t> m_head;  // by hash of three bytes: the last position seen
-    std::vector<int64_t> m_prev;  // by position within the window: the one before
-    int64_t m_base = 0;
+    std::vector<uint32_t> m_head;     // by hash of three bytes: the last position seen
+    std::vector<uint32_t> m_symbols;  // one block's literals and matches
+    uint32_t m_base = 0;
 };
 
 // Appends to `out` a complete zlib stream of `size` bytes at `data`, which any
 // inflater (zlib's `uncompress`, Python's `zlib.decompress`) returns exactly.
-// Matches are found by hash chains over a 32 KiB window and coded with the fixed
-// Huffman codes; when that would not be smaller than the bytes themselves, or
-// when an array of more than 8 KiB does not shrink by 3 % over its first 4 KiB,
-// they are stored uncompressed instead, so the stream is never more than 11 bytes plus
-// 5 bytes per 65535 longer than the input.
+// Matches are found with one probe per position over a 32 KiB window, greedily;
+// each block of up to 256 KiB is then sent with codes fitted to it, with the
+// fixed codes or stored, whichever is smallest, so the stream is never more than
+// 11 bytes plus 5 bytes per 65535 longer than the input.
 void zlib_compress(const unsigned char* data, std::size_t size, std::string& out,
                    DeflateScratch& scratch);
 
@@ -40,21 +40,29 @@ uint32_t adler32(const unsigned char* data, std::size_t size);
 // Appends the base64 text of `size` bytes at `data`, '=' padded, no line breaks.
 void base64_append(std::string& out, const unsigned char* data, std::size_t size);
 
+// Which SHA-1 code runs: the processor's SHA instructions where it has them, or
+// the portable code everywhere (both give the same digests).
+enum class Sha1Engine { kFastest, kPortable };
+
+// True when this processor has SHA instructions that kFastest uses.
+bool sha1_hardware_available();
+
 // A SHA-1 digest over bytes given in any number of pieces.
 class Sha1 {
   public:
-    Sha1();
+    explicit Sha1(Sha1Engine engine = Sha1Engine::kFastest);
     void update(const unsigned char* data, std::size_t size);
     // The digest as 40 lower-case hexadecimal digits. Call once, after the last
     // update.
     std::string hex_digest();
 
   private:
-    void compress_block(const unsigned char* block);
+    void compress(const unsigned char* data, std::size_t blocks);
     std::array<uint32_t, 5> m_state{};
     std::array<unsigned char, 64> m_block{};
     std::size_t m_block_used = 0;
     uint64_t m_total_bytes = 0;
+    bool m_hardware = false;
 };
 
 }  // namespace ksieve

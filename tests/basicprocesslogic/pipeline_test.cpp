@@ -265,6 +265,71 @@ TEST(PipelineTest, EachMs2ScanIsJudgedAgainstTheSurveyScansOfItsParentsVoltage) 
                                                      {9, 10, 11, 12, 13, 14, 15, 16, 17, 18}}));
 }
 
+// A run whose first twelve survey scans come before any MS2 scan, with MS2
+// scans that name no parent (the pipeline then reads no MS1 for them) and
+// survey scans left after the last MS2 scan.
+void write_uneven_pair(const test::TempDir& dir) {
+    std::string ms1;
+    for (int scan : {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 12, 15, 17, 18, 19, 20, 21,
+                     22, 23, 24, 25, 26, 27, 28, 29, 30, 32, 33, 34, 35, 36, 37, 38, 39, 40}) {
+        ms1 += "S\t" + std::to_string(scan) + "\t" + std::to_string(scan) +
+               "\nI\tInstrumentType\tFTMS\n500.0 " + std::to_string(100 * scan) + "\n";
+    }
+    test::write_file(dir.file("uneven.ms1"), ms1);
+    std::string ms2;
+    for (const auto& [scan, parent] : {std::pair{13, 2}, {14, 0}, {16, 15}, {31, 0}}) {
+        ms2 += "S\t" + std::to_string(scan) + "\t" + std::to_string(scan) +
+               "\t500.0\nI\tActivationType\tHCD\nI\tActivationCenter\t500.0\n" +
+               (parent > 0 ? "I\tPrecursorScan\t" + std::to_string(parent) + "\n" : "") +
+               "I\tInstrumentType\tFTMS\nZ\t2\t999.0\n200 1\n";
+    }
+    test::write_file(dir.file("uneven.ms2"), ms2);
+}
+
+// The spectrum ids of the mzML, in file order.
+std::vector<std::string> mzml_ids(const std::string& text) {
+    std::vector<std::string> ids;
+    for (std::size_t at = text.find("<spectrum index="); at != std::string::npos;
+         at = text.find("<spectrum index=", at + 1)) {
+        const std::size_t start = text.find("id=\"", at) + 4;
+        ids.push_back(text.substr(start, text.find('"', start) - start));
+    }
+    return ids;
+}
+
+// The MS1 scans are taken as the pipeline reads them, and read by the mzML's
+// own stream where the pipeline has not read that far or could not keep them
+// waiting: each survey scan must still come exactly once, before the first MS2
+// scan numbered above it, at any thread count and memory ceiling.
+TEST(PipelineTest, MzmlHoldsEverySurveyScanOnceBeforeTheMs2ScansAfterIt) {
+    std::vector<std::string> expected;
+    for (int scan = 1; scan <= 40; ++scan) {
+        expected.push_back("scan=" + std::to_string(scan));
+    }
+    for (const int32_t threads : {1, 2}) {
+        for (const int32_t ceiling_mib : {1024, 0}) {
+            const test::TempDir dir;
+            write_uneven_pair(dir);
+            UserParameters params;
+            params.m_outputpath = dir.path().string();
+            params.m_threads = threads;
+            params.m_memory_ceiling_mib = ceiling_mib;
+            params.m_output_mzml = true;
+            const PrecursorDetector detector = [](const Ms1Slices&, const MS2Spectrum&,
+                                                  DetectionScratch&) -> std::vector<Precursor> {
+                return {};
+            };
+            test::CaptureStream errors(std::cerr);
+            test::CaptureStream output(std::cout);
+            process_ms_files(params, file_context(params, dir.file("uneven.ms1"), "ms1", nullptr),
+                             detector);
+            std::fflush(nullptr);
+            EXPECT_EQ(mzml_ids(test::read_file(dir.file("uneven.ksieve.mzML"))), expected)
+                << threads << " threads, ceiling " << ceiling_mib << " MiB";
+        }
+    }
+}
+
 }  // namespace
 }  // namespace ksieve
 

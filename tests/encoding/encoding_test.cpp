@@ -75,6 +75,14 @@ TEST(ZlibCompress, ZlibInflatesEveryStreamBackExactly) {
         byte = static_cast<unsigned char>(random());
     }
     expect_round_trip(noise, scratch);
+    // Blocks of different kinds in one stream: coded blocks end mid-byte, and
+    // the stored block after one must start on a byte of its own.
+    std::vector<unsigned char> mixed(70000, 9);
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
+    const std::vector<unsigned char> levels = peak_bytes(random, 40000, false);
+    mixed.insert(mixed.end(), levels.begin(), levels.end());
+    expect_round_trip(mixed, scratch);
     // Repeats further apart than the window may not be referenced.
     std::vector<unsigned char> far = peak_bytes(random, 5000, true);
     far.insert(far.end(), far.begin(), far.begin() + 1000);
@@ -131,8 +139,8 @@ TEST(Base64, KnownTextsWithEveryPadding) {
     }
 }
 
-std::string sha1_of(const std::string& text, std::size_t piece) {
-    Sha1 sha1;
+std::string sha1_of(const std::string& text, std::size_t piece, Sha1Engine engine) {
+    Sha1 sha1(engine);
     for (std::size_t at = 0; at < text.size(); at += piece) {
         const std::string part = text.substr(at, piece);
         sha1.update(reinterpret_cast<const unsigned char*>(part.data()), part.size());
@@ -140,8 +148,9 @@ std::string sha1_of(const std::string& text, std::size_t piece) {
     return sha1.hex_digest();
 }
 
-// The test vectors of FIPS 180-2, fed whole and in awkward pieces.
-TEST(Sha1, StandardVectorsInAnyPieces) {
+// The test vectors of FIPS 180-2, fed whole and in awkward pieces, through the
+// portable code and through the processor's SHA instructions where it has them.
+TEST(Sha1, StandardVectorsInAnyPiecesByEitherEngine) {
     const std::string million_a(1000000, 'a');
     const std::pair<std::string, const char*> cases[] = {
         {"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
@@ -149,14 +158,34 @@ TEST(Sha1, StandardVectorsInAnyPieces) {
         {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
          "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
         {million_a, "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
-    for (const auto& [text, digest] : cases) {
-        for (std::size_t piece :
-             {std::size_t{1}, std::size_t{63}, std::size_t{64}, std::size_t{1000}}) {
-            if (piece == 1 && text.size() > 1000) {
-                continue;
+    for (const Sha1Engine engine : {Sha1Engine::kFastest, Sha1Engine::kPortable}) {
+        for (const auto& [text, digest] : cases) {
+            for (std::size_t piece : {std::size_t{1}, std::size_t{63}, std::size_t{64},
+                                      std::size_t{1000}, std::size_t{1} << 20}) {
+                if (piece == 1 && text.size() > 1000) {
+                    continue;
+                }
+                EXPECT_EQ(sha1_of(text, piece, engine), digest) << piece;
             }
-            EXPECT_EQ(sha1_of(text, std::max<std::size_t>(piece, 1)), digest) << piece;
         }
+    }
+}
+
+// Both engines agree on every length around the block and padding boundaries,
+// over bytes that exercise every bit of the message schedule.
+TEST(Sha1, EnginesAgreeOnRandomBytesOfEveryLength) {
+    if (!sha1_hardware_available()) {
+        GTEST_SKIP() << "no SHA instructions on this processor";
+    }
+    std::mt19937 random(7);
+    std::string text(300, '\0');
+    for (char& byte : text) {
+        byte = static_cast<char>(random());
+    }
+    for (std::size_t size = 0; size <= text.size(); ++size) {
+        const std::string part = text.substr(0, size);
+        EXPECT_EQ(sha1_of(part, 7, Sha1Engine::kFastest), sha1_of(part, 64, Sha1Engine::kPortable))
+            << size;
     }
 }
 
