@@ -8,9 +8,11 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
+sys.path.insert(0, str(ROOT / "tools" / "accuracy"))
 
 import entrapment  # noqa: E402
 import fdr  # noqa: E402
+import fdr_truth  # noqa: E402
 import numpy as np  # noqa: E402
 import qvalues  # noqa: E402
 import rescore  # noqa: E402
@@ -138,6 +140,28 @@ class KsieveParameters(unittest.TestCase):
                     with self.assertRaises(StageError):
                         run_ksieve.write_parameter_file(
                             self.args(folder, options, parameters), source, Path("/out"))
+
+    def test_preset_then_mzml_switch_then_the_users_keys_which_win(self):
+        preset = {"keep_declared": 1, "precursor_table": 1, "mgf_conventions": 1}
+        self.assertEqual(run_ksieve.ksieve_keys(preset, False, {}), preset)
+        self.assertEqual(run_ksieve.ksieve_keys(None, True, None), {"output_mzml": 1})
+        keys = run_ksieve.ksieve_keys(preset, True, {"keep_declared": 0, "output_mzml": 0,
+                                                     "validate_precursors": 1})
+        self.assertEqual(keys, {"keep_declared": 0, "precursor_table": 1, "mgf_conventions": 1,
+                                "output_mzml": 0, "validate_precursors": 1})
+
+    def test_scan_table_gives_seconds_and_native_ids_from_the_ms2(self):
+        ms2 = ("H\tCreationDate\tnow\nS\t7\t7\t500.25\nI\tNativeID\tcontrollerType=0 "
+               "controllerNumber=1 scan=7\nI\tRetTime\t1.500000\nZ\t2\t999.49\n100.1 5\n"
+               "S\t12\t12\t600.5\nI\tRetTime\t2.250001\n200.2 7\n")
+        with tempfile.TemporaryDirectory() as folder:
+            source, table = Path(folder) / "run.ms2", Path(folder) / "scans.tsv"
+            source.write_text(ms2)
+            run_ksieve.write_scan_table(source, table)
+            self.assertEqual(table.read_text(), "scan\trt_seconds\tnative_id\n"
+                             "7\t90.0000\tcontrollerType=0 controllerNumber=1 scan=7\n"
+                             "12\t135.0001\t\n")
+            self.assertEqual(fdr.scan_table(table)[12], ("135.0001", ""))
 
     def test_validation_counts_from_the_last_line_or_none(self):
         self.assertIsNone(run_ksieve.validation_counts("no such line\n"))
@@ -359,6 +383,25 @@ class PrecursorError(unittest.TestCase):
                     self.assertAlmostEqual(rescore.ppm_error("LC(Carbamidomethyl)VLHEK", mz, charge),
                                            ppm, places=6)
         self.assertEqual(rescore.missed_cleavages("AKPLRMKR"), 2)
+
+
+class SimulatedTruth(unittest.TestCase):
+    TRUTH = ("ms2_scan,precursor_scan,activation_center,sequence,charge,mono_mz,window_share,"
+             "selected\n5,4,500.0,PEPTIDEK,2,500.0,0.8,1\n5,4,500.0,LLMSAR,2,500.5,0.2,0\n"
+             "9,8,600.0,AVGEK,1,600.0,1.0,1\n")
+
+    def test_a_psm_is_false_unless_its_scan_isolated_its_peptide(self):
+        with tempfile.TemporaryDirectory() as folder:
+            truth = Path(folder) / "truth.csv"
+            truth.write_text(self.TRUTH)
+            held = fdr_truth.truth_peptides(truth)
+        psms = [{"scan": "5", "sequence": "PEPTLDEK", "entrapment": "0"},  # I and L alike
+                {"scan": "5", "sequence": "LIM(Oxidation)SAR", "entrapment": "0"},
+                {"scan": "9", "sequence": "PEPTIDEK", "entrapment": "0"},  # another scan's
+                {"scan": "11", "sequence": "AVGEK", "entrapment": "0"},  # a scan of no truth
+                {"scan": "9", "sequence": "GVAEK", "entrapment": "1"}]
+        self.assertEqual(fdr_truth.group_figures(psms, held), (5, 3, 0.6, 0.4))
+        self.assertEqual(fdr_truth.group_figures([], held), (0, 0, None, None))
 
 
 if __name__ == "__main__":
