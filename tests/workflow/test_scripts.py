@@ -1,5 +1,6 @@
 """The workflow scripts' own rules, case by case, without running the programs."""
 
+import math
 import random
 import sys
 import tempfile
@@ -225,6 +226,30 @@ class ScanGroups(unittest.TestCase):
             (tie_first.spectrum, "primary"), ("r.7.7.2.2.dta", "secondary"),
             (tie_second.spectrum, "secondary")])
         self.assertEqual(same_peptide.group, "")
+
+
+class BlocksPerScan(unittest.TestCase):
+    def row(self, spectrum, e_value, decoy=False):
+        return {"spectrum_reference": spectrum, "score": str(e_value), "sequence": "PEPTIDEK",
+                "target_decoy": "decoy" if decoy else "target", "charge": "2",
+                "mz": "464.7328"}
+
+    def test_a_scans_best_block_pays_for_the_blocks_it_was_chosen_from(self):
+        """A decoy that wins one of four blocks of a scan with e-value 0.5 ranks below a
+        single-block target with e-value 1: the best of four chances is worth four times
+        its e-value, as if the scan had been searched against four times the candidates."""
+        rows = [self.row(f"r.5.5.2.{i}.dta", e, decoy=(i == 2))
+                for i, e in enumerate([30.0, 9.0, 0.5, 12.0])]
+        rows += [self.row("r.6.6.2.0.dta", 1.0), self.row("HCDFT.00007.00007.2", 1.5),
+                 self.row("not a scan", 1e-9)]
+        psms = fdr.psms_of(rows)
+        self.assertEqual([p.spectrum for p in psms], [r["spectrum_reference"] for r in rows[:6]])
+        self.assertAlmostEqual(psms[2].score, -math.log10(0.5 * 4))
+        self.assertAlmostEqual(psms[4].score, 0.0)
+        self.assertEqual(rescore.comet_features(psms[2].fields)[2], psms[2].score)
+        primaries = sorted((p for p in qvalues.grouped_q_values(psms) if p.group == "primary"),
+                           key=lambda p: -p.score)
+        self.assertEqual([p.scan for p in primaries], [6, 7, 5])
 
 
 class TargetDecoyQValues(unittest.TestCase):

@@ -13,8 +13,8 @@ spectrum of its own and cannot group by scan). Two tables come out: `all`
 
 import argparse
 import csv
-import math
 import sys
+from collections import Counter
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -88,22 +88,28 @@ def write_table(psms, path, settings, scans):
 
 
 def exported_hits(idxml, work, log):
-    """Each spectrum's top hit as a Psm; the score is Comet's e-value, turned so that higher is better."""
+    """Each spectrum's top hit as a Psm, higher scores better (psms_of)."""
     raw = work / (Path(idxml).name + ".export")
     run_tool(["TextExporter", "-in", idxml, "-out", raw, "-id:add_metavalues", "0",
               "-id:add_hit_metavalues", "0"], log)
     rows = exported_psms(raw)
     raw.unlink()
-    psms = []
-    for row in rows:
-        reference = row.get("spectrum_reference", "")
-        scan = scan_of(reference)
-        if scan is None:
-            continue
-        psms.append(Psm(spectrum=reference, scan=scan,
-                        score=-math.log10(max(float(row["score"]), 1e-300)),
-                        decoy=row.get("target_decoy", "target") == "decoy",
-                        sequence=row["sequence"], fields=row))
+    return psms_of(rows)
+
+
+def psms_of(rows):
+    """Each exported hit of a spectrum with a scan number as a Psm, scored by its e-value
+    with the scan's blocks counted (rescore.log_e_value): a scan's primary is the best of
+    its blocks, and the best of n draws is as likely to score by chance as one draw
+    against n times the candidates, so it pays for them, target or decoy alike."""
+    psms = [Psm(spectrum=row.get("spectrum_reference", ""), scan=scan, score=0.0,
+                decoy=row.get("target_decoy", "target") == "decoy", sequence=row["sequence"],
+                fields=row)
+            for row in rows if (scan := scan_of(row.get("spectrum_reference", ""))) is not None]
+    blocks = Counter(psm.scan for psm in psms)
+    for psm in psms:
+        psm.fields["scan_blocks"] = blocks[psm.scan]
+        psm.score = rescore.log_e_value(psm.fields)
     return psms
 
 

@@ -72,13 +72,20 @@ def missed_cleavages(sequence):
     return sum(1 for i, r in enumerate(plain[:-1]) if r in "KR" and plain[i + 1] != "P")
 
 
+def log_e_value(fields):
+    """-log10 of Comet's e-value times the blocks searched for the PSM's MS2 scan
+    (`scan_blocks`, 1 when not given): the score of a scan's best block weighed as one
+    search against all its blocks' candidates."""
+    return -math.log10(max(float(fields["score"]), 1e-300) * fields.get("scan_blocks", 1))
+
+
 def comet_features(fields):
     """The search features of one exported hit (TextExporter's columns)."""
     sequence = fields["sequence"]
     charge = int(fields["charge"])
     total = float(fields.get("MS:1002259") or 0)
     return [float(fields.get("MS:1002252") or 0), float(fields.get("MS:1002253") or 0),
-            -math.log10(max(float(fields["score"]), 1e-300)),
+            log_e_value(fields),
             float(fields.get("MS:1002258") or 0) / total if total else 0.0,
             abs(ppm_error(sequence, float(fields["mz"]), charge)), charge,
             len(MODIFICATION.sub("", sequence)), missed_cleavages(sequence)]
