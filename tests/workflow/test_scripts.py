@@ -380,16 +380,23 @@ class Rescoring(unittest.TestCase):
     def test_ksieve_evidence_comes_from_its_precursor_table_by_mgf_title(self):
         header = ("scan\tnative_id\trt_seconds\ttitle\trank\tmz\tcharge\torigin\tscore\t"
                   "intensity\tpurity\tisotope_shift\tvalidation\n")
-        rows = ("7\tscan=7\t12.5\tr.7.7.2.0.dta\t1\t500.2\t2\tdeclared\t0.9\t1000\t0.8\t0\tkept\n"
-                "7\tscan=7\t12.5\tr.7.7.3.1.dta\t2\t400.1\t3\tcoeluted\tnan\t\t0.1\t0\tkept\n")
+        rows = ("7\tscan=7\t12.5\tr.7.7.2.0.dta\t1\t500.2\t2\tdeclared_confirmed\t0.9\t1000\t0.8"
+                "\t0\tkept\n"
+                "7\tscan=7\t12.5\tr.7.7.3.1.dta\t2\t400.1\t3\tcoeluted\tnan\t\t0.1\t0\tkept\n"
+                "7\tscan=7\t12.5\tr.7.7.2.2.dta\t3\t500.7\t2\tdeclared_kept\t\t10\t0.2\t\t\n"
+                "7\tscan=7\t12.5\tr.7.7.2.3.dta\t4\t499.7\t2\tcorrected\t0.5\t10\t0.3\t1\t\n")
         with tempfile.TemporaryDirectory() as work:
             table = Path(work) / "r.precursors.tsv"
             table.write_text(header + rows, encoding="utf-8")
             found = fdr.precursor_rows(str(table))
             self.assertEqual(fdr.precursor_rows(str(Path(work) / "absent.tsv")), {})
-        self.assertEqual(sorted(found), ["r.7.7.2.0.dta", "r.7.7.3.1.dta"])
+        self.assertEqual(sorted(found), ["r.7.7.2.0.dta", "r.7.7.2.2.dta", "r.7.7.2.3.dta",
+                                         "r.7.7.3.1.dta"])
         self.assertEqual(rescore.ksieve_features(found["r.7.7.2.0.dta"]), [1.0, 0.9, 0.8, 3.0, 1.0])
         self.assertEqual(rescore.ksieve_features(found["r.7.7.3.1.dta"]), [0.0, 0.0, 0.1, 0.0, 2.0])
+        # The declared ion as the instrument gave it, confirmed by detection or kept without.
+        self.assertEqual([rescore.ksieve_features(found[f"r.7.7.2.{i}.dta"])[0] for i in (2, 3)],
+                         [1.0, 0.0])
         self.assertEqual(rescore.ksieve_features(None), [0.0] * 5)
 
 

@@ -28,9 +28,10 @@ SEED = 19
 FOLDS = 3
 ROUNDS = 3
 TRAIN_FDR = 0.01
-FALLBACK = ("too few targets below 1 % FDR to learn from in each fold (or a model no better "
-            "than Comet's e-value): Comet's e-value ranks the PSMs")
 MINIMUM_POSITIVES = 50  # scans below 1 % in a training set: with fewer, a model overfits
+FALLBACK = (f"a fold's training set has fewer than {MINIMUM_POSITIVES} scans below 1 % FDR to "
+            "learn from (or its model is no better than Comet's e-value): Comet's e-value "
+            "ranks the PSMs")
 PROTON = 1.007276
 ISOTOPE_STEP = 1.003355  # daltons between isotope peaks of a peptide
 COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "abs_ppm_error",
@@ -96,8 +97,9 @@ def ksieve_features(row):
     if row is None:
         return [0.0] * len(KSIEVE_FEATURES)
     number = lambda key: float(row.get(key) or 0) if _is_number(row.get(key)) else 0.0  # noqa: E731
-    return [float(row.get("origin", "") == "declared"), number("score"), number("purity"),
-            math.log10(max(number("intensity"), 1.0)), number("rank")]
+    # `declared_confirmed` or `declared_kept`: the declared ion as the instrument gave it.
+    return [float(row.get("origin", "").startswith("declared")), number("score"),
+            number("purity"), math.log10(max(number("intensity"), 1.0)), number("rank")]
 
 
 def _is_number(text):
