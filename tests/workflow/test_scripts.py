@@ -1,6 +1,7 @@
 """The workflow scripts' own rules, case by case, without running the programs."""
 
 import json
+import math
 import random
 import sys
 import tempfile
@@ -9,9 +10,11 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
+sys.path.insert(0, str(ROOT / "tools" / "accuracy"))
 
 import entrapment  # noqa: E402
 import fdr  # noqa: E402
+import fdr_truth  # noqa: E402
 import numpy as np  # noqa: E402
 import qvalues  # noqa: E402
 import rescore  # noqa: E402
@@ -140,6 +143,28 @@ class KsieveParameters(unittest.TestCase):
                         run_ksieve.write_parameter_file(
                             self.args(folder, options, parameters), source, Path("/out"))
 
+    def test_preset_then_mzml_switch_then_the_users_keys_which_win(self):
+        preset = {"keep_declared": 1, "precursor_table": 1, "mgf_conventions": 1}
+        self.assertEqual(run_ksieve.ksieve_keys(preset, False, {}), preset)
+        self.assertEqual(run_ksieve.ksieve_keys(None, True, None), {"output_mzml": 1})
+        keys = run_ksieve.ksieve_keys(preset, True, {"keep_declared": 0, "output_mzml": 0,
+                                                     "validate_precursors": 1})
+        self.assertEqual(keys, {"keep_declared": 0, "precursor_table": 1, "mgf_conventions": 1,
+                                "output_mzml": 0, "validate_precursors": 1})
+
+    def test_scan_table_gives_seconds_and_native_ids_from_the_ms2(self):
+        ms2 = ("H\tCreationDate\tnow\nS\t7\t7\t500.25\nI\tNativeID\tcontrollerType=0 "
+               "controllerNumber=1 scan=7\nI\tRetTime\t1.500000\nZ\t2\t999.49\n100.1 5\n"
+               "S\t12\t12\t600.5\nI\tRetTime\t2.250001\n200.2 7\n")
+        with tempfile.TemporaryDirectory() as folder:
+            source, table = Path(folder) / "run.ms2", Path(folder) / "scans.tsv"
+            source.write_text(ms2)
+            run_ksieve.write_scan_table(source, table)
+            self.assertEqual(table.read_text(), "scan\trt_seconds\tnative_id\n"
+                             "7\t90.0000\tcontrollerType=0 controllerNumber=1 scan=7\n"
+                             "12\t135.0001\t\n")
+            self.assertEqual(fdr.scan_table(table)[12], ("135.0001", ""))
+
     def test_validation_counts_from_the_last_line_or_none(self):
         self.assertIsNone(run_ksieve.validation_counts("no such line\n"))
         counts = run_ksieve.validation_counts(self.LINE.replace("90 detected", "1 detected")
@@ -216,6 +241,30 @@ class ScanGroups(unittest.TestCase):
             (tie_first.spectrum, "primary"), ("r.7.7.2.2.dta", "secondary"),
             (tie_second.spectrum, "secondary")])
         self.assertEqual(same_peptide.group, "")
+
+
+class BlocksPerScan(unittest.TestCase):
+    def row(self, spectrum, e_value, decoy=False):
+        return {"spectrum_reference": spectrum, "score": str(e_value), "sequence": "PEPTIDEK",
+                "target_decoy": "decoy" if decoy else "target", "charge": "2",
+                "mz": "464.7328"}
+
+    def test_a_scans_best_block_pays_for_the_blocks_it_was_chosen_from(self):
+        """A decoy that wins one of four blocks of a scan with e-value 0.5 ranks below a
+        single-block target with e-value 1: the best of four chances is worth four times
+        its e-value, as if the scan had been searched against four times the candidates."""
+        rows = [self.row(f"r.5.5.2.{i}.dta", e, decoy=(i == 2))
+                for i, e in enumerate([30.0, 9.0, 0.5, 12.0])]
+        rows += [self.row("r.6.6.2.0.dta", 1.0), self.row("HCDFT.00007.00007.2", 1.5),
+                 self.row("not a scan", 1e-9)]
+        psms = fdr.psms_of(rows)
+        self.assertEqual([p.spectrum for p in psms], [r["spectrum_reference"] for r in rows[:6]])
+        self.assertAlmostEqual(psms[2].score, -math.log10(0.5 * 4))
+        self.assertAlmostEqual(psms[4].score, 0.0)
+        self.assertEqual(rescore.comet_features(psms[2].fields)[2], psms[2].score)
+        primaries = sorted((p for p in qvalues.grouped_q_values(psms) if p.group == "primary"),
+                           key=lambda p: -p.score)
+        self.assertEqual([p.scan for p in primaries], [6, 7, 5])
 
 
 class TargetDecoyQValues(unittest.TestCase):
@@ -346,16 +395,23 @@ class Rescoring(unittest.TestCase):
     def test_ksieve_evidence_comes_from_its_precursor_table_by_mgf_title(self):
         header = ("scan\tnative_id\trt_seconds\ttitle\trank\tmz\tcharge\torigin\tscore\t"
                   "intensity\tpurity\tisotope_shift\tvalidation\n")
-        rows = ("7\tscan=7\t12.5\tr.7.7.2.0.dta\t1\t500.2\t2\tdeclared\t0.9\t1000\t0.8\t0\tkept\n"
-                "7\tscan=7\t12.5\tr.7.7.3.1.dta\t2\t400.1\t3\tcoeluted\tnan\t\t0.1\t0\tkept\n")
+        rows = ("7\tscan=7\t12.5\tr.7.7.2.0.dta\t1\t500.2\t2\tdeclared_confirmed\t0.9\t1000\t0.8"
+                "\t0\tkept\n"
+                "7\tscan=7\t12.5\tr.7.7.3.1.dta\t2\t400.1\t3\tcoeluted\tnan\t\t0.1\t0\tkept\n"
+                "7\tscan=7\t12.5\tr.7.7.2.2.dta\t3\t500.7\t2\tdeclared_kept\t\t10\t0.2\t\t\n"
+                "7\tscan=7\t12.5\tr.7.7.2.3.dta\t4\t499.7\t2\tcorrected\t0.5\t10\t0.3\t1\t\n")
         with tempfile.TemporaryDirectory() as work:
             table = Path(work) / "r.precursors.tsv"
             table.write_text(header + rows, encoding="utf-8")
             found = fdr.precursor_rows(str(table))
             self.assertEqual(fdr.precursor_rows(str(Path(work) / "absent.tsv")), {})
-        self.assertEqual(sorted(found), ["r.7.7.2.0.dta", "r.7.7.3.1.dta"])
+        self.assertEqual(sorted(found), ["r.7.7.2.0.dta", "r.7.7.2.2.dta", "r.7.7.2.3.dta",
+                                         "r.7.7.3.1.dta"])
         self.assertEqual(rescore.ksieve_features(found["r.7.7.2.0.dta"]), [1.0, 0.9, 0.8, 3.0, 1.0])
         self.assertEqual(rescore.ksieve_features(found["r.7.7.3.1.dta"]), [0.0, 0.0, 0.1, 0.0, 2.0])
+        # The declared ion as the instrument gave it, confirmed by detection or kept without.
+        self.assertEqual([rescore.ksieve_features(found[f"r.7.7.2.{i}.dta"])[0] for i in (2, 3)],
+                         [1.0, 0.0])
         self.assertEqual(rescore.ksieve_features(None), [0.0] * 5)
 
 
@@ -374,6 +430,25 @@ class PrecursorError(unittest.TestCase):
                     self.assertAlmostEqual(rescore.ppm_error("LC(Carbamidomethyl)VLHEK", mz, charge),
                                            ppm, places=6)
         self.assertEqual(rescore.missed_cleavages("AKPLRMKR"), 2)
+
+
+class SimulatedTruth(unittest.TestCase):
+    TRUTH = ("ms2_scan,precursor_scan,activation_center,sequence,charge,mono_mz,window_share,"
+             "selected\n5,4,500.0,PEPTIDEK,2,500.0,0.8,1\n5,4,500.0,LLMSAR,2,500.5,0.2,0\n"
+             "9,8,600.0,AVGEK,1,600.0,1.0,1\n")
+
+    def test_a_psm_is_false_unless_its_scan_isolated_its_peptide(self):
+        with tempfile.TemporaryDirectory() as folder:
+            truth = Path(folder) / "truth.csv"
+            truth.write_text(self.TRUTH)
+            held = fdr_truth.truth_peptides(truth)
+        psms = [{"scan": "5", "sequence": "PEPTLDEK", "entrapment": "0"},  # I and L alike
+                {"scan": "5", "sequence": "LIM(Oxidation)SAR", "entrapment": "0"},
+                {"scan": "9", "sequence": "PEPTIDEK", "entrapment": "0"},  # another scan's
+                {"scan": "11", "sequence": "AVGEK", "entrapment": "0"},  # a scan of no truth
+                {"scan": "9", "sequence": "GVAEK", "entrapment": "1"}]
+        self.assertEqual(fdr_truth.group_figures(psms, held), (5, 3, 0.6, 0.4))
+        self.assertEqual(fdr_truth.group_figures([], held), (0, 0, None, None))
 
 
 if __name__ == "__main__":

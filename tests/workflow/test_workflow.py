@@ -11,6 +11,7 @@ import csv
 import gzip
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -29,13 +30,14 @@ sys.path.insert(0, str(SCRIPTS))
 from wfcommon import refused_path, shown  # noqa: E402
 
 
-def run_workflow(input_dir, fasta, out, *extra, path=None):
-    """Snakemake as `make workflow` runs it, in the output folder."""
+def run_workflow(input_dir, fasta, out, *extra, path=None, settings=()):
+    """Snakemake as `make workflow` runs it, in the output folder; `settings` are more
+    `key=value` configuration items."""
     out.mkdir(parents=True, exist_ok=True)
     env = dict(os.environ, PATH=f"{path}:{os.environ['PATH']}") if path else None
     command = ["snakemake", "-s", ROOT / "workflow" / "Snakefile", "--directory", out,
                "--cores", "2", "--keep-going", *extra, "--config", f"input={input_dir}",
-               f"fasta={fasta}", f"out={out}", f"ksieve_bin={KSIEVE_BIN}"]
+               f"fasta={fasta}", f"out={out}", f"ksieve_bin={KSIEVE_BIN}", *settings]
     return subprocess.run([str(c) for c in command], capture_output=True, text=True, check=False,
                           env=env)
 
@@ -52,15 +54,17 @@ def fresh(path):
 
 
 class DemoRun(unittest.TestCase):
-    """Runs first (ctest fixture): the workflow on the bundled sample, from nothing."""
+    """Runs first (ctest fixture): the workflow on the bundled sample, from nothing, with
+    kSieve's mzML on (it leaves kSieve's other outputs as they are)."""
 
     def test_demo_workflow_completes_and_a_rerun_does_nothing(self):
         inputs = fresh(SCRATCH / "demo_input")
         shutil.copy(DEMO_MZML, inputs)
         shutil.rmtree(DEMO_OUT, ignore_errors=True)
-        done = run_workflow(inputs, DEMO_FASTA, DEMO_OUT)
+        done = run_workflow(inputs, DEMO_FASTA, DEMO_OUT, settings=["ksieve_mzml=true"])
         self.assertEqual(done.returncode, 0, done.stderr[-3000:])
-        again = run_workflow(inputs, DEMO_FASTA, DEMO_OUT, "--dry-run")
+        again = run_workflow(inputs, DEMO_FASTA, DEMO_OUT, "--dry-run",
+                             settings=["ksieve_mzml=true"])
         self.assertEqual(again.returncode, 0, again.stderr[-3000:])
         self.assertIn("Nothing to be done", again.stdout + again.stderr)
         # The companion's pair is temporary; kSieve's own outputs stay.
@@ -70,6 +74,28 @@ class DemoRun(unittest.TestCase):
         self.assertTrue((ksieve_dir / "bsa_demo_CIDIT.mgf").is_file())
         log = (DEMO_OUT / "logs" / "bsa_demo" / "ksieve.log").read_text(encoding="utf-8")
         self.assertIn("KSIEVE_THREADS=2\n", log)
+        self.check_preset_and_mzml(ksieve_dir)
+
+    def check_preset_and_mzml(self, ksieve_dir):
+        """The preset's outputs are there, and OpenMS reads the mzML without complaint, every
+        MS1 scan of the sample and every MS2 scan kSieve wrote."""
+        self.assertTrue((ksieve_dir / "bsa_demo.precursors.tsv").is_file())
+        mgf = (ksieve_dir / "bsa_demo_CIDIT.mgf").read_text(encoding="utf-8")
+        self.assertIn("\nSCANS=", mgf)
+        mzml = ksieve_dir / "bsa_demo.ksieve.mzML"
+        self.assertTrue(mzml.is_file())
+        said = {}
+        for mode in ("-v", "-m"):  # schema and semantic validation; the spectra read back
+            done = subprocess.run(["FileInfo", "-in", str(mzml), mode], capture_output=True,
+                                  text=True, check=False)
+            said[mode] = done.stdout + done.stderr
+            self.assertEqual(done.returncode, 0, said[mode][-3000:])
+            self.assertNotRegex(said[mode], r"(?i)error|invalid")
+        self.assertIn("the file is semantically valid", said["-v"])
+        sample = DEMO_MZML.read_text(encoding="utf-8")
+        ms1 = sample.count('name="ms level" value="1"')
+        ms2 = len(set(re.findall(r"^TITLE=bsa_demo\.(\d+)\.", mgf, re.M)))
+        self.assertRegex(said["-m"], rf"level 1: {ms1}\n\s*level 2: {ms2}\n")
 
 
 class DemoTable(unittest.TestCase):
@@ -84,6 +110,19 @@ class DemoTable(unittest.TestCase):
             for psm in accepted:
                 self.assertLessEqual(float(psm["q_value"]), 0.01, psm)
                 self.assertNotIn("DECOY_", psm["accessions"], psm)
+
+    def test_psm_tables_name_each_scan_by_native_id_and_seconds(self):
+        sample = DEMO_MZML.read_text(encoding="utf-8")
+        seconds = {native: float(rt) for native, rt in re.findall(
+            r'<spectrum id="([^"]+)".*?name="scan start time" value="([^"]+)"', sample, re.S)}
+        for side in ("declared", "ksieve"):
+            rows = read_tsv(DEMO_OUT / "runs" / "bsa_demo" / "fdr" / f"{side}_accepted.tsv")
+            self.assertTrue(rows)
+            for row in rows:
+                with self.subTest(side=side, spectrum=row["spectrum"]):
+                    self.assertIn(row["native_id"], seconds)
+                    self.assertAlmostEqual(float(row["rt_seconds"]), seconds[row["native_id"]],
+                                           delta=1e-3)
 
     def test_declared_search_covers_exactly_the_scans_ksieve_wrote(self):
         table = DEMO_OUT / "runs" / "bsa_demo" / "ksieve" / "bsa_demo.csv"
@@ -112,6 +151,7 @@ class SearchStage(unittest.TestCase):
         self.run_script("fdr.py", *common, "--hits", work / "hits.idXML",
                         "--all", work / "all.tsv", "--accepted", work / "accepted.tsv",
                         "--rescoring", work / "rescoring.json",
+                        "--scans", DEMO_OUT / "runs" / "bsa_demo" / "scans.tsv",
                         "--log", work / "fdr.log")
         return read_tsv(work / "all.tsv"), (work / "search.log").read_text(encoding="utf-8")
 
@@ -205,6 +245,8 @@ class BadInput(unittest.TestCase):
         summary = {row["run"]: row for row in read_tsv(out / "summary.tsv")}
         self.assertEqual(summary["good"]["status"], "ok")
         self.assertGreater(int(summary["good"]["psms_ksieve"]), 0)
+        self.assertFalse(list((out / "runs" / "good" / "ksieve").glob("*.mzML")),
+                         "kSieve writes mzML only when asked")
         report = (out / "report.html").read_text(encoding="utf-8")
         self.assertIn("Failed runs", report)
         cases = [("broken", "kSieve failed", "broken.mzML"),

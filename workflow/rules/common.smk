@@ -13,6 +13,7 @@ RUN_EXTENSIONS = (".mzml.gz", ".mzxml.gz", ".mzml", ".mzxml", ".raw")
 SCRIPTS = Path(workflow.basedir) / "scripts"
 PYTHON = "/usr/bin/python3"
 sys.path.insert(0, str(SCRIPTS))
+from run_ksieve import ksieve_keys  # noqa: E402
 from wfcommon import UNCARRIED_IN_RUN, carried, refused_path, shown  # noqa: E402
 
 
@@ -112,15 +113,24 @@ Path(OUT, "logs", "slurm").mkdir(parents=True, exist_ok=True)
 # What the stage scripts need to know of the configuration, as one file.
 SETTINGS = {key: config[key] for key in ("fdr", "enzyme", "decoy_prefix", "comet",
                                          "entrapment", "entrapment_prefix", "rescoring",
-                                         "ksieve_options", "ksieve_parameters",
+                                         "ksieve_options", "ksieve_preset",
+                                         "ksieve_parameters", "ksieve_mzml",
                                          "ksieve_threads", "search_threads")}
 STAGE = str(SCRIPTS / "stage.py")
+
+
+KSIEVE_KEYS = ksieve_keys(config["ksieve_preset"], config["ksieve_mzml"],
+                          config["ksieve_parameters"])
+if config["ksieve_options"] and KSIEVE_KEYS:
+    stop("ksieve_options cannot be combined with parameter-file keys (ksieve_preset, "
+         "ksieve_mzml, ksieve_parameters): give every kSieve option as a key in "
+         "ksieve_parameters, or set ksieve_preset to {}")
 
 
 def ksieve_arguments():
     options = [arg for item in config["ksieve_options"].items()
                for arg in ("--option", *map(str, item))]
-    return options + [arg for item in config["ksieve_parameters"].items()
+    return options + [arg for item in KSIEVE_KEYS.items()
                       for arg in ("--parameter", *map(str, item))]
 
 

@@ -11,6 +11,7 @@ rule ksieve:
         ms1=temp(f"{OUT}/runs/{{run}}/ksieve/{{run}}.ms1"),
         ms2=temp(f"{OUT}/runs/{{run}}/ksieve/{{run}}.ms2"),
         info=f"{OUT}/runs/{{run}}/ksieve_info.json",
+        scans=f"{OUT}/runs/{{run}}/scans.tsv",
     log:
         f"{OUT}/logs/{{run}}/ksieve.log",
     threads: config["ksieve_threads"]
@@ -20,6 +21,7 @@ rule ksieve:
             f"--bin={KSIEVE_BIN}", f"--outdir={Path(output.table).parent}",
             f"--run-dir={OUT}/runs/{wildcards.run}", f"--threads={threads}",
             f"--log={OUT}/logs/{wildcards.run}/ksieve.log", f"--info={output.info}",
+            f"--scans={output.scans}",
             *ksieve_arguments()],
     script:
         STAGE

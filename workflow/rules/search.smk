@@ -68,6 +68,7 @@ rule fdr:
     input:
         hits=f"{OUT}/runs/{{run}}/search/{{side}}.idXML",
         settings=f"{OUT}/work/settings.json",
+        scans=f"{OUT}/runs/{{run}}/scans.tsv",
     output:
         all=f"{OUT}/runs/{{run}}/fdr/{{side}}_all.tsv",
         accepted=f"{OUT}/runs/{{run}}/fdr/{{side}}_accepted.tsv",
@@ -80,6 +81,7 @@ rule fdr:
             f"--side={wildcards.side}", f"--hits={input.hits}",
             f"--settings={input.settings}", f"--all={output.all}",
             f"--accepted={output.accepted}", f"--rescoring={output.rescoring}",
+            f"--scans={input.scans}",
             f"--precursors={OUT}/runs/{wildcards.run}/ksieve/{wildcards.run}.precursors.tsv"
             if wildcards.side == "ksieve" else "--precursors=",
             f"--log={OUT}/logs/{wildcards.run}/fdr_{wildcards.side}.log"],

@@ -13,8 +13,8 @@ spectrum of its own and cannot group by scan). Two tables come out: `all`
 
 import argparse
 import csv
-import math
 import sys
+from collections import Counter
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -24,7 +24,7 @@ from qvalues import Psm, grouped_q_values  # noqa: E402
 from wfcommon import read_json, run_stage, run_tool, scan_of, write_json  # noqa: E402
 
 COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions", "group",
-           "e_value", "entrapment", "score", "ppm_error"]
+           "e_value", "entrapment", "score", "ppm_error", "rt_seconds", "native_id"]
 
 
 def parse_args():
@@ -39,6 +39,8 @@ def parse_args():
     parser.add_argument("--rescoring", required=True, help="what rescoring did, JSON")
     parser.add_argument("--precursors", default="",
                         help="kSieve's precursor table of the run, read when it exists")
+    parser.add_argument("--scans", required=True,
+                        help="each MS2 scan's retention time and native id, TSV")
     parser.add_argument("--log", required=True)
     return parser.parse_args()
 
@@ -63,7 +65,14 @@ def entrapment_hit(accessions, settings):
     return int(bool(settings["entrapment"] and names and all(a.startswith(prefix) for a in names)))
 
 
-def write_table(psms, path, settings):
+def scan_table(path):
+    """scan -> (retention time in seconds, native id), from the run's scan table."""
+    with open(path, encoding="utf-8", errors="replace", newline="") as table:
+        return {int(row["scan"]): (row["rt_seconds"], row["native_id"])
+                for row in csv.DictReader(table, delimiter="\t")}
+
+
+def write_table(psms, path, settings, scans):
     with open(path, "w", encoding="utf-8", newline="") as out:
         writer = csv.writer(out, delimiter="\t", lineterminator="\n")
         writer.writerow(COLUMNS)
@@ -74,26 +83,33 @@ def write_table(psms, path, settings):
                                  psm.fields.get("accessions", ""), psm.group,
                                  psm.fields["score"],
                                  entrapment_hit(psm.fields.get("accessions", ""), settings),
-                                 f"{psm.score:.6g}", f"{psm.fields['ppm_error']:.3f}"])
+                                 f"{psm.score:.6g}", f"{psm.fields['ppm_error']:.3f}",
+                                 *scans.get(psm.scan, ("", ""))])
 
 
 def exported_hits(idxml, work, log):
-    """Each spectrum's top hit as a Psm; the score is Comet's e-value, turned so that higher is better."""
+    """Each spectrum's top hit as a Psm, higher scores better (psms_of)."""
     raw = work / (Path(idxml).name + ".export")
     run_tool(["TextExporter", "-in", idxml, "-out", raw, "-id:add_metavalues", "0",
               "-id:add_hit_metavalues", "0"], log)
     rows = exported_psms(raw)
     raw.unlink()
-    psms = []
-    for row in rows:
-        reference = row.get("spectrum_reference", "")
-        scan = scan_of(reference)
-        if scan is None:
-            continue
-        psms.append(Psm(spectrum=reference, scan=scan,
-                        score=-math.log10(max(float(row["score"]), 1e-300)),
-                        decoy=row.get("target_decoy", "target") == "decoy",
-                        sequence=row["sequence"], fields=row))
+    return psms_of(rows)
+
+
+def psms_of(rows):
+    """Each exported hit of a spectrum with a scan number as a Psm, scored by its e-value
+    with the scan's blocks counted (rescore.log_e_value): a scan's primary is the best of
+    its blocks, and the best of n draws is as likely to score by chance as one draw
+    against n times the candidates, so it pays for them, target or decoy alike."""
+    psms = [Psm(spectrum=row.get("spectrum_reference", ""), scan=scan, score=0.0,
+                decoy=row.get("target_decoy", "target") == "decoy", sequence=row["sequence"],
+                fields=row)
+            for row in rows if (scan := scan_of(row.get("spectrum_reference", ""))) is not None]
+    blocks = Counter(psm.scan for psm in psms)
+    for psm in psms:
+        psm.fields["scan_blocks"] = blocks[psm.scan]
+        psm.score = rescore.log_e_value(psm.fields)
     return psms
 
 
@@ -137,8 +153,10 @@ def fdr(args, log):
     account = rescored(psms, precursor_rows(args.precursors), settings)
     write_json(args.rescoring, account)
     psms = grouped_q_values(psms)
-    write_table(psms, args.all, settings)
-    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted, settings)
+    scans = scan_table(args.scans)
+    write_table(psms, args.all, settings, scans)
+    write_table([p for p in psms if p.q_value <= settings["fdr"]], args.accepted, settings,
+                scans)
 
 
 def main():

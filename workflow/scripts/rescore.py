@@ -28,9 +28,10 @@ SEED = 19
 FOLDS = 3
 ROUNDS = 3
 TRAIN_FDR = 0.01
-FALLBACK = ("too few targets below 1 % FDR to learn from in each fold (or a model no better "
-            "than Comet's e-value): Comet's e-value ranks the PSMs")
 MINIMUM_POSITIVES = 50  # scans below 1 % in a training set: with fewer, a model overfits
+FALLBACK = (f"a fold's training set has fewer than {MINIMUM_POSITIVES} scans below 1 % FDR to "
+            "learn from (or its model is no better than Comet's e-value): Comet's e-value "
+            "ranks the PSMs")
 PROTON = 1.007276
 ISOTOPE_STEP = 1.003355  # daltons between isotope peaks of a peptide
 COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "abs_ppm_error",
@@ -72,13 +73,20 @@ def missed_cleavages(sequence):
     return sum(1 for i, r in enumerate(plain[:-1]) if r in "KR" and plain[i + 1] != "P")
 
 
+def log_e_value(fields):
+    """-log10 of Comet's e-value times the blocks searched for the PSM's MS2 scan
+    (`scan_blocks`, 1 when not given): the score of a scan's best block weighed as one
+    search against all its blocks' candidates."""
+    return -math.log10(max(float(fields["score"]), 1e-300) * fields.get("scan_blocks", 1))
+
+
 def comet_features(fields):
     """The search features of one exported hit (TextExporter's columns)."""
     sequence = fields["sequence"]
     charge = int(fields["charge"])
     total = float(fields.get("MS:1002259") or 0)
     return [float(fields.get("MS:1002252") or 0), float(fields.get("MS:1002253") or 0),
-            -math.log10(max(float(fields["score"]), 1e-300)),
+            log_e_value(fields),
             float(fields.get("MS:1002258") or 0) / total if total else 0.0,
             abs(ppm_error(sequence, float(fields["mz"]), charge)), charge,
             len(MODIFICATION.sub("", sequence)), missed_cleavages(sequence)]
@@ -89,8 +97,9 @@ def ksieve_features(row):
     if row is None:
         return [0.0] * len(KSIEVE_FEATURES)
     number = lambda key: float(row.get(key) or 0) if _is_number(row.get(key)) else 0.0  # noqa: E731
-    return [float(row.get("origin", "") == "declared"), number("score"), number("purity"),
-            math.log10(max(number("intensity"), 1.0)), number("rank")]
+    # `declared_confirmed` or `declared_kept`: the declared ion as the instrument gave it.
+    return [float(row.get("origin", "").startswith("declared")), number("score"),
+            number("purity"), math.log10(max(number("intensity"), 1.0)), number("rank")]
 
 
 def _is_number(text):

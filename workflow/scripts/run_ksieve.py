@@ -9,6 +9,7 @@ because the .ms1/.ms2 pair is removed once the searches have read it.
 """
 
 import argparse
+import csv
 import gzip
 import os
 import re
@@ -30,6 +31,7 @@ def parse_args():
     parser.add_argument("--threads", type=int, default=1)
     parser.add_argument("--log", required=True)
     parser.add_argument("--info", required=True)
+    parser.add_argument("--scans", required=True, help="scan table to write, TSV")
     parser.add_argument("--option", nargs=2, action="append", default=[],
                         metavar=("LETTER", "VALUE"), help="a kSieve command-line option")
     parser.add_argument("--parameter", nargs=2, action="append", default=[],
@@ -82,6 +84,44 @@ def companion_header(ms2):
             _, key, value = (line.rstrip("\n").split("\t", 2) + [""])[:3]
             header[key] = value
     return header
+
+
+SCAN_COLUMNS = ["scan", "rt_seconds", "native_id"]
+
+
+def ksieve_keys(preset, mzml, parameters):
+    """The parameter-file keys kSieve runs with: the preset, `output_mzml = 1` when the
+    workflow's mzML switch is on, then the user's keys, which win over both."""
+    keys = dict(preset or {})
+    if mzml:
+        keys["output_mzml"] = 1
+    keys.update(parameters or {})
+    return keys
+
+
+def write_scan_table(ms2, path):
+    """Each MS2 scan's retention time in seconds and the instrument's native id (empty
+    when the run has none), from the companion's .ms2 (`I RetTime` in minutes, `I
+    NativeID`), so that every PSM table can name its spectrum as the lab's other
+    tools do after the .ms2 is gone."""
+    rows, scan = [], None
+    with open(ms2, encoding="utf-8", errors="replace") as lines:
+        for line in lines:
+            if line.startswith("S\t"):
+                scan = {"scan": line.split("\t")[1].strip(), "rt_seconds": "", "native_id": ""}
+                rows.append(scan)
+            elif line.startswith("I\t") and scan is not None:
+                _, key, value = (line.rstrip("\r\n").split("\t", 2) + [""])[:3]
+                if key == "RetTime":
+                    scan["rt_seconds"] = f"{float(value) * 60:.4f}"
+                elif key == "NativeID":
+                    scan["native_id"] = value
+    partial = Path(str(path) + ".partial")
+    with open(partial, "w", encoding="utf-8", newline="") as out:
+        writer = csv.DictWriter(out, SCAN_COLUMNS, delimiter="\t", lineterminator="\n")
+        writer.writeheader()
+        writer.writerows(rows)
+    os.replace(partial, path)
 
 
 def parameter_echo(log_text):
@@ -166,6 +206,7 @@ def ksieve(args, log):
     banner = re.search(r"(kSieve[\w.]+ \(\w+\))", stdout)
     log_text = (outdir / "kSievePlusLog.txt").read_text(encoding="utf-8", errors="replace")
     ms2 = outdir / f"{args.run}.ms2"
+    write_scan_table(ms2, args.scans)
     write_json(args.info, {
         "ksieve_version": banner.group(1) if banner else "unknown",
         "companion": companion_header(ms2) if ms2.is_file() else {},
