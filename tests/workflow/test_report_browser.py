@@ -103,6 +103,7 @@ class ReportInBrowser(Browser):
                 self.check_run(section.get_attribute("id"), run)
                 self.check_scores(section.get_attribute("id"), run)
                 self.check_keys(run)
+                self.check_account(run)
 
     def check_run(self, prefix, run):
         run_dir = OUT / "runs" / run
@@ -141,6 +142,20 @@ class ReportInBrowser(Browser):
                 self.assertEqual(sum(scores[group]["target"]), targets[group], (side, group))
             self.assertGreater(sum(scores["primary"]["decoy"]), 0, side)
             self.assertEqual(len(scores["edges"]), len(scores["primary"]["target"]) + 1)
+
+    def check_account(self, run):
+        """kSieve's account shows its run summary's counts, or says it was not written."""
+        summary = OUT / "runs" / run / "ksieve" / f"{run}.summary.json"
+        if not summary.is_file():
+            self.assertIn("precursor_table = 1", self.driver.find_element(
+                By.CSS_SELECTOR, "p.account-missing").text)
+            return
+        counts = json.loads(summary.read_text(encoding="utf-8"))["precursors"]
+        shown = [row.find_elements(By.TAG_NAME, "td")[1].text
+                 for row in self.driver.find_elements(By.CSS_SELECTOR, "#account tbody tr")]
+        self.assertEqual(shown[:5], [str(counts[k]) for k in (
+            "declared_confirmed", "declared_corrected", "declared_replaced", "declared_kept",
+            "scans_with_coeluted")])
 
     def check_keys(self, run):
         """The keys in force give the input format the run really had, not the echo's word."""

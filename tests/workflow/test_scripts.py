@@ -225,24 +225,52 @@ class KsieveAccount(unittest.TestCase):
                                      format_word != "raw")
         keys = ksieve_account.keys_in_force("", "", "/in/run.mzML")
         self.assertEqual(keys, [])
+        job = "KSIEVE_THREADS=2\n$ ./kSieve /runs/r/ksieve.params\nkSieve2.0.8\n"
+        self.assertTrue(ksieve_account.parameter_file_used(job, Path("/runs/r/ksieve.params")))
+        self.assertFalse(ksieve_account.parameter_file_used(
+            "$ ./kSieve -D /in/r.mzML -O /runs/r/ksieve\n", "/runs/r/ksieve.params"))
+        self.assertFalse(ksieve_account.parameter_file_used(job, ""))
 
-    def test_account_from_the_run_summary_or_none_without_it(self):
+    def test_the_run_summary_adds_the_newer_keys_at_their_defaults(self):
+        summary = KsieveAccount.GOLDEN / "coeluting.summary.json"
+        log = (KsieveAccount.GOLDEN / "kSievePlusLog.txt").read_text()
+        keys = {k: (v, s) for k, v, s in ksieve_account.keys_in_force(log, "", "/d/r.ms1",
+                                                                        summary)}
+        self.assertEqual(keys["output_mzml"], ("0", "kSieve's run summary"))
+        self.assertEqual(keys["precursor_table"], ("1", "kSieve's log, after the echo"))
+        self.assertEqual(keys["co-elute"], ("1", "kSieve's echo"))
+
+    # kSieve's own run summary and evidence table, as a golden case pins them.
+    GOLDEN = (ROOT / "tests" / "golden" / "cases" / "precursor_table_evidence" / "expected"
+              / "files" / "data")
+
+    def test_account_from_ksieves_run_summary_or_none_without_it(self):
+        summary = self.GOLDEN / "coeluting.summary.json"
+        table = self.GOLDEN / "coeluting.precursors.tsv"
+        account = ksieve_account.account(summary, table)
+        counts = json.loads(summary.read_text())["precursors"]
+        self.assertEqual([count for _, count in account["scans"]],
+                         [counts[key] for key, _ in ksieve_account.SCAN_ACCOUNT])
+        self.assertEqual(account["scans"][0][1], 1)       # declared_confirmed
+        self.assertEqual((account["scans_written"], account["precursors"]), (4, 6))
+        origins = [line.split("\t")[7] for line in table.read_text().splitlines()[1:]]
+        self.assertEqual(account["coeluted_precursors"], origins.count("coeluted"))
+        self.assertGreater(account["coeluted_precursors"], 0)
+        times = sorted(float(line.split("\t")[2]) for line in table.read_text().splitlines()[1:])
+        self.assertEqual(ksieve_account.retention_span(table), [times[0], times[-1]])
         with tempfile.TemporaryDirectory() as folder:
-            summary, table = Path(folder) / "r.summary.json", Path(folder) / "r.precursors.tsv"
-            self.assertIsNone(ksieve_account.account(summary, table))
-            summary.write_text(json.dumps({"precursors": {
-                "scans_written": 4, "precursors_written": 6, "declared_confirmed": 1,
-                "declared_corrected": 1, "declared_kept": 2, "declared_replaced": 0,
-                "scans_with_coeluted": 1}}))
-            account = ksieve_account.account(summary, table)
-            self.assertIsNone(account["coeluted_precursors"])
-            table.write_text("scan\trt_seconds\torigin\n7\t15.0\tcorrected\n7\t15.0\tcoeluted\n"
-                             "8\t21.5\tcoeluted\n9\t\tdeclared_kept\n")
-            account = ksieve_account.account(summary, table)
-            self.assertEqual([count for _, count in account["scans"]], [1, 1, 0, 2, 1])
-            self.assertEqual((account["scans_written"], account["precursors"],
-                              account["coeluted_precursors"]), (4, 6, 2))
-            self.assertEqual(ksieve_account.retention_span(table), [15.0, 21.5])
+            missing = Path(folder) / "r.summary.json"
+            self.assertIsNone(ksieve_account.account(missing, table))
+            self.assertIsNone(ksieve_account.retention_span(Path(folder) / "r.precursors.tsv"))
+            without_table = ksieve_account.account(summary, Path(folder) / "r.precursors.tsv")
+            self.assertIsNone(without_table["coeluted_precursors"])
+
+    def test_logged_keys_of_kSieves_own_log(self):
+        log = (self.GOLDEN / "kSievePlusLog.txt").read_text()
+        echoed, after = ksieve_account.logged_keys(log)
+        self.assertIn(["input_format", "raw"], echoed)
+        self.assertEqual(after, [["validate_precursors", "1"], ["keep_declared", "1"],
+                                 ["precursor_table", "1"]])
 
 
 # The required structure of a PSI mzQC 1.0.0 file, as its JSON schema sets it out

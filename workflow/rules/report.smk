@@ -20,6 +20,7 @@ rule run_table:
             f"--info={input.info}", "--psms", *input.psms, "--rescoring", *input.rescoring,
             f"--input={RUNS[wildcards.run]}",
             f"--parameter-file={OUT}/runs/{wildcards.run}/ksieve.params",
+            f"--ksieve-job-log={OUT}/logs/{wildcards.run}/ksieve.log",
             "--hits", *input.hits, f"--settings={input.settings}",
             f"--out={output.table}", f"--mzqc={output.mzqc}",
             *(["--entrapment"] if config["entrapment"] else [])],

@@ -85,16 +85,36 @@ def input_format(path):
     return next((word for ending, word in FORMATS if name.endswith(ending)), None)
 
 
-def keys_in_force(log_text, parameter_file, input_path):
+def parameter_file_used(job_log_text, parameter_file):
+    """True when the workflow's kSieve job started kSieve on the parameter file: a file
+    left from an earlier configuration is not what this run read."""
+    return bool(parameter_file) and any(
+        line.startswith("$ ") and line.endswith(" " + str(parameter_file))
+        for line in job_log_text.splitlines())
+
+
+def summary_keys(summary_json):
+    """Every logged key with its value in force, from kSieve's run summary; none without it."""
+    if not Path(summary_json).is_file():
+        return []
+    parameters = json.loads(Path(summary_json).read_text(encoding="utf-8")).get("parameters", {})
+    return [[key, str(value)] for key, value in parameters.items()]
+
+
+def keys_in_force(log_text, parameter_file, input_path, summary_json=""):
     """[key, value, where it was read] for every key in force, echo order first.
 
-    A later source wins: a key the log gives after the echo, then the workflow's
-    parameter file, then the input file's own format.
+    A later source wins: a key the log gives after the echo, kSieve's run summary
+    (which lists the newer keys at their defaults too), the workflow's parameter
+    file, then the input file's own format.
     """
     echoed, after = logged_keys(log_text)
     keys = {key: [value, "kSieve's echo"] for key, value in echoed}
     for key, value in after:
         keys[key] = [value, "kSieve's log, after the echo"]
+    for key, value in summary_keys(summary_json):
+        if keys.get(key, [None])[0] != value:
+            keys[key] = [value, "kSieve's run summary"]
     for key, value in parameter_file_keys(parameter_file):
         keys[key] = [value, "the workflow's parameter file"]
     actual = input_format(input_path)

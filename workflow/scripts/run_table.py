@@ -36,7 +36,9 @@ def parse_args():
                         metavar=("DECLARED", "KSIEVE"), help="what rescoring did, JSON")
     parser.add_argument("--input", required=True, help="the run's instrument file")
     parser.add_argument("--parameter-file", default="",
-                        help="the workflow's kSieve parameter file, read when it exists")
+                        help="the workflow's kSieve parameter file, read when kSieve ran on it")
+    parser.add_argument("--ksieve-job-log", default="",
+                        help="the workflow's log of the kSieve job, which names what kSieve ran on")
     parser.add_argument("--hits", nargs=2, metavar=("DECLARED", "KSIEVE"),
                         help="each side's search hits (idXML), for the score distributions")
     parser.add_argument("--settings", help="the workflow's settings, with --hits")
@@ -169,10 +171,16 @@ def ksieve_numbers(args):
     log = folder / "kSievePlusLog.txt"
     log_text = log.read_text(encoding="utf-8", errors="replace") if log.is_file() else ""
     precursors = folder / f"{args.run}.precursors.tsv"
+    summary = folder / f"{args.run}.summary.json"
+    job_log = Path(args.ksieve_job_log) if args.ksieve_job_log else None
+    job_text = job_log.read_text(encoding="utf-8", errors="replace") if job_log and \
+        job_log.is_file() else ""
+    used = ksieve_account.parameter_file_used(job_text, args.parameter_file)
     return {
         "input": str(args.input),
-        "account": ksieve_account.account(folder / f"{args.run}.summary.json", precursors),
-        "keys": ksieve_account.keys_in_force(log_text, args.parameter_file, args.input),
+        "account": ksieve_account.account(summary, precursors),
+        "keys": ksieve_account.keys_in_force(log_text, args.parameter_file if used else "",
+                                             args.input, summary),
         "retention_span": ksieve_account.retention_span(precursors),
         "scores": score_distributions(args, precursors),
     }
