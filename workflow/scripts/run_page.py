@@ -43,7 +43,7 @@ def account_section(account):
                 "written for this run: kSieve writes it with <code>precursor_table = 1</code> "
                 "(<code>ksieve_parameters</code> in the workflow's configuration).</p>")
     rows = [[label, "NA" if count is None else count] for label, count in account["scans"]]
-    rows.append(["co-eluted precursors (beside the scan's first)",
+    rows.append(["co-eluted precursors (precursors, not scans)",
                  "NA" if account["coeluted_precursors"] is None
                  else account["coeluted_precursors"]])
     return (f"<h3>kSieve's account of the precursors</h3><p>{account['scans_written']} MS2 "
