@@ -177,7 +177,6 @@ def ksieve_numbers(args):
         job_log.is_file() else ""
     used = ksieve_account.parameter_file_used(job_text, args.parameter_file)
     return {
-        "input": str(args.input),
         "account": ksieve_account.account(summary, precursors),
         "keys": ksieve_account.keys_in_force(log_text, args.parameter_file if used else "",
                                              args.input, summary),
