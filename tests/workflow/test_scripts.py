@@ -15,11 +15,16 @@ sys.path.insert(0, str(ROOT / "tools" / "accuracy"))
 import entrapment  # noqa: E402
 import fdr  # noqa: E402
 import fdr_truth  # noqa: E402
+import jsonschema  # noqa: E402
+import ksieve_account  # noqa: E402
+import mzqc  # noqa: E402
 import numpy as np  # noqa: E402
+import overview  # noqa: E402
 import qvalues  # noqa: E402
 import rescore  # noqa: E402
 import run_ksieve  # noqa: E402
 import run_table  # noqa: E402
+import score_distribution  # noqa: E402
 import search  # noqa: E402
 from wfcommon import StageError, scan_of  # noqa: E402
 
@@ -226,6 +231,204 @@ class PrecursorTable(unittest.TestCase):
 def psm(scan, score, decoy=False, sequence="PEPTIDEK", spectrum=""):
     return qvalues.Psm(spectrum=spectrum or f"r.{scan}.{scan}.2.0.dta", scan=scan, score=score,
                        decoy=decoy, sequence=sequence, fields={})
+
+
+class KsieveAccount(unittest.TestCase):
+    LOG = ("[kSieve] <INFO> - kSieve2.0.8 (abc)\n"
+           "[kSieve] <INFO> - --------- BEGIN PARAMETERS -----------\n"
+           "[kSieve] <INFO> - 01: co-elute = 1\n"
+           "[kSieve] <INFO> - 02: input_format = raw\n"
+           "[kSieve] <INFO> - 03: mstol = 20.000000\n"
+           "[kSieve] <INFO> - --------- END PARAMETERS -------------\n"
+           "[kSieve] <INFO> - validate_precursors = 1\n"
+           "[kSieve] <INFO> - Precursor validation in run: 9 detected = many\n"
+           "[kSieve] <WARN> - not a key = 3\n")
+
+    def test_keys_in_force_add_the_logged_keys_the_parameter_file_and_the_real_format(self):
+        with tempfile.TemporaryDirectory() as folder:
+            params = Path(folder) / "ksieve.params"
+            params.write_text("datapath = /in/run.mzML.gz\nmstol = 10\n")
+            cases = [("/in/run.mzML.gz", "mzml"), ("/in/RUN.MZXML", "mzxml"),
+                     ("/in/run.raw", "raw")]
+            for path, format_word in cases:
+                with self.subTest(path):
+                    keys = ksieve_account.keys_in_force(self.LOG, params, path)
+                    found = {key: (value, source) for key, value, source in keys}
+                    self.assertEqual([k for k, _, _ in keys],
+                                     ["co-elute", "input_format", "mstol",
+                                      "validate_precursors", "datapath"])
+                    self.assertEqual(found["mstol"], ("10", "the workflow's parameter file"))
+                    self.assertEqual(found["validate_precursors"][0], "1")
+                    self.assertEqual(found["input_format"][0], format_word)
+                    self.assertEqual("echo says raw" in found["input_format"][1],
+                                     format_word != "raw")
+        keys = ksieve_account.keys_in_force("", "", "/in/run.mzML")
+        self.assertEqual(keys, [])
+        job = "KSIEVE_THREADS=2\n$ ./kSieve /runs/r/ksieve.params\nkSieve2.0.8\n"
+        self.assertTrue(ksieve_account.parameter_file_used(job, Path("/runs/r/ksieve.params")))
+        self.assertFalse(ksieve_account.parameter_file_used(
+            "$ ./kSieve -D /in/r.mzML -O /runs/r/ksieve\n", "/runs/r/ksieve.params"))
+        self.assertFalse(ksieve_account.parameter_file_used(job, ""))
+
+    def test_the_run_summary_adds_the_newer_keys_at_their_defaults(self):
+        summary = KsieveAccount.GOLDEN / "coeluting.summary.json"
+        log = (KsieveAccount.GOLDEN / "kSievePlusLog.txt").read_text()
+        keys = {k: (v, s) for k, v, s in ksieve_account.keys_in_force(log, "", "/d/r.ms1",
+                                                                        summary)}
+        self.assertEqual(keys["output_mzml"], ("0", "kSieve's run summary"))
+        self.assertEqual(keys["precursor_table"], ("1", "kSieve's log, after the echo"))
+        self.assertEqual(keys["co-elute"], ("1", "kSieve's echo"))
+
+    # kSieve's own run summary and evidence table, as a golden case pins them.
+    GOLDEN = (ROOT / "tests" / "golden" / "cases" / "precursor_table_evidence" / "expected"
+              / "files" / "data")
+
+    def test_account_from_ksieves_run_summary_or_none_without_it(self):
+        summary = self.GOLDEN / "coeluting.summary.json"
+        table = self.GOLDEN / "coeluting.precursors.tsv"
+        account = ksieve_account.account(summary, table)
+        counts = json.loads(summary.read_text())["precursors"]
+        self.assertEqual([count for _, count in account["scans"]],
+                         [counts[key] for key, _ in ksieve_account.SCAN_ACCOUNT])
+        self.assertEqual(account["scans"][0][1], 1)       # declared_confirmed
+        self.assertEqual((account["scans_written"], account["precursors"]), (4, 6))
+        origins = [line.split("\t")[7] for line in table.read_text().splitlines()[1:]]
+        self.assertEqual(account["coeluted_precursors"], origins.count("coeluted"))
+        self.assertGreater(account["coeluted_precursors"], 0)
+        times = sorted(float(line.split("\t")[2]) for line in table.read_text().splitlines()[1:])
+        self.assertEqual(ksieve_account.retention_span(table), [times[0], times[-1]])
+        with tempfile.TemporaryDirectory() as folder:
+            missing = Path(folder) / "r.summary.json"
+            self.assertIsNone(ksieve_account.account(missing, table))
+            self.assertIsNone(ksieve_account.retention_span(Path(folder) / "r.precursors.tsv"))
+            without_table = ksieve_account.account(summary, Path(folder) / "r.precursors.tsv")
+            self.assertIsNone(without_table["coeluted_precursors"])
+
+    def test_logged_keys_of_kSieves_own_log(self):
+        log = (self.GOLDEN / "kSievePlusLog.txt").read_text()
+        echoed, after = ksieve_account.logged_keys(log)
+        self.assertIn(["input_format", "raw"], echoed)
+        self.assertEqual(after, [["validate_precursors", "1"], ["keep_declared", "1"],
+                                 ["precursor_table", "1"]])
+
+
+# The required structure of a PSI mzQC 1.0.0 file, as its JSON schema sets it out
+# (no copy of the schema is on this machine): what must be there, and the shapes of
+# versions, dates, accessions and URIs.
+ACCESSION = {"type": "string", "pattern": r"^[A-Z]+:[0-9]{7}$"}
+CV_PARAMETER = {"type": "object", "required": ["accession", "name"],
+                "properties": {"accession": ACCESSION, "name": {"type": "string"}}}
+MZQC_REQUIRED = {
+    "type": "object", "required": ["mzQC"], "additionalProperties": False,
+    "properties": {"mzQC": {
+        "type": "object",
+        "required": ["version", "creationDate", "controlledVocabularies", "runQualities"],
+        "properties": {
+            "version": {"type": "string", "pattern": r"^1\.0\.0$"},
+            "creationDate": {"type": "string",
+                             "pattern": r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(Z|[+-]\d\d:\d\d)$"},
+            "controlledVocabularies": {"type": "array", "minItems": 1, "items": {
+                "type": "object", "required": ["name", "uri", "version"],
+                "properties": {"uri": {"type": "string", "pattern": "^[a-z]+:"}}}},
+            "runQualities": {"type": "array", "minItems": 1, "items": {
+                "type": "object", "required": ["metadata", "qualityMetrics"],
+                "properties": {
+                    "metadata": {
+                        "type": "object", "required": ["inputFiles", "analysisSoftware"],
+                        "properties": {
+                            "inputFiles": {"type": "array", "minItems": 1, "items": {
+                                "type": "object", "required": ["location", "name", "fileFormat"],
+                                "properties": {"fileFormat": CV_PARAMETER,
+                                               "location": {"type": "string",
+                                                            "pattern": "^file:///"}}}},
+                            "analysisSoftware": {"type": "array", "minItems": 1, "items": {
+                                **CV_PARAMETER, "required": ["accession", "name", "version"]}}}},
+                    "qualityMetrics": {"type": "array", "minItems": 1,
+                                       "items": CV_PARAMETER}}}}}}}}
+
+
+class MzQC(unittest.TestCase):
+    NUMBERS = {"run": "r1", "ms2_scans": 120, "precursors": 147, "retention_span": [60.0, 1860.5],
+               "info": {"scan_account": [["ms1_read", "40"], ["ms2_read", "130"]]},
+               "declared": {"scans": 16, "peptides": 7, "psms": 16, "psms_secondary": 0},
+               "ksieve": {"scans": 18, "peptides": 8, "psms": 21, "psms_secondary": 3}}
+
+    def test_document_has_mzqc_structure_and_the_runs_values(self):
+        doc = mzqc.document(self.NUMBERS, "/data/r1.mzXML", {"kSieve": "2.0.8", "Comet": "x"})
+        jsonschema.validate(doc, MZQC_REQUIRED)
+        metrics = {m["name"]: m for m in doc["mzQC"]["runQualities"][0]["qualityMetrics"]}
+        self.assertEqual(metrics["number of MS1 spectra"]["value"], 40)
+        self.assertEqual(metrics["number of MS2 spectra"]["value"], 130)
+        self.assertEqual(metrics["number of spectra searched"]["value"], 120)
+        self.assertEqual(metrics["count of identified spectra"]["value"], 18)
+        self.assertEqual(metrics["count of identified spectra, declared precursors"]["value"], 16)
+        self.assertEqual(metrics["count of identifications from co-eluted precursors"]["value"], 3)
+        self.assertEqual(metrics["chromatography duration"]["value"], 1800.5)
+        file_format = doc["mzQC"]["runQualities"][0]["metadata"]["inputFiles"][0]["fileFormat"]
+        self.assertEqual(file_format["name"], "ISB mzXML format")
+        without = {**self.NUMBERS, "retention_span": None, "info": {"scan_account": []}}
+        names = [m["name"] for m in mzqc.document(without, "/d/r.raw", {})["mzQC"]
+                 ["runQualities"][0]["qualityMetrics"]]
+        self.assertNotIn("chromatography duration", names)
+        self.assertNotIn("number of MS1 spectra", names)
+
+    def test_accessions_come_from_the_vocabulary_on_the_machine_or_are_local(self):
+        terms, _, path = mzqc.vocabulary()
+        if path is None:
+            self.skipTest("no psi-ms.obo on this machine")
+        doc = mzqc.document(self.NUMBERS, "/data/r1.mzML", {})["mzQC"]
+        prefixes = {cv["name"] for cv in doc["controlledVocabularies"]}
+        self.assertIn(mzqc.LOCAL_VOCABULARY["name"], prefixes)
+        metadata = doc["runQualities"][0]["metadata"]
+        for entry in (doc["runQualities"][0]["qualityMetrics"] + metadata["analysisSoftware"]
+                      + [metadata["inputFiles"][0]["fileFormat"]]):
+            with self.subTest(entry["name"]):
+                if entry["accession"].startswith("MS:"):
+                    self.assertEqual(terms.get(entry["name"]), entry["accession"])
+                else:
+                    self.assertTrue(entry["accession"].startswith("KSW:"))
+                    self.assertNotIn(entry["name"], terms)
+        locals_ = [m[1] for m in mzqc.METRICS]
+        self.assertEqual(len(set(locals_)), len(locals_))
+        self.assertEqual(terms["mzML format"], "MS:1000584")  # the lookup reads real terms
+
+
+class ScoreDistribution(unittest.TestCase):
+    def test_histogram_counts_every_psm_once_by_group_and_kind(self):
+        psms = [psm(1, 0.0), psm(2, 10.0), psm(3, 5.0, decoy=True), psm(4, 9.99, decoy=True),
+                psm(5, 2.5)]
+        for p, group in zip(psms, ["primary", "primary", "primary", "secondary", "secondary"]):
+            p.group = group
+        result = score_distribution.histogram(psms)
+        self.assertEqual(len(result["edges"]), score_distribution.BINS + 1)
+        self.assertEqual((result["edges"][0], result["edges"][-1]), (0.0, 10.0))
+        primary, secondary = result["primary"], result["secondary"]
+        self.assertEqual(primary["target"][0], 1)
+        self.assertEqual(primary["target"][-1], 1)       # the highest score in the last bin
+        self.assertEqual(primary["decoy"][20], 1)
+        self.assertEqual(secondary["decoy"][-1], 1)
+        self.assertEqual(secondary["target"][10], 1)
+        self.assertEqual(sum(map(sum, (primary["target"], primary["decoy"], secondary["target"],
+                                       secondary["decoy"]))), 5)
+        same = [psm(1, 3.0), psm(2, 3.0, decoy=True)]
+        for p in same:
+            p.group = "primary"
+        self.assertEqual(sum(score_distribution.histogram(same)["primary"]["decoy"]), 1)
+        self.assertIsNone(score_distribution.histogram([]))
+
+
+class Overview(unittest.TestCase):
+    def test_row_of_a_failed_run_and_of_a_finished_one(self):
+        curve = [[q / 1000, q] for q in range(101)]
+        numbers = {"ms2_scans": 0, "declared": {"scans": 0, "peptides": 0, "q_curve": curve},
+                   "ksieve": {"scans": 0, "peptides": 0, "psms_secondary": 0, "q_curve": curve}}
+        finished = overview.row(0, "a b&c", numbers, "ok", 0.01)
+        self.assertIn('href="runs/a%20b%26c/report.html"', finished)
+        self.assertEqual(finished.count("<polyline"), 2)
+        self.assertIn(">NA</td>", finished)                # a rate over no MS2 scan
+        failed = overview.row(1, "x", None, "failed: kSieve failed", 0.01)
+        self.assertNotIn("<a ", failed)
+        self.assertEqual(failed.count("<td"), len(overview.COLUMNS))
 
 
 class ScanGroups(unittest.TestCase):

@@ -94,3 +94,50 @@ def psms_against_q(prefix, sides, threshold):
     axes.legend(frameon=False, loc="lower right")
     figure.tight_layout()
     return to_svg(figure)
+
+
+def score_distribution(prefix, label, histogram):
+    """Target and decoy scores of one side after rescoring, primary and secondary PSMs apart."""
+    figure, axes = new_axes(f"Scores used for FDR, {label}", "score (higher is better)", "PSMs")
+    edges = histogram["edges"]
+    styles = (("primary", "target", "#1f6fb4", "-"), ("primary", "decoy", "#cc3333", "-"),
+              ("secondary", "target", "#1f6fb4", ":"), ("secondary", "decoy", "#cc3333", ":"))
+    for group, kind, colour, line_style in styles:
+        counts = histogram[group][kind]
+        if not any(counts):
+            continue
+        (line,) = axes.plot(edges, counts + counts[-1:], drawstyle="steps-post", color=colour,
+                            linestyle=line_style, label=f"{group} {kind}s")
+        line.set_gid(f"{prefix}-{group}-{kind}")
+    axes.legend(frameon=False)
+    figure.tight_layout()
+    return to_svg(figure)
+
+
+SPARK_WIDTH, SPARK_HEIGHT, SPARK_STEP = 120, 28, 5
+
+
+def sparkline(prefix, sides, threshold):
+    """A sparkline of target PSMs against q-value for both sides, written by hand: a few
+    hundred bytes where a plotted figure takes tens of kB, so an overview of hundreds of runs
+    stays small. Every fifth point of the q grid; the FDR threshold as a tick."""
+    curves = {side: sides[side]["q_curve"][::SPARK_STEP] for side, _, _ in SIDES}
+    top = max([n for curve in curves.values() for _, n in curve] + [1])
+    last = max(q for curve in curves.values() for q, _ in curve) or 1.0
+
+    def x(q):
+        return round(q / last * (SPARK_WIDTH - 2) + 1, 1)
+
+    def y(n):
+        return round(SPARK_HEIGHT - 1 - n / top * (SPARK_HEIGHT - 2), 1)
+
+    lines = "".join(
+        f'<polyline id="{prefix}-{side}" fill="none" stroke="{colour}" stroke-width="1.2" '
+        f'points="{" ".join(f"{x(q)},{y(n)}" for q, n in curves[side])}"/>'
+        for side, _, colour in SIDES)
+    tick = x(min(threshold, last))
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" width="{SPARK_WIDTH}" '
+            f'height="{SPARK_HEIGHT}" role="img"><title>target PSMs against q-value, declared '
+            f'(grey) and kSieve (blue), up to {top}</title>'
+            f'<line x1="{tick}" y1="0" x2="{tick}" y2="{SPARK_HEIGHT}" stroke="#cc3333" '
+            f'stroke-width="0.6"/>{lines}</svg>')

@@ -15,7 +15,9 @@ from collections import Counter
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from wfcommon import read_json, write_json  # noqa: E402
+import ksieve_account  # noqa: E402
+import mzqc  # noqa: E402
+from wfcommon import read_json, tool_version, write_json  # noqa: E402
 
 PROTON = 1.007276
 SHIFT_BIN = 0.02  # daltons: fine enough to part isotope steps (1.003 Da) from 1 Da, coarse enough to pool ppm noise
@@ -32,7 +34,16 @@ def parse_args():
                         metavar=("DECLARED_ALL", "DECLARED_ACCEPTED", "KSIEVE_ALL", "KSIEVE_ACCEPTED"))
     parser.add_argument("--rescoring", nargs=2, required=True,
                         metavar=("DECLARED", "KSIEVE"), help="what rescoring did, JSON")
+    parser.add_argument("--input", required=True, help="the run's instrument file")
+    parser.add_argument("--parameter-file", default="",
+                        help="the workflow's kSieve parameter file, read when kSieve ran on it")
+    parser.add_argument("--ksieve-job-log", default="",
+                        help="the workflow's log of the kSieve job, which names what kSieve ran on")
+    parser.add_argument("--hits", nargs=2, metavar=("DECLARED", "KSIEVE"),
+                        help="each side's search hits (idXML), for the score distributions")
+    parser.add_argument("--settings", help="the workflow's settings, with --hits")
     parser.add_argument("--out", required=True)
+    parser.add_argument("--mzqc", required=True, help="the run's mzQC file")
     parser.add_argument("--entrapment", action="store_true",
                         help="the search had an entrapment database")
     return parser.parse_args()
@@ -142,12 +153,44 @@ def side_numbers(all_path, accepted_path, entrapment, rescoring):
     }
 
 
+def score_distributions(args, precursors):
+    """Each side's target and decoy scores after rescoring; None without the hits."""
+    if not args.hits:
+        return None
+    import score_distribution  # scikit-learn loads slowly: only when there are hits to rescore
+
+    settings = read_json(args.settings)
+    return {side: score_distribution.distribution(hits, table, settings)
+            for side, hits, table in (("declared", args.hits[0], ""),
+                                      ("ksieve", args.hits[1], precursors))}
+
+
+def ksieve_numbers(args):
+    """kSieve's account, the keys in force and the time span, from the files beside its MGF."""
+    folder = Path(args.table).parent
+    log = folder / "kSievePlusLog.txt"
+    log_text = log.read_text(encoding="utf-8", errors="replace") if log.is_file() else ""
+    precursors = folder / f"{args.run}.precursors.tsv"
+    summary = folder / f"{args.run}.summary.json"
+    job_log = Path(args.ksieve_job_log) if args.ksieve_job_log else None
+    job_text = job_log.read_text(encoding="utf-8", errors="replace") if job_log and \
+        job_log.is_file() else ""
+    used = ksieve_account.parameter_file_used(job_text, args.parameter_file)
+    return {
+        "account": ksieve_account.account(summary, precursors),
+        "keys": ksieve_account.keys_in_force(log_text, args.parameter_file if used else "",
+                                             args.input, summary),
+        "retention_span": ksieve_account.retention_span(precursors),
+        "scores": score_distributions(args, precursors),
+    }
+
+
 def main():
     args = parse_args()
     rows = precursor_rows(args.table)
     declared_charges = Counter(str(charge) for _, _, charge, _ in rows)
     ksieve_charges = Counter(str(z) for *_, precursors in rows for _, z in precursors)
-    write_json(args.out, {
+    numbers = {
         "run": args.run,
         "ms2_scans": len(rows),
         "precursors": sum(len(p) for *_, p in rows),
@@ -157,7 +200,12 @@ def main():
         "declared": side_numbers(*args.psms[0:2], args.entrapment, args.rescoring[0]),
         "ksieve": side_numbers(*args.psms[2:4], args.entrapment, args.rescoring[1]),
         "info": read_json(args.info),
-    })
+        **ksieve_numbers(args),
+    }
+    versions = {"kSieve": numbers["info"].get("ksieve_version", "unknown"),
+                "Comet": tool_version(["comet-ms"], "version")}
+    write_json(args.mzqc, mzqc.document(numbers, args.input, versions))
+    write_json(args.out, numbers)
 
 
 if __name__ == "__main__":

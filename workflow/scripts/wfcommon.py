@@ -132,3 +132,16 @@ def write_json(path, value):
 
 def read_json(path):
     return json.loads(Path(path).read_text(encoding="utf-8"))
+
+
+def tool_version(args, marker):
+    """The line of a program's own output that names its version."""
+    try:
+        done = subprocess.run(args, capture_output=True, text=True, errors="replace",
+                              timeout=60, check=False)
+    except (OSError, subprocess.TimeoutExpired):
+        return "not found"
+    for line in (done.stdout + done.stderr).splitlines():
+        if marker in line:
+            return " ".join(line.replace('"', "").split())
+    return "unknown"
