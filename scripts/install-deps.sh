@@ -17,6 +17,7 @@ packages=(
   snakemake comet-ms                  # the workflow (workflow/): engine and search engine
   python3-matplotlib                  # the workflow report's plots, as inline SVG
   python3-sklearn                     # the workflow's rescoring of PSMs (linear classifier)
+  python3-jsonschema                  # the schema check of the workflow's mzQC files
   chromium chromium-driver python3-selenium  # the browser test of the workflow report
 )
 
