@@ -14,10 +14,16 @@
 //   <stem>.mgf    in the output directory  - MGF input (see process_mgf_file)
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <exception>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -140,16 +146,40 @@ void reset_keeping_buffer(Scan& scan) {
 // scans first is not as far as the file order: the stage then reads on with a
 // stream of its own from where the pipeline stands, and takes nothing twice.
 // Scans waiting are bounded in bytes (memory_ceiling_mib, at most 32 MiB); past
-// that the own stream reads them again when they are due.
+// that the own stream reads them again when they are due. With more than one
+// thread a helper thread of the stage encodes them (deflate, base64, text) in
+// the order they wait, so that the reading thread only copies their peaks.
 inline constexpr char kMzmlSuffix[] = ".ksieve.mzML";
+// An MS1 scan waiting: its own copy of the peaks, then its text. Until it is
+// marked done (under the helper's mutex) the helper thread may be writing
+// m_text and m_error; everything else is the reading thread's.
 struct MzmlMs1Text {
     int32_t m_scan = 0;
     std::string m_id;
     std::string m_text;
+    std::vector<Peak> m_peaks;
+    MzmlSpectrum m_spectrum;  // refers to m_peaks
+    bool m_done = false;
+    std::exception_ptr m_error;  // what encoding threw, raised when it is written
+};
+// The stage's encoding thread: it takes the waiting scans from m_next on, in
+// order, and stops (joined) when the helper is destroyed.
+struct MzmlHelper {
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::size_t m_next = 0;  // the first waiting scan not yet encoded
+    bool m_stop = false;
+    MzmlScratch m_scratch;  // the helper thread's own
+    std::thread m_thread;
+    MzmlHelper() = default;
+    MzmlHelper(const MzmlHelper&) = delete;
+    MzmlHelper& operator=(const MzmlHelper&) = delete;
+    ~MzmlHelper();
 };
 struct MzmlStage {
     MzmlFile m_file;
-    std::deque<MzmlMs1Text> m_waiting;  // encoded MS1 scans not yet written, in file order
+    std::deque<MzmlMs1Text> m_waiting;  // MS1 scans not yet written, in file order
+    std::vector<MzmlMs1Text> m_spare;   // written ones, their buffers kept for reuse
     std::size_t m_waiting_bytes = 0;
     std::size_t m_waiting_ceiling = 0;
     int64_t m_taken = 0;        // MS1 scans written or waiting, counted in file order
@@ -162,6 +192,8 @@ struct MzmlStage {
     bool m_ms2_done = false;  // MS1 scans offered from now on are written at once
     MS1Spectrum m_scan;       // the own stream's scan, its buffers reused
     MzmlScratch m_scratch;
+    // Last, so that its thread has stopped before the scans it works on go.
+    std::unique_ptr<MzmlHelper> m_helper;  // none with one thread
 };
 MzmlOptions mzml_options(const UserParameters& params);
 // Hashes the `.ms1`/`.ms2` pair for the header, then opens the file.

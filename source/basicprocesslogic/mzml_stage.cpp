@@ -4,9 +4,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -57,33 +61,90 @@ MzmlEvidence mzml_evidence(const PrecursorEvidence& evidence) {
 // or the memory ceiling when that is lower.
 constexpr std::size_t kWaitingCeiling = std::size_t{32} << 20;
 
-MzmlMs1Text encode_ms1(MzmlStage& stage, const MS1Spectrum& scan) {
+// Copies what the text needs of the scan into a waiting entry, reusing the
+// buffers of one written before.
+void keep_waiting(MzmlStage& stage, const MS1Spectrum& scan) {
+    MzmlMs1Text text;
+    if (!stage.m_spare.empty()) {
+        text = std::move(stage.m_spare.back());
+        stage.m_spare.pop_back();
+    }
     const MzmlOptions& options = stage.m_file.m_options;
-    MzmlSpectrum spectrum;
+    text.m_scan = scan.m_scan;
+    text.m_peaks.assign(scan.m_peaks.begin(), scan.m_peaks.end());
+    MzmlSpectrum& spectrum = text.m_spectrum;
     spectrum.m_native_id = own_id(options, scan.m_native_id);
     spectrum.m_scan = scan.m_scan;
     spectrum.m_retention_seconds = scan.m_retention_time * kSecondsPerMinute;
     spectrum.m_ion_injection_ms = scan.m_ion_injection_time;
-    spectrum.m_peaks = scan.m_peaks;
+    spectrum.m_peaks = text.m_peaks;
     spectrum.m_faims_cv = scan.m_compensation_voltage;
-    MzmlMs1Text text;
-    text.m_scan = scan.m_scan;
     text.m_id = mzml_spectrum_id(spectrum.m_native_id, scan.m_scan);
-    format_mzml_spectrum(text.m_text, spectrum, options, stage.m_scratch);
-    return text;
+    text.m_done = false;
+    text.m_error = nullptr;
+    stage.m_waiting_bytes += text.m_peaks.size() * sizeof(Peak);
+    ++stage.m_taken;
+    if (!stage.m_helper) {
+        format_mzml_spectrum(text.m_text, spectrum, options, stage.m_scratch);
+        text.m_done = true;
+        stage.m_waiting.push_back(std::move(text));
+        return;
+    }
+    const std::lock_guard lock(stage.m_helper->m_mutex);
+    stage.m_waiting.push_back(std::move(text));
+    stage.m_helper->m_changed.notify_all();
 }
 
-void keep_waiting(MzmlStage& stage, MzmlMs1Text text) {
-    stage.m_waiting_bytes += text.m_text.size();
-    stage.m_waiting.push_back(std::move(text));
-    ++stage.m_taken;
+// The helper thread: encodes the waiting scans in order until told to stop.
+void encode_waiting(MzmlStage& stage) {
+    MzmlHelper& helper = *stage.m_helper;
+    const MzmlOptions options = stage.m_file.m_options;
+    std::unique_lock lock(helper.m_mutex);
+    while (true) {
+        helper.m_changed.wait(
+            lock, [&] { return helper.m_stop || helper.m_next < stage.m_waiting.size(); });
+        if (helper.m_stop) {
+            return;
+        }
+        MzmlMs1Text& text = stage.m_waiting[helper.m_next];
+        lock.unlock();
+        try {
+            format_mzml_spectrum(text.m_text, text.m_spectrum, options, helper.m_scratch);
+        } catch (...) {
+            text.m_error = std::current_exception();
+        }
+        lock.lock();
+        text.m_done = true;
+        ++helper.m_next;
+        helper.m_changed.notify_all();
+    }
 }
+
+// Keeps the buffers of a written scan for the next; a few are enough, as
+// scans wait in a queue that the helper empties as fast as it fills.
+constexpr std::size_t kSpareScans = 8;
 
 void write_first_waiting(MzmlStage& stage) {
-    const MzmlMs1Text& first = stage.m_waiting.front();
+    MzmlMs1Text& first = stage.m_waiting.front();
+    if (stage.m_helper) {
+        std::unique_lock lock(stage.m_helper->m_mutex);
+        stage.m_helper->m_changed.wait(lock, [&first] { return first.m_done; });
+    }
+    if (first.m_error) {
+        std::rethrow_exception(first.m_error);
+    }
     write_mzml_spectrum(stage.m_file, first.m_id, first.m_text);
-    stage.m_waiting_bytes -= first.m_text.size();
+    stage.m_waiting_bytes -= first.m_peaks.size() * sizeof(Peak);
+    if (stage.m_spare.size() < kSpareScans) {
+        stage.m_spare.push_back(std::move(first));
+    }
+    if (!stage.m_helper) {
+        stage.m_waiting.pop_front();
+        return;
+    }
+    const std::lock_guard lock(stage.m_helper->m_mutex);
     stage.m_waiting.pop_front();
+    --stage.m_helper->m_next;
 }
 
 // The own stream's next scan, encoded and waiting; false at the end of the file.
@@ -134,7 +195,7 @@ bool next_waiting(MzmlStage& stage) {
     if (!read_own(stage)) {
         return false;
     }
-    keep_waiting(stage, encode_ms1(stage, stage.m_scan));
+    keep_waiting(stage, stage.m_scan);
     return true;
 }
 
@@ -145,6 +206,17 @@ void write_ms1_before(MzmlStage& stage, int64_t scan_limit) {
 }
 
 }  // namespace
+
+MzmlHelper::~MzmlHelper() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stop = true;
+        m_changed.notify_all();
+    }
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+}
 
 MzmlOptions mzml_options(const UserParameters& params) {
     return MzmlOptions{params.m_mzml_compression, params.m_mzml_monoisotopic_term};
@@ -176,8 +248,12 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     info.m_options.m_native_ids = !first_id.empty();
     info.m_native_id_format = native_id_format(first_id);
     open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
+    if (detection_threads(params) > 1) {
+        stage.m_helper = std::make_unique<MzmlHelper>();
+        stage.m_helper->m_thread = std::thread(encode_waiting, std::ref(stage));
+    }
     if (any) {
-        keep_waiting(stage, encode_ms1(stage, stage.m_scan));
+        keep_waiting(stage, stage.m_scan);
     }
 }
 
@@ -195,7 +271,7 @@ void offer_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan, const LineFile& r
         stage.m_gap_offset = scan.m_source_offset;
         return;
     }
-    keep_waiting(stage, encode_ms1(stage, scan));
+    keep_waiting(stage, scan);
     if (stage.m_ms2_done) {
         write_first_waiting(stage);
     }
