@@ -61,6 +61,12 @@ MzmlEvidence mzml_evidence(const PrecursorEvidence& evidence) {
 // or the memory ceiling when that is lower.
 constexpr std::size_t kWaitingCeiling = std::size_t{32} << 20;
 
+// What a waiting scan holds: its peaks, and text of about as many bytes once
+// it is encoded (a peak's twelve bytes come out as some sixteen characters).
+std::size_t held_bytes(const MzmlMs1Text& text) {
+    return 2 * text.m_peaks.size() * sizeof(Peak);
+}
+
 // Copies what the text needs of the scan into a waiting entry, reusing the
 // buffers of one written before.
 void keep_waiting(MzmlStage& stage, const MS1Spectrum& scan) {
@@ -82,7 +88,7 @@ void keep_waiting(MzmlStage& stage, const MS1Spectrum& scan) {
     text.m_id = mzml_spectrum_id(spectrum.m_native_id, scan.m_scan);
     text.m_done = false;
     text.m_error = nullptr;
-    stage.m_waiting_bytes += text.m_peaks.size() * sizeof(Peak);
+    stage.m_waiting_bytes += held_bytes(text);
     ++stage.m_taken;
     if (!stage.m_helper) {
         format_mzml_spectrum(text.m_text, spectrum, options, stage.m_scratch);
@@ -134,7 +140,7 @@ void write_first_waiting(MzmlStage& stage) {
         std::rethrow_exception(first.m_error);
     }
     write_mzml_spectrum(stage.m_file, first.m_id, first.m_text);
-    stage.m_waiting_bytes -= first.m_peaks.size() * sizeof(Peak);
+    stage.m_waiting_bytes -= held_bytes(first);
     if (stage.m_spare.size() < kSpareScans) {
         stage.m_spare.push_back(std::move(first));
     }
