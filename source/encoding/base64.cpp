@@ -1,3 +1,6 @@
+#include <array>
+#include <cstring>
+
 #include "encoding.h"
 
 namespace ksieve {
@@ -5,6 +8,16 @@ namespace ksieve {
 namespace {
 
 constexpr char kBase64Digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// The two digits of every 12 bits, so that three bytes take two look-ups.
+constexpr std::array<char, 2 * 4096> kDigitPairs = [] {
+    std::array<char, 2 * 4096> pairs{};
+    for (std::size_t v = 0; v < 4096; ++v) {
+        pairs[2 * v] = kBase64Digits[v >> 6];
+        pairs[2 * v + 1] = kBase64Digits[v & 63];
+    }
+    return pairs;
+}();
 
 }  // namespace
 
@@ -15,10 +28,9 @@ void base64_append(std::string& out, const unsigned char* data, std::size_t size
     std::size_t i = 0;
     for (; i + 3 <= size; i += 3) {
         const uint32_t v = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
-        *o++ = kBase64Digits[v >> 18];
-        *o++ = kBase64Digits[(v >> 12) & 63];
-        *o++ = kBase64Digits[(v >> 6) & 63];
-        *o++ = kBase64Digits[v & 63];
+        std::memcpy(o, &kDigitPairs[2 * (v >> 12)], 2);
+        std::memcpy(o + 2, &kDigitPairs[2 * (v & 4095)], 2);
+        o += 4;
     }
     if (i < size) {
         const bool two = i + 1 < size;

@@ -21,6 +21,7 @@ namespace ksieve {
 // before, so old entries read as out of reach.
 struct DeflateScratch {
     std::vector<uint32_t> m_head;     // by hash of three bytes: the last position seen
+    std::vector<uint32_t> m_words;    // by hash of an aligned four-byte word: the same
     std::vector<uint32_t> m_symbols;  // one block's literals and matches
     uint32_t m_base = 0;
 };

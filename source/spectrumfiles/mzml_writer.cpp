@@ -381,6 +381,8 @@ void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info) {
     file.m_head.m_path = std::move(path);
     file.m_head.m_mode = "wb+";
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
+    file.m_buffer = std::make_unique_for_overwrite<char[]>(kReadBufferSize);
+    std::setvbuf(file.m_head.m_stream, file.m_buffer.get(), _IOFBF, kReadBufferSize);
     file.m_index = std::tmpfile();
     check_written(file.m_index != nullptr, file.m_unfinished_path + " (its index)");
     write_text(file, header_text(info));

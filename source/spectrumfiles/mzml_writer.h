@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -102,6 +103,9 @@ struct MzmlScratch {
 };
 
 struct MzmlFile {
+    // The stream's buffer: spectra of a few kilobytes each go out in writes of
+    // a mebibyte. Declared before the stream, so that it outlives it.
+    std::unique_ptr<char[]> m_buffer;
     SpectrumFile m_head;  // m_scan_count counts spectra written
     std::string m_unfinished_path;
     MzmlOptions m_options;
