@@ -15,8 +15,10 @@ constexpr int32_t kMaxMatch = 258;
 constexpr int kHashBits = 14;
 constexpr std::size_t kStoredBlockMax = 65535;
 // Input per block: each block gets codes of its own, and the symbols of one block
-// wait in the scratch, so a long array costs no more memory than this.
-constexpr std::size_t kBlockInput = std::size_t{1} << 18;
+// wait in the scratch, so a long array costs no more memory than this. Whole
+// stored blocks, so that a long array that does not shrink costs no more
+// stored-block headers than if it were stored in one piece.
+constexpr std::size_t kBlockInput = 4 * kStoredBlockMax;
 constexpr int kLiteralLengthSymbols = 286;
 constexpr int kDistanceSymbols = 30;
 constexpr int kCodeLengthSymbols = 19;
@@ -636,9 +638,8 @@ BlockStats byte_stats(const unsigned char* data, std::size_t size) {
 }
 
 bool worth_coding(const BlockStats& bytes, std::size_t size) {
-    return estimated_bits(bytes) <
-           std::min(kWorthwhileShare * static_cast<double>(8 * size),
-                    static_cast<double>(8 * size) - kWorthwhileBits);
+    return estimated_bits(bytes) < std::min(kWorthwhileShare * static_cast<double>(8 * size),
+                                            static_cast<double>(8 * size) - kWorthwhileBits);
 }
 
 // One block in whichever of the three forms is smallest; `put` sends its
