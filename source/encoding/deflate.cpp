@@ -466,7 +466,15 @@ void put_symbols(BitWriter& bits, const std::vector<uint32_t>& symbols, const Li
 template <typename LiteralCode>
 void put_literals(BitWriter& bits, const unsigned char* data, std::size_t size,
                   const LiteralCode& literal) {
-    for (std::size_t i = 0; i < size; ++i) {
+    std::size_t i = 0;
+    // Two codes of at most 15 bits at a time.
+    for (; i + 2 <= size; i += 2) {
+        const unsigned char a = data[i];
+        const unsigned char b = data[i + 1];
+        bits.put(literal.m_bits[a] | (uint32_t{literal.m_bits[b]} << literal.m_lengths[a]),
+                 literal.m_lengths[a] + literal.m_lengths[b]);
+    }
+    if (i < size) {
         bits.put(literal.m_bits[data[i]], literal.m_lengths[data[i]]);
     }
     bits.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
