@@ -18,32 +18,39 @@ namespace {
 constexpr std::size_t kCountField = 12;
 constexpr std::size_t kHashBufferSize = std::size_t{1} << 20;
 
+// What a character becomes in XML text, or nullptr when it stays as it is.
+const char* escape_of(char c) {
+    switch (c) {
+        case '&':
+            return "&amp;";
+        case '<':
+            return "&lt;";
+        case '>':
+            return "&gt;";
+        case '"':
+            return "&quot;";
+        case '\'':
+            return "&apos;";
+        default:
+            // Control characters other than tab, line feed and return have no
+            // place in XML 1.0, not even as references.
+            return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r'
+                       ? "?"
+                       : nullptr;
+    }
+}
+
+// Plain runs of the text go out whole.
 void append_escaped(std::string& out, const std::string& text) {
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&apos;";
-                break;
-            default:
-                // Control characters other than tab, line feed and return have
-                // no place in XML 1.0, not even as references.
-                out += (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r')
-                           ? '?'
-                           : c;
+    std::size_t plain_from = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (const char* escaped = escape_of(text[i])) {
+            out.append(text, plain_from, i - plain_from);
+            out += escaped;
+            plain_from = i + 1;
         }
     }
+    out.append(text, plain_from);
 }
 
 std::string number_text(double value) {
