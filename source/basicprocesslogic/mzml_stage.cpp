@@ -232,9 +232,10 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     MzmlRunInfo info;
     info.m_run_id = file.m_stem;
     info.m_software_version = KSIEVE_VERSION;
-    for (const std::string& path : {file.m_path, sibling_path(file, ".ms2")}) {
-        info.m_sources.push_back({path, file_sha1(path)});
-    }
+    const std::string ms2_path = sibling_path(file, ".ms2");
+    auto [ms1_sha1, ms2_sha1] = files_sha1(file.m_path, ms2_path);
+    info.m_sources.push_back({file.m_path, std::move(ms1_sha1)});
+    info.m_sources.push_back({ms2_path, std::move(ms2_sha1)});
     info.m_keys = keys_in_force(params);
     info.m_options = mzml_options(params);
     // The stage's own stream on the `.ms1` file, quiet: the pipeline's reader

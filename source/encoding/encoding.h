@@ -53,6 +53,10 @@ class Sha1 {
   public:
     explicit Sha1(Sha1Engine engine = Sha1Engine::kFastest);
     void update(const unsigned char* data, std::size_t size);
+    // The same as a.update(data_a, size) and b.update(data_b, size), in little
+    // more than the time of one where the processor's SHA instructions run.
+    static void update_both(Sha1& a, const unsigned char* data_a, Sha1& b,
+                            const unsigned char* data_b, std::size_t size);
     // The digest as 40 lower-case hexadecimal digits. Call once, after the last
     // update.
     std::string hex_digest();

@@ -141,6 +141,55 @@ KSIEVE_SHA1_TARGET void hardware_blocks(uint32_t* state, const unsigned char* da
     state[4] = static_cast<uint32_t>(_mm_extract_epi32(e_word, 3));
 }
 
+// Two digests, a block of each at a time, their groups of rounds taking turns:
+// each group waits on the one before, so the other digest's group fills the gap.
+struct HardwareLane {
+    __m128i m_abcd;
+    __m128i m_e_word;
+    __m128i m_e[2];
+    __m128i m_m[4];
+    const unsigned char* m_data;
+};
+
+template <int... Groups>
+KSIEVE_SHA1_TARGET inline void hardware_rounds_both(HardwareLane& a, HardwareLane& b,
+                                                    std::integer_sequence<int, Groups...>) {
+    ((hardware_group<Groups>(a.m_abcd, a.m_e, a.m_m, a.m_data),
+      hardware_group<Groups>(b.m_abcd, b.m_e, b.m_m, b.m_data)),
+     ...);
+}
+
+KSIEVE_SHA1_TARGET void hardware_blocks_both(uint32_t* state_a, const unsigned char* data_a,
+                                             uint32_t* state_b, const unsigned char* data_b,
+                                             std::size_t blocks) {
+    HardwareLane lanes[2];
+    uint32_t* states[2] = {state_a, state_b};
+    lanes[0].m_data = data_a;
+    lanes[1].m_data = data_b;
+    for (int i = 0; i < 2; ++i) {
+        lanes[i].m_abcd =
+            _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(states[i])), 0x1B);
+        lanes[i].m_e_word = _mm_set_epi32(static_cast<int>(states[i][4]), 0, 0, 0);
+    }
+    for (; blocks > 0; --blocks) {
+        const __m128i abcd_before[2] = {lanes[0].m_abcd, lanes[1].m_abcd};
+        for (HardwareLane& lane : lanes) {
+            lane.m_e[0] = lane.m_e[1] = lane.m_e_word;
+        }
+        hardware_rounds_both(lanes[0], lanes[1], std::make_integer_sequence<int, 20>());
+        for (int i = 0; i < 2; ++i) {
+            lanes[i].m_e_word = _mm_sha1nexte_epu32(lanes[i].m_e[0], lanes[i].m_e_word);
+            lanes[i].m_abcd = _mm_add_epi32(lanes[i].m_abcd, abcd_before[i]);
+            lanes[i].m_data += kBlock;
+        }
+    }
+    for (int i = 0; i < 2; ++i) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(states[i]),
+                         _mm_shuffle_epi32(lanes[i].m_abcd, 0x1B));
+        states[i][4] = static_cast<uint32_t>(_mm_extract_epi32(lanes[i].m_e_word, 3));
+    }
+}
+
 bool has_hardware_sha1() {
     __builtin_cpu_init();
     return __builtin_cpu_supports("sha") && __builtin_cpu_supports("ssse3") &&
@@ -155,6 +204,12 @@ bool has_hardware_sha1() {
 
 void hardware_blocks(uint32_t* state, const unsigned char* data, std::size_t blocks) {
     portable_blocks(state, data, blocks);
+}
+
+void hardware_blocks_both(uint32_t* state_a, const unsigned char* data_a, uint32_t* state_b,
+                          const unsigned char* data_b, std::size_t blocks) {
+    portable_blocks(state_a, data_a, blocks);
+    portable_blocks(state_b, data_b, blocks);
 }
 
 #endif
@@ -197,6 +252,22 @@ void Sha1::update(const unsigned char* data, std::size_t size) {
     size %= kBlock;
     std::memcpy(m_block.data(), data, size);
     m_block_used = size;
+}
+
+void Sha1::update_both(Sha1& a, const unsigned char* data_a, Sha1& b, const unsigned char* data_b,
+                       std::size_t size) {
+    const std::size_t blocks = size / kBlock;
+    if (!a.m_hardware || !b.m_hardware || a.m_block_used != 0 || b.m_block_used != 0 ||
+        blocks == 0) {
+        a.update(data_a, size);
+        b.update(data_b, size);
+        return;
+    }
+    hardware_blocks_both(a.m_state.data(), data_a, b.m_state.data(), data_b, blocks);
+    a.m_total_bytes += blocks * kBlock;
+    b.m_total_bytes += blocks * kBlock;
+    a.update(data_a + blocks * kBlock, size % kBlock);
+    b.update(data_b + blocks * kBlock, size % kBlock);
 }
 
 std::string Sha1::hex_digest() {

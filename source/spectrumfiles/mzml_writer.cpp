@@ -343,16 +343,37 @@ std::pair<std::string, std::string> native_id_format(const std::string& native_i
     return {"MS:1000824", "no nativeID format"};
 }
 
-std::string file_sha1(const std::string& path) {
-    std::FILE* stream = open_file(path, "rb", "");
-    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(kHashBufferSize);
-    Sha1 sha1;
-    std::size_t got = 0;
-    while ((got = std::fread(buffer.get(), 1, kHashBufferSize, stream)) > 0) {
-        sha1.update(buffer.get(), got);
+std::pair<std::string, std::string> files_sha1(const std::string& first,
+                                               const std::string& second) {
+    std::FILE* streams[2] = {open_file(first, "rb", ""), nullptr};
+    try {
+        streams[1] = open_file(second, "rb", "");
+    } catch (...) {
+        std::fclose(streams[0]);
+        throw;
     }
-    std::fclose(stream);
-    return sha1.hex_digest();
+    const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(2 * kHashBufferSize);
+    unsigned char* data[2] = {buffer.get(), buffer.get() + kHashBufferSize};
+    Sha1 sha1[2];
+    while (true) {
+        std::size_t got[2];
+        for (int i = 0; i < 2; ++i) {
+            got[i] = std::fread(data[i], 1, kHashBufferSize, streams[i]);
+        }
+        if (got[0] == 0 && got[1] == 0) {
+            break;
+        }
+        // Side by side while both files last, then each alone.
+        const std::size_t both = std::min(got[0], got[1]);
+        Sha1::update_both(sha1[0], data[0], sha1[1], data[1], both);
+        for (int i = 0; i < 2; ++i) {
+            sha1[i].update(data[i] + both, got[i] - both);
+        }
+    }
+    for (std::FILE* stream : streams) {
+        std::fclose(stream);
+    }
+    return {sha1[0].hex_digest(), sha1[1].hex_digest()};
 }
 
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,

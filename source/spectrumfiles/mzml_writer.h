@@ -116,8 +116,9 @@ struct MzmlFile {
     ~MzmlFile();
 };
 
-// SHA-1 of a whole file. Throws the open_file message when it cannot be read.
-std::string file_sha1(const std::string& path);
+// SHA-1 of two whole files (the input pair), read side by side. Throws the
+// open_file message of the first that cannot be read.
+std::pair<std::string, std::string> files_sha1(const std::string& first, const std::string& second);
 
 // Opens <path>_unfinished (logging "Start to process <path>") and writes the
 // header up to the opening of the spectrum list.

@@ -306,6 +306,41 @@ TEST(Sha1, StandardVectorsInAnyPiecesByEitherEngine) {
     }
 }
 
+// Two digests fed side by side, in pieces of every awkward size and after one
+// message has ended, come out as each fed alone, whichever engines they run on.
+TEST(Sha1, BothSideBySideGiveEachOnesDigest) {
+    std::mt19937 random(3);
+    std::string first(70000, '\0');
+    std::string second(50001, '\0');
+    for (std::string* text : {&first, &second}) {
+        for (char& byte : *text) {
+            byte = static_cast<char>(random());
+        }
+    }
+    const auto bytes = [](const std::string& text, std::size_t at) {
+        return reinterpret_cast<const unsigned char*>(text.data()) + at;
+    };
+    const std::pair<Sha1Engine, Sha1Engine> engine_pairs[] = {
+        {Sha1Engine::kFastest, Sha1Engine::kFastest},
+        {Sha1Engine::kPortable, Sha1Engine::kFastest},
+        {Sha1Engine::kPortable, Sha1Engine::kPortable}};
+    for (const auto& [engine_a, engine_b] : engine_pairs) {
+        for (const std::size_t piece : {std::size_t{1}, std::size_t{63}, std::size_t{64},
+                                        std::size_t{1000}, std::size_t{4096}, std::size_t{70000}}) {
+            Sha1 a(engine_a);
+            Sha1 b(engine_b);
+            std::size_t at = 0;
+            for (; at < second.size(); at += piece) {
+                const std::size_t size = std::min(piece, second.size() - at);
+                Sha1::update_both(a, bytes(first, at), b, bytes(second, at), size);
+            }
+            a.update(bytes(first, second.size()), first.size() - second.size());
+            EXPECT_EQ(a.hex_digest(), sha1_of(first, 1 << 20, Sha1Engine::kPortable)) << piece;
+            EXPECT_EQ(b.hex_digest(), sha1_of(second, 1 << 20, Sha1Engine::kPortable)) << piece;
+        }
+    }
+}
+
 // Both engines agree on every length around the block and padding boundaries,
 // over bytes that exercise every bit of the message schedule.
 TEST(Sha1, EnginesAgreeOnRandomBytesOfEveryLength) {
