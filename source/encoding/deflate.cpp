@@ -262,9 +262,13 @@ void build_lengths(const std::array<uint32_t, Symbols>& counts, int limit,
     }
 }
 
+// A slot of the match finder's tables for up to four bytes.
+uint32_t hash_slot(uint32_t bytes) {
+    return (bytes * 0x9E3779B1U) >> (32 - kHashBits);
+}
+
 uint32_t hash3(const unsigned char* p) {
-    const uint32_t v = uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16);
-    return (v * 0x9E3779B1U) >> (32 - kHashBits);
+    return hash_slot(uint32_t{p[0]} | (uint32_t{p[1]} << 8) | (uint32_t{p[2]} << 16));
 }
 
 // How many leading bytes of `a` and `b` agree, up to `limit`.
@@ -612,7 +616,7 @@ bool words_repeat(const unsigned char* data, int32_t from, int32_t to, DeflateSc
     std::size_t repeats = 0;
     for (int32_t pos = from; pos + 4 <= to; pos += 4) {
         const uint32_t word = load32(data + pos);
-        uint32_t& slot = seen[(word * 0x9E3779B1U) >> (32 - kHashBits)];
+        uint32_t& slot = seen[hash_slot(word)];
         const uint32_t stored = slot;
         slot = base + static_cast<uint32_t>(pos) + 1;
         const int32_t earlier = static_cast<int32_t>(stored - base) - 1;
