@@ -28,10 +28,13 @@ struct DeflateScratch {
 
 // Appends to `out` a complete zlib stream of `size` bytes at `data`, which any
 // inflater (zlib's `uncompress`, Python's `zlib.decompress`) returns exactly.
-// Matches are found with one probe per position over a 32 KiB window, greedily;
-// each block of up to 256 KiB is then sent with codes fitted to it, with the
-// fixed codes or stored, whichever is smallest, so the stream is never more than
-// 11 bytes plus 5 bytes per 65535 longer than the input.
+// The input goes in blocks of four times 65535 bytes. A block whose bytes alone
+// could not be coded 3 % and 64 bytes smaller is stored; one where whole
+// four-byte words repeat is searched for matches, with one probe per position
+// over a 32 KiB window, greedily; any other is coded as literals. Each block is
+// sent with codes fitted to it, with the fixed codes or stored, whichever is
+// smallest, so the stream is never more than 11 bytes plus 5 bytes per 65535
+// longer than the input.
 void zlib_compress(const unsigned char* data, std::size_t size, std::string& out,
                    DeflateScratch& scratch);
 
