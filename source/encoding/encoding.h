@@ -28,8 +28,8 @@ struct DeflateScratch {
 
 // Appends to `out` a complete zlib stream of `size` bytes at `data`, which any
 // inflater (zlib's `uncompress`, Python's `zlib.decompress`) returns exactly.
-// The input goes in blocks of four times 65535 bytes. A block whose bytes alone
-// could not be coded 3 % and 64 bytes smaller is stored; one where whole
+// The input goes in blocks of four times 65535 bytes. A block whose byte counts
+// promise codes less than 3 % and 64 bytes smaller is stored; one where whole
 // four-byte words repeat is searched for matches, with one probe per position
 // over a 32 KiB window, greedily; any other is coded as literals. Each block is
 // sent with codes fitted to it, with the fixed codes or stored, whichever is
