@@ -14,6 +14,8 @@ sys.path.insert(0, str(ROOT / "workflow" / "scripts"))
 
 import calibration  # noqa: E402
 import rescore  # noqa: E402
+import run_page  # noqa: E402
+import run_table  # noqa: E402
 import search  # noqa: E402
 from qvalues import Psm  # noqa: E402
 
@@ -96,6 +98,24 @@ class MovedSpectra(unittest.TestCase):
         self.assertEqual(moved_ms2[3:5], ["Z\t2\t" + calibration.corrected("960.48522", 10.0),
                                           "Z\t3\t" + calibration.corrected("1440.72420", 10.0)])
         self.assertEqual(len(moved_ms2), len(ms2.splitlines()))
+
+
+class Report(unittest.TestCase):
+    def test_the_run_page_shows_each_sides_offset_only_when_calibrated(self):
+        with tempfile.TemporaryDirectory() as work:
+            hits = [Path(work) / "declared.idXML", Path(work) / "ksieve.idXML"]
+            args = type("Args", (), {"hits": [str(h) for h in hits]})
+            self.assertIsNone(run_table.calibrations(args))
+            (Path(work) / "declared_calibration.json").write_text(
+                '{"offset_ppm": -1.7852, "psms": 57, "first_search_tolerance_ppm": 30.0}')
+            (Path(work) / "ksieve_calibration.json").write_text(
+                '{"offset_ppm": null, "psms": 12, "first_search_tolerance_ppm": 30.0}')
+            found = run_table.calibrations(args)
+        self.assertEqual(run_page.calibration_section(None), "")
+        page = run_page.calibration_section(found)
+        self.assertEqual(re.findall(r"<tr><td>([^<]*)</td><td class=n>([^<]*)</td>"
+                                    r"<td class=n>([^<]*)</td>", page),
+                         [("declared", "-1.79", "57"), ("kSieve", "none: too few PSMs", "12")])
 
 
 def fragments(sequence):
