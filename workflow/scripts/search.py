@@ -120,14 +120,15 @@ def search_inputs(args, work):
     return pairs
 
 
-def comet_search(args, settings, inputs, folder, log):
+def comet_search(args, settings, inputs, folder, work, log, label=""):
     """Comet on each (spectrum file, neutral name, analyzer) in `folder`, which holds the
-    database link; the hits of all inputs merged and indexed into folder/indexed.idXML."""
+    database link, with its parameter file at work/<label>comet_<analyzer>.params; the
+    hits of all inputs merged and indexed into folder/indexed.idXML."""
     found = []
     for spectra, name, analyzer in inputs:
         link = folder / name
         link.symlink_to(Path(spectra).resolve())
-        params = folder / f"comet_{analyzer}.params"
+        params = work / f"{label}comet_{analyzer}.params"
         params.write_text(comet_parameters(args.template, settings, analyzer,
                                            "database.fasta", args.threads), encoding="utf-8")
         run_tool(["comet-ms", f"-P{params}", f"-N{link.stem}", name], log, cwd=folder)
@@ -159,7 +160,8 @@ def calibrated_inputs(args, settings, inputs, neutral, work, log):
     offset cannot be measured. The offset goes to <side>_calibration.json."""
     wide = dict(settings, comet=dict(settings["comet"], common=dict(
         settings["comet"]["common"], peptide_mass_tolerance=settings["calibration_tolerance"])))
-    hits = comet_search(args, wide, inputs, search_folder(neutral, args, "first"), log)
+    hits = comet_search(args, wide, inputs, search_folder(neutral, args, "first"), work, log,
+                        label="calibration_")
     psms = []
     if "<PeptideHit" in hits.read_text(encoding="utf-8", errors="replace"):
         psms = fdr.exported_hits(hits, work, log)
@@ -189,7 +191,8 @@ def search(args, log):
         inputs = search_inputs(args, work)
         if settings.get("calibration") and inputs:
             inputs = calibrated_inputs(args, settings, inputs, neutral, work, log)
-        hits = comet_search(args, settings, inputs, search_folder(neutral, args, "main"), log)
+        hits = comet_search(args, settings, inputs, search_folder(neutral, args, "main"), work,
+                            log)
         shutil.copyfile(hits, out)
     shutil.rmtree(work)
 
