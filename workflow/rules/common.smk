@@ -113,6 +113,7 @@ Path(OUT, "logs", "slurm").mkdir(parents=True, exist_ok=True)
 # What the stage scripts need to know of the configuration, as one file.
 SETTINGS = {key: config[key] for key in ("fdr", "enzyme", "decoy_prefix", "comet",
                                          "entrapment", "entrapment_prefix", "rescoring",
+                                         "calibration", "calibration_tolerance",
                                          "ksieve_options", "ksieve_preset",
                                          "ksieve_parameters", "ksieve_mzml",
                                          "ksieve_threads", "search_threads")}

@@ -25,6 +25,8 @@ one q-value.
 import re
 from dataclasses import dataclass
 
+from wfcommon import block_of
+
 PRIMARY = "primary"
 SECONDARY = "secondary"
 MODIFICATION = re.compile(r"\(.*?\)|\[.*?\]|\.")
@@ -53,15 +55,16 @@ def assign_groups(psms):
     """Marks each PSM primary or secondary; returns the PSMs that take part, primaries first.
 
     A secondary whose peptide is its scan's primary peptide is left out. Within a
-    scan, ties in score go to the block listed first, so the result does not
-    depend on the order of scans.
+    scan, ties in score go to the block of lowest index in its title (kSieve's
+    best rank), then to the block listed first: a search on several threads
+    writes a scan's blocks in no fixed order.
     """
     by_scan = {}
     for psm in psms:
         by_scan.setdefault(psm.scan, []).append(psm)
     primaries, secondaries = [], []
     for blocks in by_scan.values():
-        best = max(blocks, key=lambda p: p.score)
+        best = max(sorted(blocks, key=lambda p: block_of(p.spectrum)), key=lambda p: p.score)
         best.group = PRIMARY
         primaries.append(best)
         for other in blocks:

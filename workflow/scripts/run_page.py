@@ -78,9 +78,23 @@ def peptide_comparison(numbers):
     return (f"<h3>Peptides, kSieve against declared</h3>{table(['peptides', 'count'], rows)}"
             f"<h3>Precursor mass error of the accepted PSMs (ppm, after whole isotope steps)</h3>"
             f"{table(['side', 'median', 'quartiles', 'PSMs'], errors)}"
+            f"{calibration_section(numbers.get('calibration'))}"
             f"{rescoring_section(numbers)}"
             + (f"<h3>Entrapment FDP estimate by group</h3>"
                f"{table(['side', 'primary', 'secondary'], entrapment)}" if entrapment else ""))
+
+
+def calibration_section(calibration):
+    """The offset each side's precursors were moved by before the search; nothing when
+    the run was not calibrated."""
+    if not calibration:
+        return ""
+    rows = [[name, f"{c['offset_ppm']:.2f}" if c["offset_ppm"] is not None
+             else "none: too few PSMs", c["psms"], c["first_search_tolerance_ppm"]]
+            for name, c in (("declared", calibration.get("declared")),
+                            ("kSieve", calibration.get("ksieve"))) if c]
+    return ("<h3>Precursor calibration (offset taken off before the search, ppm)</h3>"
+            f"{table(['side', 'offset', 'PSMs it came from', 'first search (ppm)'], rows)}")
 
 
 def rescoring_section(numbers):

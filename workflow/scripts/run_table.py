@@ -165,6 +165,17 @@ def score_distributions(args, precursors):
                                       ("ksieve", args.hits[1], precursors))}
 
 
+def calibrations(args):
+    """Each side's precursor calibration (search.py writes it beside the side's hits with
+    `calibration: true`); None when the run was not calibrated."""
+    found = {}
+    for side, hits in zip(("declared", "ksieve"), args.hits or ()):
+        path = Path(hits).parent / f"{side}_calibration.json"
+        if path.is_file():
+            found[side] = read_json(path)
+    return found or None
+
+
 def ksieve_numbers(args):
     """kSieve's account, the keys in force and the time span, from the files beside its MGF."""
     folder = Path(args.table).parent
@@ -200,6 +211,7 @@ def main():
         "declared": side_numbers(*args.psms[0:2], args.entrapment, args.rescoring[0]),
         "ksieve": side_numbers(*args.psms[2:4], args.entrapment, args.rescoring[1]),
         "info": read_json(args.info),
+        "calibration": calibrations(args),
         **ksieve_numbers(args),
     }
     versions = {"kSieve": numbers["info"].get("ksieve_version", "unknown"),

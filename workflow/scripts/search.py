@@ -28,7 +28,9 @@ import tempfile
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from wfcommon import StageError, read_json, run_stage, run_tool, scan_of  # noqa: E402
+import calibration  # noqa: E402
+import fdr  # noqa: E402
+from wfcommon import StageError, read_json, run_stage, run_tool, scan_of, write_json  # noqa: E402
 
 
 def parse_args():
@@ -118,33 +120,80 @@ def search_inputs(args, work):
     return pairs
 
 
+def comet_search(args, settings, inputs, folder, work, log, label=""):
+    """Comet on each (spectrum file, neutral name, analyzer) in `folder`, which holds the
+    database link, with its parameter file at work/<label>comet_<analyzer>.params; the
+    hits of all inputs merged and indexed into folder/indexed.idXML."""
+    found = []
+    for spectra, name, analyzer in inputs:
+        link = folder / name
+        link.symlink_to(Path(spectra).resolve())
+        params = work / f"{label}comet_{analyzer}.params"
+        params.write_text(comet_parameters(args.template, settings, analyzer,
+                                           "database.fasta", args.threads), encoding="utf-8")
+        run_tool(["comet-ms", f"-P{params}", f"-N{link.stem}", name], log, cwd=folder)
+        run_tool(["IDFileConverter", "-in", folder / f"{link.stem}.pep.xml",
+                  "-out", folder / f"{link.stem}.idXML"], log)
+        found.append(folder / f"{link.stem}.idXML")
+    if not found:
+        raise StageError("no MS2 spectra to search: kSieve wrote no MS2 scan for this run")
+    merged = folder / "merged.idXML"
+    if len(found) == 1:
+        shutil.copyfile(found[0], merged)
+    else:
+        run_tool(["IDMerger", "-in", *found, "-out", merged], log)
+    index_hits(args, settings, merged, folder / "indexed.idXML", log)
+    return folder / "indexed.idXML"
+
+
+def search_folder(neutral, args, name):
+    """A fresh folder of the temporary one with a link to the database."""
+    folder = Path(neutral) / name
+    folder.mkdir()
+    (folder / "database.fasta").symlink_to(Path(args.database).resolve())
+    return folder
+
+
+def calibrated_inputs(args, settings, inputs, neutral, work, log):
+    """The inputs with their precursors moved by the side's offset, measured by a first
+    search at the calibration tolerance (calibration.py); the inputs themselves when the
+    offset cannot be measured. The offset goes to <side>_calibration.json."""
+    wide = dict(settings, comet=dict(settings["comet"], common=dict(
+        settings["comet"]["common"], peptide_mass_tolerance=settings["calibration_tolerance"])))
+    hits = comet_search(args, wide, inputs, search_folder(neutral, args, "first"), work, log,
+                        label="calibration_")
+    psms = []
+    if "<PeptideHit" in hits.read_text(encoding="utf-8", errors="replace"):
+        psms = fdr.exported_hits(hits, work, log)
+    offset, count = calibration.offset_ppm(psms, settings["fdr"])
+    write_json(Path(args.out).parent / f"{args.side}_calibration.json",
+               {"offset_ppm": offset, "psms": count,
+                "first_search_tolerance_ppm": settings["calibration_tolerance"]})
+    log.write(f"calibration: {count} confident PSMs at {settings['calibration_tolerance']} ppm, "
+              + (f"offset {offset:.3f} ppm taken off every precursor\n" if offset is not None
+                 else f"fewer than {calibration.MINIMUM_PSMS}: precursors searched as given\n"))
+    if offset is None:
+        return inputs
+    moved = []
+    for spectra, name, analyzer in inputs:
+        calibration.calibrate(spectra, work / f"calibrated_{name}", offset)
+        moved.append((work / f"calibrated_{name}", name, analyzer))
+    return moved
+
+
 def search(args, log):
     settings = read_json(args.settings)
     out = Path(args.out)
     work = out.parent / f"{args.side}_work"
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
-    found = []
     with tempfile.TemporaryDirectory(prefix="ksieve_comet_") as neutral:
-        (Path(neutral) / "database.fasta").symlink_to(Path(args.database).resolve())
-        for spectra, name, analyzer in search_inputs(args, work):
-            link = Path(neutral) / name
-            link.symlink_to(spectra)
-            params = work / f"comet_{analyzer}.params"
-            params.write_text(comet_parameters(args.template, settings, analyzer,
-                                               "database.fasta", args.threads), encoding="utf-8")
-            run_tool(["comet-ms", f"-P{params}", f"-N{link.stem}", name], log, cwd=neutral)
-            run_tool(["IDFileConverter", "-in", Path(neutral) / f"{link.stem}.pep.xml",
-                      "-out", work / f"{link.stem}.idXML"], log)
-            found.append(work / f"{link.stem}.idXML")
-    if not found:
-        raise StageError("no MS2 spectra to search: kSieve wrote no MS2 scan for this run")
-    merged = work / "merged.idXML"
-    if len(found) == 1:
-        shutil.copyfile(found[0], merged)
-    else:
-        run_tool(["IDMerger", "-in", *found, "-out", merged], log)
-    index_hits(args, settings, merged, out, log)
+        inputs = search_inputs(args, work)
+        if settings.get("calibration") and inputs:
+            inputs = calibrated_inputs(args, settings, inputs, neutral, work, log)
+        hits = comet_search(args, settings, inputs, search_folder(neutral, args, "main"), work,
+                            log)
+        shutil.copyfile(hits, out)
     shutil.rmtree(work)
 
 

@@ -65,6 +65,13 @@ def scan_of(spectrum_reference):
     return int(match.group(1)) if match else None
 
 
+def block_of(spectrum_reference):
+    """Index of a kSieve MGF block among its scan's blocks (0, its best rank, for a
+    spectrum identity without one)."""
+    match = SPECTRUM_ID.search(spectrum_reference)
+    return int(match.group(4)) if match and match.group(4) else 0
+
+
 def failure_note(run_dir, stage):
     return Path(run_dir) / "failed" / f"{stage}.txt"
 
