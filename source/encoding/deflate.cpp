@@ -63,27 +63,29 @@ constexpr auto kDistanceCode = code_table<kWindow + 1>(kDistanceBase);
 
 // Bits go out least significant first, into room the caller has made in `out`
 // beyond `at`; Huffman codes are reversed before they are put, as deflate
-// sends them most significant bit first.
+// sends them most significant bit first. Every put stores the whole 64-bit
+// word and keeps its whole bytes, so the caller leaves kWriterRoom bytes beyond
+// the bits it will put.
+constexpr std::size_t kWriterRoom = 16;
 class BitWriter {
   public:
     BitWriter(std::string& out, std::size_t at) : m_out(out), m_at(at) {}
-    // At most 32 bits at a time.
-    void put(uint32_t bits, int count) {
-        m_bits |= static_cast<uint64_t>(bits) << m_count;
+    // At most 56 bits at a time: they go beside the up to seven bits that still
+    // wait for a whole byte.
+    void put(uint64_t bits, int count) {
+        m_bits |= bits << m_count;
         m_count += count;
-        if (m_count >= 32) {
-            char* o = m_out.data() + m_at;
-            if constexpr (std::endian::native == std::endian::little) {
-                std::memcpy(o, &m_bits, 4);
-            } else {
-                for (int i = 0; i < 4; ++i) {
-                    o[i] = static_cast<char>((m_bits >> (8 * i)) & 0xFF);
-                }
+        char* o = m_out.data() + m_at;
+        if constexpr (std::endian::native == std::endian::little) {
+            std::memcpy(o, &m_bits, 8);
+        } else {
+            for (int i = 0; i < 8; ++i) {
+                o[i] = static_cast<char>((m_bits >> (8 * i)) & 0xFF);
             }
-            m_at += 4;
-            m_bits >>= 32;
-            m_count -= 32;
         }
+        m_at += static_cast<std::size_t>(m_count >> 3);
+        m_bits >>= m_count & ~7;
+        m_count &= 7;
     }
     // Pads to a whole byte and returns where the next byte goes.
     std::size_t align() {
@@ -105,12 +107,13 @@ class BitWriter {
     int m_count = 0;
 };
 
+// The low `length` bits of `code` (at most 16) in reverse order.
 constexpr uint32_t reverse_bits(uint32_t code, int length) {
-    uint32_t reversed = 0;
-    for (int i = 0; i < length; ++i) {
-        reversed = (reversed << 1) | ((code >> i) & 1U);
-    }
-    return reversed;
+    code = ((code & 0x5555U) << 1) | ((code >> 1) & 0x5555U);
+    code = ((code & 0x3333U) << 2) | ((code >> 2) & 0x3333U);
+    code = ((code & 0x0F0FU) << 4) | ((code >> 4) & 0x0F0FU);
+    code = ((code & 0x00FFU) << 8) | ((code >> 8) & 0x00FFU);
+    return code >> (16 - length);
 }
 
 // One Huffman code: by symbol, its bits (reversed, ready to put) and length.
@@ -466,20 +469,58 @@ void put_symbols(BitWriter& bits, const std::vector<uint32_t>& symbols, const Li
     bits.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
 }
 
-// A block of literals alone, straight from its bytes.
+// Each byte's code above its length, so that one load gives both.
+using PackedCodes = std::array<uint32_t, 256>;
+
+// Two bytes' codes joined: the bits, and their number in the low byte.
+struct JoinedCodes {
+    uint64_t m_bits;
+    int m_count;
+};
+
+JoinedCodes join_pair(const PackedCodes& packed, const unsigned char* data) {
+    const uint32_t first = packed[data[0]];
+    const uint32_t second = packed[data[1]];
+    return {(uint64_t{first >> 8}) | (uint64_t{second >> 8} << (first & 0xFF)),
+            static_cast<int>((first & 0xFF) + (second & 0xFF))};
+}
+
+// Four bytes' codes at once, joined as two pairs that do not wait on each other.
+void put_four(BitWriter& bits, const PackedCodes& packed, const unsigned char* data) {
+    const JoinedCodes low = join_pair(packed, data);
+    const JoinedCodes high = join_pair(packed, data + 2);
+    bits.put(low.m_bits | (high.m_bits << low.m_count), low.m_count + high.m_count);
+}
+
+void put_three(BitWriter& bits, const PackedCodes& packed, const unsigned char* data) {
+    const JoinedCodes low = join_pair(packed, data);
+    const uint32_t last = packed[data[2]];
+    bits.put(low.m_bits | (uint64_t{last >> 8} << low.m_count),
+             low.m_count + static_cast<int>(last & 0xFF));
+}
+
+// A block of literals alone, straight from its bytes: four codes at a time
+// when none is longer than 14 bits, else three (codes reach 15 bits).
 template <typename LiteralCode>
 void put_literals(BitWriter& bits, const unsigned char* data, std::size_t size,
                   const LiteralCode& literal) {
-    std::size_t i = 0;
-    // Two codes of at most 15 bits at a time.
-    for (; i + 2 <= size; i += 2) {
-        const unsigned char a = data[i];
-        const unsigned char b = data[i + 1];
-        bits.put(literal.m_bits[a] | (uint32_t{literal.m_bits[b]} << literal.m_lengths[a]),
-                 literal.m_lengths[a] + literal.m_lengths[b]);
+    PackedCodes packed;
+    int longest = 0;
+    for (std::size_t b = 0; b < packed.size(); ++b) {
+        packed[b] = (uint32_t{literal.m_bits[b]} << 8) | literal.m_lengths[b];
+        longest = std::max<int>(longest, literal.m_lengths[b]);
     }
-    if (i < size) {
-        bits.put(literal.m_bits[data[i]], literal.m_lengths[data[i]]);
+    std::size_t i = 0;
+    if (longest <= 14) {
+        for (; i + 4 <= size; i += 4) {
+            put_four(bits, packed, data + i);
+        }
+    }
+    for (; i + 3 <= size; i += 3) {
+        put_three(bits, packed, data + i);
+    }
+    for (; i < size; ++i) {
+        bits.put(packed[data[i]] >> 8, static_cast<int>(packed[data[i]] & 0xFF));
     }
     bits.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
 }
@@ -670,7 +711,7 @@ void put_block(BitWriter& bits, std::string& out, const unsigned char* block, st
             3 + dynamic.m_bits + symbol_bits(stats, dynamic.m_literal, dynamic.m_distance);
         best = std::min(best, dynamic_bits);
     }
-    out.resize(out.size() + best / 8 + 8);
+    out.resize(out.size() + best / 8 + kWriterRoom);
     if (best == stored) {
         put_stored(bits, out, block, size, final);
     } else if (best == fixed_bits) {
@@ -703,7 +744,7 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
         const auto length = static_cast<std::size_t>(target - pos);
         const BlockStats bytes = byte_stats(data + pos, length);
         if (!worth_coding(bytes, length)) {
-            out.resize(out.size() + stored_bits(length) / 8 + 8);
+            out.resize(out.size() + stored_bits(length) / 8 + kWriterRoom);
             put_stored(bits, out, data + pos, length, target == total);
             pos = target;
             continue;
@@ -732,7 +773,7 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
 
 void stored_only(const unsigned char* data, std::size_t size, std::string& out) {
     BitWriter bits(out, out.size());
-    out.resize(out.size() + stored_bits(size) / 8 + 8);
+    out.resize(out.size() + stored_bits(size) / 8 + kWriterRoom);
     put_stored(bits, out, data, size, true);
     out.resize(bits.align());
 }

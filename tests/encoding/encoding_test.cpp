@@ -2,6 +2,7 @@
 #include <zlib.h>
 
 #include <array>
+#include <bit>
 #include <cstring>
 #include <random>
 #include <string>
@@ -154,9 +155,9 @@ TEST(ZlibCompress, EveryKindOfBlockInflatesBackAtItsEdges) {
     for (const auto* source :
          std::array<const std::vector<unsigned char>*, 3>{&mz, &repeats, &noise}) {
         for (const std::size_t size :
-             {std::size_t{1}, std::size_t{3}, std::size_t{4}, std::size_t{5}, std::size_t{63},
-              std::size_t{64}, std::size_t{65}, std::size_t{4096}, kBlock - 1, kBlock, kBlock + 1,
-              kBlock + 5}) {
+             {std::size_t{0}, std::size_t{1}, std::size_t{3}, std::size_t{4}, std::size_t{5},
+              std::size_t{7}, std::size_t{8}, std::size_t{9}, std::size_t{63}, std::size_t{64},
+              std::size_t{65}, std::size_t{4096}, kBlock - 1, kBlock, kBlock + 1, kBlock + 5}) {
             const std::vector<unsigned char> input(source->begin(),
                                                    source->begin() + static_cast<long>(size));
             expect_round_trip(input, scratch);
@@ -172,6 +173,114 @@ TEST(ZlibCompress, EveryKindOfBlockInflatesBackAtItsEdges) {
     switching.insert(switching.end(), repeats.begin(), repeats.begin() + kBlock);
     switching.insert(switching.end(), noise.begin(), noise.begin() + 5000);
     expect_round_trip(switching, scratch);
+}
+
+// Bytes coded alone, with no aligned word repeated within the window: the low
+// two bytes of each word count up, the high two are drawn from 0 to `rarest`,
+// each value half as often as the one before, so that the rarest ones get the
+// longest codes.
+std::vector<unsigned char> skewed_words(std::mt19937& random, std::size_t size, int rarest) {
+    std::vector<unsigned char> bytes(size);
+    std::uniform_int_distribution<uint32_t> bits(0, (1U << rarest) - 1);
+    const auto draw = [&] {
+        return static_cast<unsigned char>(std::min(rarest, std::countr_one(bits(random))));
+    };
+    for (std::size_t i = 0; i < size; ++i) {
+        const std::size_t word = i / 4;
+        switch (i % 4) {
+            case 0:
+                bytes[i] = static_cast<unsigned char>(128 + word % 128);
+                break;
+            case 1:
+                bytes[i] = static_cast<unsigned char>(128 + (word / 128) % 128);
+                break;
+            default:
+                bytes[i] = draw();
+        }
+    }
+    return bytes;
+}
+
+// Reads a stream's bits as an inflater does, least significant first.
+struct BitReader {
+    const std::string& m_stream;
+    std::size_t m_at = 16;  // after the zlib header
+    uint32_t take(int count) {
+        uint32_t value = 0;
+        for (int i = 0; i < count; ++i, ++m_at) {
+            value |= ((static_cast<unsigned char>(m_stream.at(m_at / 8)) >> (m_at % 8)) & 1U) << i;
+        }
+        return value;
+    }
+};
+
+// One symbol of a canonical code given by its lengths, read a bit at a time.
+uint32_t decode_symbol(BitReader& bits, const std::vector<int>& lengths) {
+    uint32_t code = 0;
+    uint32_t first = 0;
+    for (int length = 1; length <= 15; ++length) {
+        code |= bits.take(1);
+        for (std::size_t symbol = 0; symbol < lengths.size(); ++symbol) {
+            if (lengths[symbol] == length && code == first++) {
+                return static_cast<uint32_t>(symbol);
+            }
+        }
+        first <<= 1;
+        code <<= 1;
+    }
+    ADD_FAILURE() << "no symbol";
+    return 0;
+}
+
+// The longest literal code of the stream's first block, which has fitted codes.
+int longest_literal_code(const std::string& stream) {
+    BitReader bits{stream};
+    EXPECT_EQ(bits.take(3) >> 1, 2U);
+    const uint32_t literals = bits.take(5) + 257;
+    bits.take(5);
+    const uint32_t sent = bits.take(4) + 4;
+    constexpr std::array<int, 19> kOrder = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
+                                            11, 4,  12, 3, 13, 2, 14, 1, 15};
+    std::vector<int> code_lengths(19, 0);
+    for (uint32_t i = 0; i < sent; ++i) {
+        code_lengths[static_cast<std::size_t>(kOrder[i])] = static_cast<int>(bits.take(3));
+    }
+    int longest = 0;
+    for (uint32_t done = 0; done < literals;) {
+        const uint32_t symbol = decode_symbol(bits, code_lengths);
+        if (symbol < 16) {
+            longest = std::max(longest, static_cast<int>(symbol));
+            ++done;
+        } else {
+            done += symbol == 16   ? 3 + bits.take(2)
+                    : symbol == 17 ? 3 + bits.take(3)
+                                   : 11 + bits.take(7);
+        }
+    }
+    return longest;
+}
+
+// Bytes coded alone go out several codes at a time: every count of bytes left
+// over at the block's end, with codes short enough for four at a time and with
+// codes that reach the fifteen bits deflate allows, in blocks that end mid-byte.
+TEST(ZlibCompress, LiteralBlocksInflateBackWithCodesOfEveryLength) {
+    constexpr std::size_t kBlock = 4 * 65535;
+    DeflateScratch scratch;
+    std::mt19937 random(13);
+    for (const int rarest : {6, 15}) {
+        const std::vector<unsigned char> words = skewed_words(random, 2 * kBlock + 64, rarest);
+        const std::string whole = compressed(words);
+        EXPECT_EQ(first_block_kind(whole), 2);
+        EXPECT_LT(whole.size(), words.size() * 3 / 4);
+        EXPECT_EQ(longest_literal_code(whole) == 15, rarest == 15);
+        for (std::size_t size = 2048; size < 2048 + 12; ++size) {
+            expect_round_trip({words.begin(), words.begin() + static_cast<long>(size)}, scratch);
+        }
+        for (const std::size_t size :
+             {kBlock - 1, kBlock, kBlock + 1, kBlock + 4096 + 7, 2 * kBlock + 64}) {
+            expect_round_trip({words.begin(), words.begin() + static_cast<long>(size)}, scratch);
+        }
+    }
 }
 
 std::size_t zlib_size(const std::vector<unsigned char>& input, int strategy) {
