@@ -67,25 +67,46 @@ constexpr auto kDistanceCode = code_table<kWindow + 1>(kDistanceBase);
 // word and keeps its whole bytes, so the caller leaves kWriterRoom bytes beyond
 // the bits it will put.
 constexpr std::size_t kWriterRoom = 16;
-class BitWriter {
-  public:
-    BitWriter(std::string& out, std::size_t at) : m_out(out), m_at(at) {}
+
+// Where the bits go and those that wait for a whole byte: a loop that puts many
+// codes keeps a copy of its own, so that the word stays in a register while
+// bytes are stored.
+struct BitCursor {
+    char* m_at;
+    uint64_t m_bits;
+    int m_count;
     // At most 56 bits at a time: they go beside the up to seven bits that still
     // wait for a whole byte.
     void put(uint64_t bits, int count) {
         m_bits |= bits << m_count;
         m_count += count;
-        char* o = m_out.data() + m_at;
         if constexpr (std::endian::native == std::endian::little) {
-            std::memcpy(o, &m_bits, 8);
+            std::memcpy(m_at, &m_bits, 8);
         } else {
             for (int i = 0; i < 8; ++i) {
-                o[i] = static_cast<char>((m_bits >> (8 * i)) & 0xFF);
+                m_at[i] = static_cast<char>((m_bits >> (8 * i)) & 0xFF);
             }
         }
-        m_at += static_cast<std::size_t>(m_count >> 3);
+        m_at += m_count >> 3;
         m_bits >>= m_count & ~7;
         m_count &= 7;
+    }
+};
+
+class BitWriter {
+  public:
+    BitWriter(std::string& out, std::size_t at) : m_out(out), m_at(at) {}
+    void put(uint64_t bits, int count) {
+        BitCursor here = cursor();
+        here.put(bits, count);
+        resume(here);
+    }
+    // Valid until `out` is resized.
+    BitCursor cursor() { return {m_out.data() + m_at, m_bits, m_count}; }
+    void resume(const BitCursor& here) {
+        m_at = static_cast<std::size_t>(here.m_at - m_out.data());
+        m_bits = here.m_bits;
+        m_count = here.m_count;
     }
     // Pads to a whole byte and returns where the next byte goes.
     std::size_t align() {
@@ -486,13 +507,13 @@ JoinedCodes join_pair(const PackedCodes& packed, const unsigned char* data) {
 }
 
 // Four bytes' codes at once, joined as two pairs that do not wait on each other.
-void put_four(BitWriter& bits, const PackedCodes& packed, const unsigned char* data) {
+void put_four(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
     const JoinedCodes low = join_pair(packed, data);
     const JoinedCodes high = join_pair(packed, data + 2);
     bits.put(low.m_bits | (high.m_bits << low.m_count), low.m_count + high.m_count);
 }
 
-void put_three(BitWriter& bits, const PackedCodes& packed, const unsigned char* data) {
+void put_three(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
     const JoinedCodes low = join_pair(packed, data);
     const uint32_t last = packed[data[2]];
     bits.put(low.m_bits | (uint64_t{last >> 8} << low.m_count),
@@ -510,19 +531,21 @@ void put_literals(BitWriter& bits, const unsigned char* data, std::size_t size,
         packed[b] = (uint32_t{literal.m_bits[b]} << 8) | literal.m_lengths[b];
         longest = std::max<int>(longest, literal.m_lengths[b]);
     }
+    BitCursor here = bits.cursor();
     std::size_t i = 0;
     if (longest <= 14) {
         for (; i + 4 <= size; i += 4) {
-            put_four(bits, packed, data + i);
+            put_four(here, packed, data + i);
         }
     }
     for (; i + 3 <= size; i += 3) {
-        put_three(bits, packed, data + i);
+        put_three(here, packed, data + i);
     }
     for (; i < size; ++i) {
-        bits.put(packed[data[i]] >> 8, static_cast<int>(packed[data[i]] & 0xFF));
+        here.put(packed[data[i]] >> 8, static_cast<int>(packed[data[i]] & 0xFF));
     }
-    bits.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
+    here.put(literal.m_bits[kEndOfBlock], literal.m_lengths[kEndOfBlock]);
+    bits.resume(here);
 }
 
 void put_dynamic_header(BitWriter& bits, const DynamicHeader& header) {
