@@ -493,7 +493,7 @@ void put_symbols(BitWriter& bits, const std::vector<uint32_t>& symbols, const Li
 // Each byte's code above its length, so that one load gives both.
 using PackedCodes = std::array<uint32_t, 256>;
 
-// Two bytes' codes joined: the bits, and their number in the low byte.
+// Two bytes' codes joined, and how many bits they take.
 struct JoinedCodes {
     uint64_t m_bits;
     int m_count;
