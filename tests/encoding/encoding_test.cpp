@@ -79,10 +79,12 @@ TEST(ZlibCompress, ZlibInflatesEveryStreamBackExactly) {
     expect_round_trip(noise, scratch);
     // Blocks of different kinds in one stream: coded blocks end mid-byte, and
     // the stored block after one must start on a byte of its own.
-    std::vector<unsigned char> mixed(70000, 9);
-    mixed.insert(mixed.end(), noise.begin(), noise.end());
-    mixed.insert(mixed.end(), noise.begin(), noise.end());
     const std::vector<unsigned char> levels = peak_bytes(random, 40000, false);
+    std::vector<unsigned char> mixed;
+    mixed.reserve(70000 + 2 * noise.size() + levels.size());
+    mixed.assign(70000, 9);
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
+    mixed.insert(mixed.end(), noise.begin(), noise.end());
     mixed.insert(mixed.end(), levels.begin(), levels.end());
     expect_round_trip(mixed, scratch);
     // Repeats further apart than the window may not be referenced.
