@@ -18,13 +18,13 @@ import statistics
 
 import rescore
 from qvalues import PRIMARY, grouped_q_values
+from wfcommon import HYDROGEN, PROTON
 
 MINIMUM_PSMS = 20
 # OpenMS turns the neutral mass Comet reports back into an m/z with the hydrogen
 # atom's mass, not the proton's, so its m/z are one electron's mass above the
 # precursor m/z that was searched.
-HYDROGEN = 1.007825032
-REPORTED_SHIFT = HYDROGEN - rescore.PROTON
+REPORTED_SHIFT = HYDROGEN - PROTON
 NUMBER = re.compile(r"[0-9]+(?:\.([0-9]*))?")
 
 
@@ -49,8 +49,8 @@ def corrected(mass_text, offset):
     if not match:
         return mass_text
     decimals = len(match.group(1) or "")
-    per_charge = float(mass_text) - rescore.PROTON
-    return f"{rescore.PROTON + per_charge / (1 + offset * 1e-6):.{decimals}f}"
+    per_charge = float(mass_text) - PROTON
+    return f"{PROTON + per_charge / (1 + offset * 1e-6):.{decimals}f}"
 
 
 def calibrate_mgf(source, target, offset):

@@ -23,6 +23,7 @@ import re
 import numpy as np
 from sklearn.preprocessing import StandardScaler
 from sklearn.svm import LinearSVC
+from wfcommon import PROTON
 
 SEED = 19
 FOLDS = 3
@@ -32,7 +33,6 @@ MINIMUM_POSITIVES = 50  # scans below 1 % in a training set: with fewer, a model
 FALLBACK = (f"a fold's training set has fewer than {MINIMUM_POSITIVES} scans below 1 % FDR to "
             "learn from (or its model is no better than Comet's e-value): Comet's e-value "
             "ranks the PSMs")
-PROTON = 1.007276
 ISOTOPE_STEP = 1.003355  # daltons between isotope peaks of a peptide
 COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "abs_ppm_error",
                   "charge", "length", "missed_cleavages")

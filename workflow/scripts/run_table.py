@@ -17,9 +17,8 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import ksieve_account  # noqa: E402
 import mzqc  # noqa: E402
-from wfcommon import read_json, tool_version, write_json  # noqa: E402
+from wfcommon import PROTON, read_json, tool_version, write_json  # noqa: E402
 
-PROTON = 1.007276
 SHIFT_BIN = 0.02  # daltons: fine enough to part isotope steps (1.003 Da) from 1 Da, coarse enough to pool ppm noise
 Q_GRID = [i / 1000 for i in range(101)]  # 0 to 0.1 in steps of 0.001
 SHIFT_VIEW = 4.5  # daltons either side of the declared mass; shifts beyond are counted apart

@@ -13,6 +13,11 @@ import subprocess
 import sys
 from pathlib import Path
 
+# Masses in daltons: a proton, which turns neutral masses into m/z, and a
+# hydrogen atom, which OpenMS uses for the same (one electron heavier).
+PROTON = 1.007276
+HYDROGEN = 1.007825032
+
 # The title kSieve writes on each MGF block ends in .<scan>.<scan>.<charge>.<index>.dta;
 # Comet names a spectrum read from an .ms2 file <base>.<scan>.<scan>.<charge>.
 SPECTRUM_ID = re.compile(r"\.(\d+)\.(\d+)\.(-?\d+)(?:\.(\d+)\.dta)?$")
