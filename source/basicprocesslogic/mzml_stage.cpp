@@ -233,9 +233,11 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     info.m_run_id = file.m_stem;
     info.m_software_version = KSIEVE_VERSION;
     const std::string ms2_path = sibling_path(file, ".ms2");
-    auto [ms1_sha1, ms2_sha1] = files_sha1(file.m_path, ms2_path);
-    info.m_sources.push_back({file.m_path, std::move(ms1_sha1)});
-    info.m_sources.push_back({ms2_path, std::move(ms2_sha1)});
+    auto [ms1, ms2] = digest_inputs(file.m_path, ms2_path);
+    info.m_sources.push_back({file.m_path, std::move(ms1.m_sha1)});
+    info.m_sources.push_back({ms2_path, std::move(ms2.m_sha1)});
+    // Every survey scan is written, and nearly always every MS2 scan.
+    info.m_expected_spectra = ms1.m_scans + ms2.m_scans;
     info.m_keys = keys_in_force(params);
     info.m_options = mzml_options(params);
     // The stage's own stream on the `.ms1` file, quiet: the pipeline's reader
@@ -254,8 +256,9 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     const std::string& first_id = any ? stage.m_scan.m_native_id : "";
     info.m_options.m_native_ids = !first_id.empty();
     info.m_native_id_format = native_id_format(first_id);
-    open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
-    if (detection_threads(params) > 1) {
+    const bool threads = detection_threads(params) > 1;
+    open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info, threads);
+    if (threads) {
         stage.m_helper = std::make_unique<MzmlHelper>();
         stage.m_helper->m_thread = std::thread(encode_waiting, std::ref(stage));
     }

@@ -1,6 +1,7 @@
 #include <array>
 #include <bit>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -176,7 +177,7 @@ std::string header_text(const MzmlRunInfo& info) {
 }
 
 void write_text(MzmlFile& file, const char* data, std::size_t size) {
-    check_written(std::fwrite(data, 1, size, file.m_head.m_stream) == size, file.m_unfinished_path);
+    sink_write(file.m_sink, data, size);
     file.m_offset += static_cast<int64_t>(size);
 }
 
@@ -343,8 +344,28 @@ std::pair<std::string, std::string> native_id_format(const std::string& native_i
     return {"MS:1000824", "no nativeID format"};
 }
 
-std::pair<std::string, std::string> files_sha1(const std::string& first,
-                                               const std::string& second) {
+namespace {
+
+// Lines that open with "S" in `size` bytes, `before` being the byte before them
+// ('\n' at the start of a file).
+int64_t scan_lines(const unsigned char* data, std::size_t size, unsigned char& before) {
+    int64_t lines = 0;
+    const unsigned char* end = data + size;
+    for (const unsigned char* at = data;
+         (at = static_cast<const unsigned char*>(std::memchr(at, 'S', end - at))) != nullptr;
+         ++at) {
+        lines += (at == data ? before : at[-1]) == '\n' ? 1 : 0;
+    }
+    if (size > 0) {
+        before = end[-1];
+    }
+    return lines;
+}
+
+}  // namespace
+
+std::pair<InputDigest, InputDigest> digest_inputs(const std::string& first,
+                                                  const std::string& second) {
     std::FILE* streams[2] = {open_file(first, "rb", ""), nullptr};
     try {
         streams[1] = open_file(second, "rb", "");
@@ -355,10 +376,13 @@ std::pair<std::string, std::string> files_sha1(const std::string& first,
     const auto buffer = std::make_unique_for_overwrite<unsigned char[]>(2 * kHashBufferSize);
     unsigned char* data[2] = {buffer.get(), buffer.get() + kHashBufferSize};
     Sha1 sha1[2];
+    InputDigest digests[2];
+    unsigned char before[2] = {'\n', '\n'};
     while (true) {
         std::size_t got[2];
         for (int i = 0; i < 2; ++i) {
             got[i] = std::fread(data[i], 1, kHashBufferSize, streams[i]);
+            digests[i].m_scans += scan_lines(data[i], got[i], before[i]);
         }
         if (got[0] == 0 && got[1] == 0) {
             break;
@@ -370,10 +394,11 @@ std::pair<std::string, std::string> files_sha1(const std::string& first,
             sha1[i].update(data[i] + both, got[i] - both);
         }
     }
-    for (std::FILE* stream : streams) {
-        std::fclose(stream);
+    for (int i = 0; i < 2; ++i) {
+        std::fclose(streams[i]);
+        digests[i].m_sha1 = sha1[i].hex_digest();
     }
-    return {sha1[0].hex_digest(), sha1[1].hex_digest()};
+    return {std::move(digests[0]), std::move(digests[1])};
 }
 
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
@@ -400,22 +425,27 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
     text += "</binaryDataArrayList>\n</spectrum>\n";
 }
 
-void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info) {
+void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread) {
     file.m_unfinished_path = path + "_unfinished";
     file.m_options = info.m_options;
     file.m_offset = 0;
+    // A count the header's field could not hold is no guess worth making.
+    file.m_expected = info.m_expected_spectra <= INT32_MAX ? info.m_expected_spectra : -1;
     log_info("Start to process " + path);
     file.m_head.m_scan_count = 0;
     file.m_head.m_path = std::move(path);
     file.m_head.m_mode = "wb+";
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
-    file.m_buffer = std::make_unique_for_overwrite<char[]>(kReadBufferSize);
-    std::setvbuf(file.m_head.m_stream, file.m_buffer.get(), _IOFBF, kReadBufferSize);
+    // The sink gathers whole mebibytes; a buffer of the stream's own would only copy them.
+    std::setvbuf(file.m_head.m_stream, nullptr, _IONBF, 0);
+    start_sink(file.m_sink, file.m_head.m_stream, file.m_unfinished_path, writer_thread);
+    file.m_sink.m_hashing = file.m_expected >= 0;
     file.m_index = std::tmpfile();
     check_written(file.m_index != nullptr, file.m_unfinished_path + " (its index)");
     write_text(file, header_text(info));
     file.m_count_offset = file.m_offset;
-    write_text(file, count_field(0) + " defaultDataProcessingRef=\"kSieve_precursors\">\n");
+    write_text(file, count_field(std::max<int64_t>(file.m_expected, 0)) +
+                         " defaultDataProcessingRef=\"kSieve_precursors\">\n");
 }
 
 void write_mzml_spectrum(MzmlFile& file, const std::string& id, const std::string& text) {
@@ -444,14 +474,18 @@ void copy_index(MzmlFile& file, unsigned char* buffer) {
     file.m_index = nullptr;
 }
 
-// Fills in the spectrum count, then reads back everything written so far for the
-// checksum that closes the file.
+// The checksum of everything written so far: the one made as it was written
+// when the header's count was right from the start, else the count is filled in
+// and the file read back.
 std::string count_and_checksum(MzmlFile& file, unsigned char* buffer) {
+    std::string as_written = sink_digest(file.m_sink);
+    if (file.m_head.m_scan_count == file.m_expected) {
+        return as_written;
+    }
     std::FILE* stream = file.m_head.m_stream;
     const std::string& path = file.m_unfinished_path;
     const std::string count = count_field(file.m_head.m_scan_count);
-    check_written(std::fflush(stream) == 0 &&
-                      std::fseek(stream, file.m_count_offset, SEEK_SET) == 0 &&
+    check_written(std::fseek(stream, file.m_count_offset, SEEK_SET) == 0 &&
                       std::fwrite(count.data(), 1, count.size(), stream) == count.size() &&
                       std::fflush(stream) == 0 && std::fseek(stream, 0, SEEK_SET) == 0,
                   path);
@@ -485,7 +519,7 @@ void finish_mzml_file(MzmlFile& file) {
                          "</indexListOffset>\n<fileChecksum>");
     const std::string checksum = count_and_checksum(file, buffer.get());
     write_text(file, checksum + "</fileChecksum>\n</indexedmzML>\n");
-    check_written(std::fflush(file.m_head.m_stream) == 0, file.m_unfinished_path);
+    drain_sink(file.m_sink);
     finish_spectrum_file(file.m_head);
     delete_file(file.m_head.m_path);
     if (std::rename(file.m_unfinished_path.c_str(), file.m_head.m_path.c_str()) != 0) {

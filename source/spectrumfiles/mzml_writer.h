@@ -92,6 +92,10 @@ struct MzmlRunInfo {
     std::vector<MzmlSource> m_sources;
     std::vector<std::pair<std::string, std::string>> m_keys;  // parameters in force
     MzmlOptions m_options;
+    // The spectra the file will hold, when they can be foretold (-1 when not):
+    // the header then carries their count from the start and the checksum is
+    // made as the file is written. A wrong guess costs a read-back at the end.
+    int64_t m_expected_spectra = -1;
 };
 
 // A spectrum element made away from the file: its text from the attribute after
@@ -102,27 +106,58 @@ struct MzmlScratch {
     DeflateScratch m_deflate;
 };
 
+struct MzmlSinkThread;
+
+// Where the file's bytes go: gathered into writes of a mebibyte, each hashed
+// for the closing checksum as it is written, on the sink's own thread when it
+// has one. The thread, when there is one, is stopped before the sink goes.
+struct MzmlSink {
+    std::FILE* m_stream = nullptr;
+    std::string m_path;  // named by a failed write
+    std::string m_gathering;
+    Sha1 m_sha1;  // of every byte written until sink_digest
+    bool m_hashing = true;
+    std::unique_ptr<MzmlSinkThread> m_thread;
+    MzmlSink();  // out of line, where the thread's type is known
+    ~MzmlSink();
+};
+
+void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread);
+// Takes `size` bytes for the file; throws the WriteFailure of an earlier write.
+void sink_write(MzmlSink& sink, const char* data, std::size_t size);
+// Writes and flushes everything taken so far; throws the WriteFailure of any write.
+void drain_sink(MzmlSink& sink);
+// Drains the sink and returns the SHA-1 of every byte written; later bytes are
+// written unhashed.
+std::string sink_digest(MzmlSink& sink);
+
 struct MzmlFile {
-    // The stream's buffer: spectra of a few kilobytes each go out in writes of
-    // a mebibyte. Declared before the stream, so that it outlives it.
-    std::unique_ptr<char[]> m_buffer;
     SpectrumFile m_head;  // m_scan_count counts spectra written
     std::string m_unfinished_path;
     MzmlOptions m_options;
     int64_t m_offset = 0;          // bytes written so far
     int64_t m_count_offset = 0;    // where the spectrum count waits to be filled in
+    int64_t m_expected = -1;       // the count the header was written with, when known
     std::FILE* m_index = nullptr;  // the offset index, until the end
     MzmlScratch m_scratch;         // for spectra formatted by the writer's own thread
+    MzmlSink m_sink;               // after the stream, so that it stops writing first
     ~MzmlFile();
 };
 
-// SHA-1 of two whole files (the input pair), read side by side. Throws the
-// open_file message of the first that cannot be read.
-std::pair<std::string, std::string> files_sha1(const std::string& first, const std::string& second);
+// The SHA-1 of each file of the input pair, read side by side, and its scans as
+// the lines that open with "S" count them. Throws the open_file message of the
+// first that cannot be read.
+struct InputDigest {
+    std::string m_sha1;  // 40 hex digits
+    int64_t m_scans = 0;
+};
+std::pair<InputDigest, InputDigest> digest_inputs(const std::string& first,
+                                                  const std::string& second);
 
 // Opens <path>_unfinished (logging "Start to process <path>") and writes the
-// header up to the opening of the spectrum list.
-void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info);
+// header up to the opening of the spectrum list; with `writer_thread` the
+// writes and the hashing run on a thread of their own.
+void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread);
 // The text of one spectrum, replacing `text`, for write_mzml_spectrum.
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
                           const MzmlOptions& options, MzmlScratch& scratch);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <iostream>
 #include <regex>
 #include <string>
@@ -61,7 +62,7 @@ TEST(MzmlWriter, IndexCountAndChecksumDescribeTheFileWithHostileTextEscaped) {
     {
         const test::CaptureStream out(std::cout);
         MzmlFile file;
-        open_mzml_file(file, path, info);
+        open_mzml_file(file, path, info, false);
         std::string text;
         for (const MzmlSpectrum* spectrum : {&ms1, &ms2}) {
             format_mzml_spectrum(text, *spectrum, info.m_options, file.m_scratch);
@@ -111,6 +112,60 @@ TEST(MzmlWriter, IndexCountAndChecksumDescribeTheFileWithHostileTextEscaped) {
     EXPECT_EQ(xml.find("kSieve purity"), xml.rfind("kSieve purity"));
     EXPECT_EQ(xml.find("MS:1003208"), std::string::npos);
     EXPECT_EQ(xml.find('\x01'), std::string::npos);
+}
+
+// Writes `count` survey scans of `peaks` peaks each, uncompressed so that the
+// file runs to mebibytes, and returns the file's text.
+std::string write_survey_scans(const std::string& path, int64_t expected, bool writer_thread,
+                               int count, int peaks) {
+    MzmlRunInfo info;
+    info.m_run_id = "run";
+    info.m_software_version = "9.9";
+    info.m_options.m_compress = false;
+    info.m_expected_spectra = expected;
+    MzmlSpectrum scan;
+    std::vector<Peak> list;
+    for (int i = 0; i < peaks; ++i) {
+        list.push_back({300.0 + i * 0.013, 1000.0 + i});
+    }
+    scan.m_peaks = list;
+    const test::CaptureStream out(std::cout);
+    MzmlFile file;
+    open_mzml_file(file, path, info, writer_thread);
+    std::string text;
+    for (int i = 1; i <= count; ++i) {
+        scan.m_scan = i;
+        scan.m_retention_seconds = i;
+        format_mzml_spectrum(text, scan, info.m_options, file.m_scratch);
+        write_mzml_spectrum(file, mzml_spectrum_id("", i), text);
+    }
+    finish_mzml_file(file);
+    return test::read_file(path);
+}
+
+// The header's spectrum count may be foretold, letting the checksum be made as
+// the bytes go out, and the writes and hashing may run on a thread of their
+// own. A right guess, a wrong one (too many or too few spectra) and no guess,
+// with and without the thread, must all give the same file, over many
+// mebibytes of writes, with a checksum of what the file really holds.
+TEST(MzmlWriter, TheSameFileWhetherTheCountIsForetoldAndWhereverItIsWritten) {
+    const test::TempDir dir;
+    const int count = 90;
+    const std::string reference = write_survey_scans(dir.file("a.mzML"), -1, false, count, 4000);
+    ASSERT_GT(reference.size(), std::size_t{5} << 20);
+    EXPECT_NE(reference.find("<spectrumList count=\"90\" "), std::string::npos);
+    const std::string mark = "<fileChecksum>";
+    const std::size_t end = reference.find(mark) + mark.size();
+    EXPECT_EQ(reference.substr(end, 40), sha1_text(reference.substr(0, end)));
+    for (const bool thread : {false, true}) {
+        for (const int64_t expected :
+             {int64_t{-1}, int64_t{count}, int64_t{count + 1}, int64_t{count - 1}, int64_t{0}}) {
+            // Compared whole, not printed: the file runs to mebibytes.
+            EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), expected, thread, count, 4000) ==
+                        reference)
+                << "expected " << expected << (thread ? ", writer thread" : "");
+        }
+    }
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ std::vector<std::string> outputs_in(const fs::path& dir) {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir)) {
         const std::string name = entry.path().filename().string();
-        for (const char* kind : {".ks1", ".ks2", ".mgf", ".csv"}) {
+        for (const char* kind : {".ks1", ".ks2", ".mgf", ".csv", ".mzML"}) {
             if (contains(name, kind)) {
                 names.push_back(name);
             }
@@ -114,17 +114,25 @@ struct WriteFailureCase {
     int ms2_scans;
     std::vector<std::string> options;
     const char* failing_file;  // the output that reaches the limit first
+    const char* params = "";   // keys of a parameter file, which then replaces the options
 };
 
 // A full disk (here a file-size limit) ends the run with an ERROR that names the
 // file, exit status 255, and none of this input's outputs left behind; a rerun
-// with room to write then finishes the file.
+// with room to write then finishes the file. The mzML is written a mebibyte at
+// a time, on a thread of its own when kSieve has more than one: a write that
+// fails there must end the run all the same.
 TEST(WriteFailures, EndTheRunAndLeaveNoPartialOutput) {
+    const char* mzml_only =
+        "datapath = data/run.ms1\noutput_mzml = 1\noutput_ks = 0\n"
+        "output_mgf = 0\n";
     const std::vector<WriteFailureCase> cases = {
         {"ks1", 400, 1, {}, "run.ks1"},
         {"ks2", 10, 2500, {"-m", "0"}, "run_HCDFT.ks2"},
         {"mgf", 10, 2500, {"-p", "0"}, "run_HCDFT.mgf"},
         {"table", 10, 2500, {"-p", "0", "-m", "0"}, "run.csv_unfinished"},
+        {"mzml, every core", 10, 2500, {}, "run.ksieve.mzML_unfinished", "threads = 0\n"},
+        {"mzml, one thread", 10, 2500, {}, "run.ksieve.mzML_unfinished", "threads = 1\n"},
     };
     for (const WriteFailureCase& c : cases) {
         SCOPED_TRACE(c.name);
@@ -134,6 +142,10 @@ TEST(WriteFailures, EndTheRunAndLeaveNoPartialOutput) {
         write_pair(work.path() / "data" / "run", c.ms1_scans, c.ms2_scans, 40);
         std::vector<std::string> args = {"-D", "data/run.ms1"};
         args.insert(args.end(), c.options.begin(), c.options.end());
+        if (*c.params != '\0') {
+            test::write_file(work.path() / "run.params", std::string(mzml_only) + c.params);
+            args = {"run.params"};
+        }
         const Outcome full = finish(start(work.path(), "full", args, 96 * 1024));
         EXPECT_EQ(full.exit, "255\n");
         EXPECT_TRUE(contains(full.err, "[kSieve] <ERROR> - Cannot write file: data/" +
