@@ -233,11 +233,10 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     info.m_run_id = file.m_stem;
     info.m_software_version = KSIEVE_VERSION;
     const std::string ms2_path = sibling_path(file, ".ms2");
-    auto [ms1, ms2] = digest_inputs(file.m_path, ms2_path);
-    info.m_sources.push_back({file.m_path, std::move(ms1.m_sha1)});
-    info.m_sources.push_back({ms2_path, std::move(ms2.m_sha1)});
-    // Every survey scan is written, and nearly always every MS2 scan.
-    info.m_expected_spectra = ms1.m_scans + ms2.m_scans;
+    // Every survey scan is written, and nearly always every MS2 scan: the
+    // writer foretells the count from the pair as it digests it.
+    info.m_sources = {{file.m_path, ""}, {ms2_path, ""}};
+    info.m_digest_sources = true;
     info.m_keys = keys_in_force(params);
     info.m_options = mzml_options(params);
     // The stage's own stream on the `.ms1` file, quiet: the pipeline's reader

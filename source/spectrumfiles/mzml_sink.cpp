@@ -1,9 +1,12 @@
 // The mzML's bytes on their way to the file: gathered a mebibyte at a time, then
 // hashed for the closing checksum and written, in order, at once or on a thread
 // of their own while the pipeline goes on.
+#include <algorithm>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -18,11 +21,30 @@ namespace {
 
 // Spectra of a few kilobytes each go out in writes of a mebibyte.
 constexpr std::size_t kChunkBytes = std::size_t{1} << 20;
-// Chunks handed over and not yet written: enough to ride out a slow write, few
-// enough that memory stays flat.
-constexpr std::size_t kChunksInFlight = 4;
+// Chunks handed over and not yet written: enough to ride out a slow write and
+// the input pair's digests before the first write (some 80 ms for 80 MB, while
+// the pipeline makes about 8 MiB), few enough that memory stays flat.
+constexpr std::size_t kChunksInFlight = 8;
 
-void hash_and_write(MzmlSink& sink, const std::string& chunk) {
+// Puts the prelude's text over the placeholders that lie in `chunk`, the
+// file's bytes from sink.m_written on.
+void patch(MzmlSink& sink, std::string& chunk) {
+    const int64_t start = sink.m_written;
+    const int64_t end = start + static_cast<int64_t>(chunk.size());
+    for (const auto& [offset, text] : sink.m_prelude.m_patches) {
+        const int64_t from = std::max(offset, start);
+        const int64_t to = std::min(offset + static_cast<int64_t>(text.size()), end);
+        if (from < to) {
+            chunk.replace(
+                static_cast<std::size_t>(from - start), static_cast<std::size_t>(to - from), text,
+                static_cast<std::size_t>(from - offset), static_cast<std::size_t>(to - from));
+        }
+    }
+}
+
+void hash_and_write(MzmlSink& sink, std::string& chunk) {
+    patch(sink, chunk);
+    sink.m_written += static_cast<int64_t>(chunk.size());
     if (sink.m_hashing) {
         sink.m_sha1.update(reinterpret_cast<const unsigned char*>(chunk.data()), chunk.size());
     }
@@ -39,13 +61,25 @@ struct MzmlSinkThread {
     std::vector<std::string> m_free;
     std::exception_ptr m_error;  // the first failed write; later chunks are dropped
     bool m_stop = false;
+    std::function<MzmlPrelude()> m_prelude;  // run before the first chunk
     std::thread m_thread;
 };
 
 namespace {
 
+void take_prelude(MzmlSink& sink, const std::function<MzmlPrelude()>& prelude) {
+    sink.m_prelude = prelude();
+    sink.m_hashing = sink.m_prelude.m_expected >= 0;
+}
+
 void write_handed_over(MzmlSink& sink) {
     MzmlSinkThread& worker = *sink.m_thread;
+    try {
+        take_prelude(sink, worker.m_prelude);
+    } catch (...) {
+        const std::lock_guard lock(worker.m_mutex);
+        worker.m_error = std::current_exception();
+    }
     std::unique_lock lock(worker.m_mutex);
     while (true) {
         worker.m_changed.wait(lock, [&] { return worker.m_stop || !worker.m_full.empty(); });
@@ -118,14 +152,18 @@ MzmlSink::~MzmlSink() {
     m_thread->m_thread.join();
 }
 
-void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread) {
+void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread,
+                std::function<MzmlPrelude()> prelude) {
     sink.m_stream = stream;
     sink.m_path = path;
     sink.m_gathering.reserve(kChunkBytes);
-    if (own_thread) {
-        sink.m_thread = std::make_unique<MzmlSinkThread>();
-        sink.m_thread->m_thread = std::thread(write_handed_over, std::ref(sink));
+    if (!own_thread) {
+        take_prelude(sink, prelude);
+        return;
     }
+    sink.m_thread = std::make_unique<MzmlSinkThread>();
+    sink.m_thread->m_prelude = std::move(prelude);
+    sink.m_thread->m_thread = std::thread(write_handed_over, std::ref(sink));
 }
 
 void sink_write(MzmlSink& sink, const char* data, std::size_t size) {

@@ -101,8 +101,9 @@ std::string run_id(const std::string& stem) {
     return id;
 }
 
-void append_source(std::string& out, const MzmlSource& source, std::size_t number,
-                   const std::pair<std::string, std::string>& id_format) {
+// Returns where in `out` the source's SHA-1 value begins.
+std::size_t append_source(std::string& out, const MzmlSource& source, std::size_t number,
+                          const std::pair<std::string, std::string>& id_format) {
     const std::size_t cut = source.m_path.find_last_of('/');
     const std::string name =
         cut == std::string::npos ? source.m_path : source.m_path.substr(cut + 1);
@@ -119,11 +120,21 @@ void append_source(std::string& out, const MzmlSource& source, std::size_t numbe
         append_cv(out, "MS:1002597", "MS1 format");
     }
     append_cv(out, "MS:1000569", "SHA-1", source.m_sha1);
+    const std::size_t sha1_at = out.size() - source.m_sha1.size() - std::strlen("\"/>\n");
     out += "</sourceFile>\n";
+    return sha1_at;
 }
 
-std::string header_text(const MzmlRunInfo& info) {
-    std::string out =
+// The header up to the spectrum count, and where each source's SHA-1 sits in it.
+struct HeaderText {
+    std::string m_text;
+    std::vector<std::size_t> m_sha1_at;
+};
+
+HeaderText header_text(const MzmlRunInfo& info) {
+    HeaderText header;
+    std::string& out = header.m_text;
+    out =
         "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
         "<indexedmzML xmlns=\"http://psi.hupo.org/ms/mzml\" "
         "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
@@ -146,7 +157,8 @@ std::string header_text(const MzmlRunInfo& info) {
     out += "</fileContent>\n<sourceFileList count=\"" + std::to_string(info.m_sources.size()) +
            "\">\n";
     for (std::size_t i = 0; i < info.m_sources.size(); ++i) {
-        append_source(out, info.m_sources[i], i + 1, info.m_native_id_format);
+        header.m_sha1_at.push_back(
+            append_source(out, info.m_sources[i], i + 1, info.m_native_id_format));
     }
     out +=
         "</sourceFileList>\n</fileDescription>\n<softwareList count=\"1\">\n"
@@ -173,7 +185,7 @@ std::string header_text(const MzmlRunInfo& info) {
         out += " defaultSourceFileRef=\"SF1\"";
     }
     out += ">\n<spectrumList count=";
-    return out;
+    return header;
 }
 
 void write_text(MzmlFile& file, const char* data, std::size_t size) {
@@ -362,8 +374,15 @@ int64_t scan_lines(const unsigned char* data, std::size_t size, unsigned char& b
     return lines;
 }
 
-}  // namespace
+// The SHA-1 of a file of the input pair and its scans, as the lines that open
+// with "S" count them.
+struct InputDigest {
+    std::string m_sha1;  // 40 hex digits
+    int64_t m_scans = 0;
+};
 
+// Both files of the pair, read side by side. Throws the open_file message of
+// the first that cannot be read.
 std::pair<InputDigest, InputDigest> digest_inputs(const std::string& first,
                                                   const std::string& second) {
     std::FILE* streams[2] = {open_file(first, "rb", ""), nullptr};
@@ -401,6 +420,8 @@ std::pair<InputDigest, InputDigest> digest_inputs(const std::string& first,
     return {std::move(digests[0]), std::move(digests[1])};
 }
 
+}  // namespace
+
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
                           const MzmlOptions& options, MzmlScratch& scratch) {
     text = "id=\"";
@@ -425,12 +446,53 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
     text += "</binaryDataArrayList>\n</spectrum>\n";
 }
 
+namespace {
+
+constexpr std::size_t kSha1Digits = 40;
+
+// The prelude of a file whose count is `expected` (-1: unknown). A count the
+// header's field could not hold is no guess worth making.
+MzmlPrelude foretold(int64_t expected, int64_t count_offset) {
+    MzmlPrelude prelude;
+    if (expected >= 0 && expected <= INT32_MAX) {
+        prelude.m_expected = expected;
+        prelude.m_patches.emplace_back(count_offset, count_field(expected));
+    }
+    return prelude;
+}
+
+// What the sink learns before its first write: the count given, or the input
+// pair read for its digests and scans.
+std::function<MzmlPrelude()> prelude_job(const MzmlRunInfo& info, const HeaderText& header) {
+    const auto count_offset = static_cast<int64_t>(header.m_text.size());
+    if (!info.m_digest_sources) {
+        return [prelude = foretold(info.m_expected_spectra, count_offset)] { return prelude; };
+    }
+    KS_ASSERT(info.m_sources.size() == 2, "info.m_sources.size() == 2");
+    return [first = info.m_sources[0].m_path, second = info.m_sources[1].m_path,
+            at = header.m_sha1_at, count_offset] {
+        auto [ms1, ms2] = digest_inputs(first, second);
+        MzmlPrelude prelude = foretold(ms1.m_scans + ms2.m_scans, count_offset);
+        prelude.m_patches.emplace_back(at[0], std::move(ms1.m_sha1));
+        prelude.m_patches.emplace_back(at[1], std::move(ms2.m_sha1));
+        return prelude;
+    };
+}
+
+}  // namespace
+
 void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread) {
     file.m_unfinished_path = path + "_unfinished";
     file.m_options = info.m_options;
     file.m_offset = 0;
-    // A count the header's field could not hold is no guess worth making.
-    file.m_expected = info.m_expected_spectra <= INT32_MAX ? info.m_expected_spectra : -1;
+    MzmlRunInfo shown = info;
+    if (info.m_digest_sources) {
+        // Placeholders of the digests' width, put over before the bytes go out.
+        for (MzmlSource& source : shown.m_sources) {
+            source.m_sha1.assign(kSha1Digits, '0');
+        }
+    }
+    const HeaderText header = header_text(shown);
     log_info("Start to process " + path);
     file.m_head.m_scan_count = 0;
     file.m_head.m_path = std::move(path);
@@ -438,14 +500,13 @@ void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, b
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
     // The sink gathers whole mebibytes; a buffer of the stream's own would only copy them.
     std::setvbuf(file.m_head.m_stream, nullptr, _IONBF, 0);
-    start_sink(file.m_sink, file.m_head.m_stream, file.m_unfinished_path, writer_thread);
-    file.m_sink.m_hashing = file.m_expected >= 0;
+    start_sink(file.m_sink, file.m_head.m_stream, file.m_unfinished_path, writer_thread,
+               prelude_job(info, header));
     file.m_index = std::tmpfile();
     check_written(file.m_index != nullptr, file.m_unfinished_path + " (its index)");
-    write_text(file, header_text(info));
+    write_text(file, header.m_text);
     file.m_count_offset = file.m_offset;
-    write_text(file, count_field(std::max<int64_t>(file.m_expected, 0)) +
-                         " defaultDataProcessingRef=\"kSieve_precursors\">\n");
+    write_text(file, count_field(0) + " defaultDataProcessingRef=\"kSieve_precursors\">\n");
 }
 
 void write_mzml_spectrum(MzmlFile& file, const std::string& id, const std::string& text) {
@@ -479,7 +540,7 @@ void copy_index(MzmlFile& file, unsigned char* buffer) {
 // and the file read back.
 std::string count_and_checksum(MzmlFile& file, unsigned char* buffer) {
     std::string as_written = sink_digest(file.m_sink);
-    if (file.m_head.m_scan_count == file.m_expected) {
+    if (file.m_head.m_scan_count == file.m_sink.m_prelude.m_expected) {
         return as_written;
     }
     std::FILE* stream = file.m_head.m_stream;

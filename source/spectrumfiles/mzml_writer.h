@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -96,6 +97,11 @@ struct MzmlRunInfo {
     // the header then carries their count from the start and the checksum is
     // made as the file is written. A wrong guess costs a read-back at the end.
     int64_t m_expected_spectra = -1;
+    // True: m_sources are the `.ms1`/`.ms2` pair, their SHA-1 left empty. The
+    // writer reads them for their SHA-1 and foretells one spectrum per scan they
+    // hold (m_expected_spectra is not read), on its own thread when it has one,
+    // while the first spectra are made; the header waits for them in memory.
+    bool m_digest_sources = false;
 };
 
 // A spectrum element made away from the file: its text from the attribute after
@@ -108,6 +114,13 @@ struct MzmlScratch {
 
 struct MzmlSinkThread;
 
+// What the writer learns before its first byte goes out: text to put over
+// placeholders, by offset in the file, and the spectrum count it foretells.
+struct MzmlPrelude {
+    std::vector<std::pair<int64_t, std::string>> m_patches;
+    int64_t m_expected = -1;  // -1: none; the bytes are then not hashed as written
+};
+
 // Where the file's bytes go: gathered into writes of a mebibyte, each hashed
 // for the closing checksum as it is written, on the sink's own thread when it
 // has one. The thread, when there is one, is stopped before the sink goes.
@@ -115,14 +128,20 @@ struct MzmlSink {
     std::FILE* m_stream = nullptr;
     std::string m_path;  // named by a failed write
     std::string m_gathering;
-    Sha1 m_sha1;  // of every byte written until sink_digest
-    bool m_hashing = true;
+    MzmlPrelude m_prelude;  // read only once the sink is drained
+    int64_t m_written = 0;  // bytes passed to the file
+    Sha1 m_sha1;            // of every byte written until sink_digest
+    bool m_hashing = false;
     std::unique_ptr<MzmlSinkThread> m_thread;
     MzmlSink();  // out of line, where the thread's type is known
     ~MzmlSink();
 };
 
-void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread);
+// Starts the sink on an open stream. `prelude` runs first, on the sink's own
+// thread with `own_thread`, else at once; what it throws is thrown by the
+// sink's next call.
+void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread,
+                std::function<MzmlPrelude()> prelude);
 // Takes `size` bytes for the file; throws the WriteFailure of an earlier write.
 void sink_write(MzmlSink& sink, const char* data, std::size_t size);
 // Writes and flushes everything taken so far; throws the WriteFailure of any write.
@@ -137,22 +156,11 @@ struct MzmlFile {
     MzmlOptions m_options;
     int64_t m_offset = 0;          // bytes written so far
     int64_t m_count_offset = 0;    // where the spectrum count waits to be filled in
-    int64_t m_expected = -1;       // the count the header was written with, when known
     std::FILE* m_index = nullptr;  // the offset index, until the end
     MzmlScratch m_scratch;         // for spectra formatted by the writer's own thread
     MzmlSink m_sink;               // after the stream, so that it stops writing first
     ~MzmlFile();
 };
-
-// The SHA-1 of each file of the input pair, read side by side, and its scans as
-// the lines that open with "S" count them. Throws the open_file message of the
-// first that cannot be read.
-struct InputDigest {
-    std::string m_sha1;  // 40 hex digits
-    int64_t m_scans = 0;
-};
-std::pair<InputDigest, InputDigest> digest_inputs(const std::string& first,
-                                                  const std::string& second);
 
 // Opens <path>_unfinished (logging "Start to process <path>") and writes the
 // header up to the opening of the spectrum list; with `writer_thread` the

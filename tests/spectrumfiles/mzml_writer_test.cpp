@@ -114,18 +114,21 @@ TEST(MzmlWriter, IndexCountAndChecksumDescribeTheFileWithHostileTextEscaped) {
     EXPECT_EQ(xml.find('\x01'), std::string::npos);
 }
 
-// Writes `count` survey scans of `peaks` peaks each, uncompressed so that the
-// file runs to mebibytes, and returns the file's text.
-std::string write_survey_scans(const std::string& path, int64_t expected, bool writer_thread,
-                               int count, int peaks) {
+// The header of a file of uncompressed survey scans, so that it runs to mebibytes.
+MzmlRunInfo survey_info() {
     MzmlRunInfo info;
     info.m_run_id = "run";
     info.m_software_version = "9.9";
     info.m_options.m_compress = false;
-    info.m_expected_spectra = expected;
+    return info;
+}
+
+// Writes `count` survey scans of 4000 peaks each and returns the file's text.
+std::string write_survey_scans(const std::string& path, const MzmlRunInfo& info, bool writer_thread,
+                               int count) {
     MzmlSpectrum scan;
     std::vector<Peak> list;
-    for (int i = 0; i < peaks; ++i) {
+    for (int i = 0; i < 4000; ++i) {
         list.push_back({300.0 + i * 0.013, 1000.0 + i});
     }
     scan.m_peaks = list;
@@ -151,7 +154,8 @@ std::string write_survey_scans(const std::string& path, int64_t expected, bool w
 TEST(MzmlWriter, TheSameFileWhetherTheCountIsForetoldAndWhereverItIsWritten) {
     const test::TempDir dir;
     const int count = 90;
-    const std::string reference = write_survey_scans(dir.file("a.mzML"), -1, false, count, 4000);
+    const std::string reference =
+        write_survey_scans(dir.file("a.mzML"), survey_info(), false, count);
     ASSERT_GT(reference.size(), std::size_t{5} << 20);
     EXPECT_NE(reference.find("<spectrumList count=\"90\" "), std::string::npos);
     const std::string mark = "<fileChecksum>";
@@ -160,10 +164,45 @@ TEST(MzmlWriter, TheSameFileWhetherTheCountIsForetoldAndWhereverItIsWritten) {
     for (const bool thread : {false, true}) {
         for (const int64_t expected :
              {int64_t{-1}, int64_t{count}, int64_t{count + 1}, int64_t{count - 1}, int64_t{0}}) {
+            MzmlRunInfo info = survey_info();
+            info.m_expected_spectra = expected;
             // Compared whole, not printed: the file runs to mebibytes.
-            EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), expected, thread, count, 4000) ==
-                        reference)
+            EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), info, thread, count) == reference)
                 << "expected " << expected << (thread ? ", writer thread" : "");
+        }
+    }
+}
+
+// The writer may read the input pair itself, for the digests its header names
+// and for the count it foretells (one spectrum per scan line), while the first
+// spectra are made. The file must be the one written with the digests given:
+// with the pair's scans the spectra written (the guess right) and one more (the
+// guess wrong), the longer file past the hashing buffer and the shorter not.
+TEST(MzmlWriter, DigestsTheInputPairAsItWrites) {
+    const test::TempDir dir;
+    const int count = 90;
+    for (const int ms2_scans : {30, 31}) {
+        std::string ms1;
+        for (int scan = 1; scan <= 60; ++scan) {
+            ms1 += "S\t" + std::to_string(scan) + "\n" + std::string(30000, '1') + "\n";
+        }
+        std::string ms2 = "H\tSeries\n";
+        for (int scan = 1; scan <= ms2_scans; ++scan) {
+            ms2 += "S\t" + std::to_string(scan) + "\nZ\t2\t1000.5\n100 5\n";
+        }
+        test::write_file(dir.file("in.ms1"), ms1);
+        test::write_file(dir.file("in.ms2"), ms2);
+        MzmlRunInfo given = survey_info();
+        given.m_sources = {{dir.file("in.ms1"), sha1_text(ms1)},
+                           {dir.file("in.ms2"), sha1_text(ms2)}};
+        const std::string reference = write_survey_scans(dir.file("a.mzML"), given, false, count);
+        MzmlRunInfo digested = survey_info();
+        digested.m_sources = {{dir.file("in.ms1"), ""}, {dir.file("in.ms2"), ""}};
+        digested.m_digest_sources = true;
+        for (const bool thread : {false, true}) {
+            EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), digested, thread, count) ==
+                        reference)
+                << ms2_scans << " MS2 scans" << (thread ? ", writer thread" : "");
         }
     }
 }
