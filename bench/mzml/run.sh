@@ -1,12 +1,14 @@
 #!/bin/bash
 # The cost of the mzML output: kSieve on the 20,000-scan simulated run (seed 1)
 # with output_mzml off and on, at one thread and at the default thread count
-# (every core), three runs each; prints each run's wall time, user+sys CPU
-# seconds and peak resident memory, then the medians and the on/off ratios.
-#   bash bench/mzml/run.sh <build> [MS2 scans]
+# (every core), five runs each (a shared machine's times vary by a fifth from
+# run to run), interleaved; prints each run's wall time, user+sys CPU seconds
+# and peak resident memory, then the medians and the on/off ratios.
+#   bash bench/mzml/run.sh <build> [MS2 scans] [runs]
 set -euo pipefail
 build=$(cd "$1" && pwd)
 scans=${2:-20000}
+runs=${3:-5}
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
 mkdir "$work/data"
@@ -24,7 +26,7 @@ for threads in 1 default; do
     } > "run-$threads-$key.params"
   done
 done
-for repeat in 1 2 3; do
+for repeat in $(seq "$runs"); do
   for threads in 1 default; do
     for key in 0 1; do
       /usr/bin/time -f "threads=$threads output_mzml=$key %e %U %S %M" -a -o times.txt \
