@@ -157,14 +157,14 @@ struct MzmlFile {
     int64_t m_offset = 0;          // bytes written so far
     int64_t m_count_offset = 0;    // where the spectrum count waits to be filled in
     std::FILE* m_index = nullptr;  // the offset index, until the end
-    MzmlScratch m_scratch;         // for spectra formatted by the writer's own thread
+    MzmlScratch m_scratch;         // for spectra formatted where they are written
     MzmlSink m_sink;               // after the stream, so that it stops writing first
     ~MzmlFile();
 };
 
 // Opens <path>_unfinished (logging "Start to process <path>") and writes the
 // header up to the opening of the spectrum list; with `writer_thread` the
-// writes and the hashing run on a thread of their own.
+// writes, their hashing and the digests of the sources run on a thread of their own.
 void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread);
 // The text of one spectrum, replacing `text`, for write_mzml_spectrum.
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
