@@ -499,6 +499,27 @@ class TargetDecoyQValues(unittest.TestCase):
         self.assertEqual({p.q_value for p in kept if p.group == "primary"}, {0.0})
         self.assertEqual({p.q_value for p in kept if p.group == "secondary"}, {1.0})
 
+    def test_primaries_of_one_block_and_of_several_blocks_compete_apart(self):
+        """A decoy that wins a scan of several blocks cuts off that stratum's primaries below
+        it, not those of scans searched with one block; a decoy of a one-block scan cuts off
+        its own stratum as usual."""
+        single = [psm(i, float(i)) for i in range(1, 61)]
+        single_decoy = psm(300, 5.5, decoy=True, sequence="DECOYK")
+        several = [block for i in range(101, 131)
+                   for block in (psm(i, i - 80.5, spectrum=f"r.{i}.{i}.2.0.dta"),
+                                 psm(i, 0.1, sequence="OTHERK", spectrum=f"r.{i}.{i}.3.1.dta"))]
+        chimeric_decoy = [psm(200, 35.0, decoy=True, sequence="DECOYK",
+                              spectrum="r.200.200.2.0.dta"),
+                          psm(200, 1.0, spectrum="r.200.200.2.1.dta")]
+        kept = qvalues.grouped_q_values(single + [single_decoy] + several + chimeric_decoy)
+        q = {p.spectrum: p.q_value for p in kept if p.group == "primary"}
+        self.assertEqual({q[p.spectrum] for p in single if p.score > 5.5}, {0.0})
+        self.assertEqual({q[p.spectrum] for p in single if p.score < 5.5}, {1 / 60})
+        above = {q[f"r.{i}.{i}.2.0.dta"] for i in range(101, 131) if i - 80.5 > 35.0}
+        below = {q[f"r.{i}.{i}.2.0.dta"] for i in range(101, 131) if i - 80.5 < 35.0}
+        self.assertEqual(above, {0.0})
+        self.assertEqual(below, {1 / 30})
+
 
 class EntrapmentDatabase(unittest.TestCase):
     def test_twins_shuffle_each_tryptic_peptide_and_keep_its_cleavage_residue(self):
