@@ -609,12 +609,17 @@ class Rescoring(unittest.TestCase):
         self.assertTrue(np.allclose(again[held], scores[held]))
         self.assertFalse(np.allclose(again[~held], scores[~held]))
 
-    def test_too_few_targets_keep_the_e_value_ranking_with_a_note(self):
-        features, decoys, scans, start = simulated_psms(25, 30, 2)
-        scores, notes = rescore.rescore(features, decoys, scans, start)
-        self.assertEqual(notes, [rescore.FALLBACK])
-        self.assertTrue(np.array_equal(scores, start))
-        self.assertIsNone(rescore.weights(features, decoys, scans, start))
+    def test_too_few_targets_or_no_decoy_keep_the_e_value_ranking_with_a_note(self):
+        """Nothing to learn from: too few targets below 1 %, or a run so clean that its
+        training sets hold no decoy (a small simulated run) and no model can part two
+        classes."""
+        for targets, decoy_count in ((25, 30), (300, 0)):
+            features, decoys, scans, start = simulated_psms(targets, decoy_count, 2)
+            with self.subTest(targets=targets, decoys=decoy_count):
+                scores, notes = rescore.rescore(features, decoys, scans, start)
+                self.assertEqual(notes, [rescore.FALLBACK])
+                self.assertTrue(np.array_equal(scores, start))
+                self.assertIsNone(rescore.weights(features, decoys, scans, start))
 
     def test_ksieve_evidence_comes_from_its_precursor_table_by_mgf_title(self):
         header = ("scan\tnative_id\trt_seconds\ttitle\trank\tmz\tcharge\torigin\tscore\t"
