@@ -499,6 +499,27 @@ class TargetDecoyQValues(unittest.TestCase):
         self.assertEqual({p.q_value for p in kept if p.group == "primary"}, {0.0})
         self.assertEqual({p.q_value for p in kept if p.group == "secondary"}, {1.0})
 
+    def test_primaries_of_one_block_and_of_several_blocks_compete_apart(self):
+        """A decoy that wins a scan of several blocks cuts off that stratum's primaries below
+        it, not those of scans searched with one block; a decoy of a one-block scan cuts off
+        its own stratum as usual."""
+        single = [psm(i, float(i)) for i in range(1, 61)]
+        single_decoy = psm(300, 5.5, decoy=True, sequence="DECOYK")
+        several = [block for i in range(101, 131)
+                   for block in (psm(i, i - 80.5, spectrum=f"r.{i}.{i}.2.0.dta"),
+                                 psm(i, 0.1, sequence="OTHERK", spectrum=f"r.{i}.{i}.3.1.dta"))]
+        chimeric_decoy = [psm(200, 35.0, decoy=True, sequence="DECOYK",
+                              spectrum="r.200.200.2.0.dta"),
+                          psm(200, 1.0, spectrum="r.200.200.2.1.dta")]
+        kept = qvalues.grouped_q_values(single + [single_decoy] + several + chimeric_decoy)
+        q = {p.spectrum: p.q_value for p in kept if p.group == "primary"}
+        self.assertEqual({q[p.spectrum] for p in single if p.score > 5.5}, {0.0})
+        self.assertEqual({q[p.spectrum] for p in single if p.score < 5.5}, {1 / 60})
+        above = {q[f"r.{i}.{i}.2.0.dta"] for i in range(101, 131) if i - 80.5 > 35.0}
+        below = {q[f"r.{i}.{i}.2.0.dta"] for i in range(101, 131) if i - 80.5 < 35.0}
+        self.assertEqual(above, {0.0})
+        self.assertEqual(below, {1 / 30})
+
 
 class EntrapmentDatabase(unittest.TestCase):
     def test_twins_shuffle_each_tryptic_peptide_and_keep_its_cleavage_residue(self):
@@ -588,12 +609,17 @@ class Rescoring(unittest.TestCase):
         self.assertTrue(np.allclose(again[held], scores[held]))
         self.assertFalse(np.allclose(again[~held], scores[~held]))
 
-    def test_too_few_targets_keep_the_e_value_ranking_with_a_note(self):
-        features, decoys, scans, start = simulated_psms(25, 30, 2)
-        scores, notes = rescore.rescore(features, decoys, scans, start)
-        self.assertEqual(notes, [rescore.FALLBACK])
-        self.assertTrue(np.array_equal(scores, start))
-        self.assertIsNone(rescore.weights(features, decoys, scans, start))
+    def test_too_few_targets_or_no_decoy_keep_the_e_value_ranking_with_a_note(self):
+        """Nothing to learn from: too few targets below 1 %, or a run so clean that its
+        training sets hold no decoy (a small simulated run) and no model can part two
+        classes."""
+        for targets, decoy_count in ((25, 30), (300, 0)):
+            features, decoys, scans, start = simulated_psms(targets, decoy_count, 2)
+            with self.subTest(targets=targets, decoys=decoy_count):
+                scores, notes = rescore.rescore(features, decoys, scans, start)
+                self.assertEqual(notes, [rescore.FALLBACK])
+                self.assertTrue(np.array_equal(scores, start))
+                self.assertIsNone(rescore.weights(features, decoys, scans, start))
 
     def test_ksieve_evidence_comes_from_its_precursor_table_by_mgf_title(self):
         header = ("scan\tnative_id\trt_seconds\ttitle\trank\tmz\tcharge\torigin\tscore\t"

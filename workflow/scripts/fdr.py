@@ -14,13 +14,12 @@ spectrum of its own and cannot group by scan). Two tables come out: `all`
 import argparse
 import csv
 import sys
-from collections import Counter
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 import numpy as np  # noqa: E402
 import rescore  # noqa: E402
-from qvalues import Psm, grouped_q_values  # noqa: E402
+from qvalues import Psm, blocks_per_scan, grouped_q_values  # noqa: E402
 from wfcommon import read_json, run_stage, run_tool, scan_of, write_json  # noqa: E402
 
 COLUMNS = ["spectrum", "scan", "charge", "mz", "sequence", "q_value", "accessions", "group",
@@ -106,7 +105,7 @@ def psms_of(rows):
                 decoy=row.get("target_decoy", "target") == "decoy", sequence=row["sequence"],
                 fields=row)
             for row in rows if (scan := scan_of(row.get("spectrum_reference", ""))) is not None]
-    blocks = Counter(psm.scan for psm in psms)
+    blocks = blocks_per_scan(psms)
     for psm in psms:
         psm.fields["scan_blocks"] = blocks[psm.scan]
         psm.score = rescore.log_e_value(psm.fields)

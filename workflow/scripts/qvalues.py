@@ -8,7 +8,9 @@ FalseDiscoveryRate knows spectra, not scans, and has no way to rank a scan's
 blocks against each other, so the grouping is done here:
 
 - primary PSMs: each scan's best-scoring block (its top hit, target or decoy),
-  so that target-decoy competition runs once per scan;
+  so that target-decoy competition runs once per scan; the primaries of scans
+  searched with one block and of scans searched with several compete apart
+  (below);
 - secondary PSMs: the scan's other blocks whose peptide differs from the
   primary's (a block that found the primary's peptide again adds nothing), a
   group with its own target-decoy competition.
@@ -20,9 +22,24 @@ FalseDiscoveryRate gives for one hit per spectrum, so a side with one block per
 scan gets OpenMS's q-values), and a PSM's q-value is the lowest FDR at its score
 or any worse one, so q-values never fall as scores get worse. Tied scores share
 one q-value.
+
+Why the primaries compete in two strata. A scan whose window held several
+precursors is a chimeric spectrum: its best block is the best of several
+searches, and its fragments are shared out between ions, so its null
+distribution and its share of correct identifications differ from a scan
+searched with one precursor. Pooled, one decoy that wins a chimeric scan sits
+among the clean scans' targets and, with a few dozen targets above it, takes
+all below it past 1 %, though the clean scans drew no such decoy. Separate
+target-decoy competition per class of spectra set by the precursors, not by
+the scores (group-wise FDR, as for secondaries above, or for modified peptides)
+keeps each class's FDR at the threshold, and so the FDR of the two together.
+The strata count the blocks that found any hit (a block whose mass windows hold
+no candidate is no search), the same count a scan's best block pays for
+(fdr.psms_of). A side with one block per scan has one stratum, as before.
 """
 
 import re
+from collections import Counter
 from dataclasses import dataclass
 
 from wfcommon import block_of
@@ -94,9 +111,18 @@ def set_q_values(group):
             psm.q_value = lowest
 
 
+def blocks_per_scan(psms):
+    """How many blocks of each scan found a hit: scan -> count."""
+    return Counter(psm.scan for psm in psms)
+
+
 def grouped_q_values(psms):
-    """Groups the PSMs and gives each its q-value within its group; returns the PSMs kept."""
+    """Groups the PSMs and gives each its q-value within its group, the primaries of scans
+    of one block and of several blocks apart; returns the PSMs kept."""
     kept = assign_groups(psms)
-    for name in (PRIMARY, SECONDARY):
-        set_q_values([p for p in kept if p.group == name])
+    blocks = blocks_per_scan(psms)
+    primaries = [p for p in kept if p.group == PRIMARY]
+    set_q_values([p for p in primaries if blocks[p.scan] == 1])
+    set_q_values([p for p in primaries if blocks[p.scan] > 1])
+    set_q_values([p for p in kept if p.group == SECONDARY])
     return kept

@@ -10,7 +10,7 @@ fold is scored by a model trained on the other two, so that no PSM is scored by
 a model that saw it. Each fold's scores are put on one scale (0 at the training
 set's 1 % cut, -1 at its median decoy) before the folds are pooled.
 
-When any fold's training set has too few scans below 1 % to learn from, or its
+When any fold's training set has too few scans below 1 % to learn from or no decoy, or its
 model accepts fewer training scans than the e-value does, the run keeps Comet's
 e-value, and the report says so. Folds and the classifier are seeded, so a run rescored twice
 gives the same scores.
@@ -31,8 +31,8 @@ ROUNDS = 3
 TRAIN_FDR = 0.01
 MINIMUM_POSITIVES = 50  # scans below 1 % in a training set: with fewer, a model overfits
 FALLBACK = (f"a fold's training set has fewer than {MINIMUM_POSITIVES} scans below 1 % FDR to "
-            "learn from (or its model is no better than Comet's e-value): Comet's e-value "
-            "ranks the PSMs")
+            "learn from, or no decoy, or its model is no better than Comet's e-value: Comet's "
+            "e-value ranks the PSMs")
 ISOTOPE_STEP = 1.003355  # daltons between isotope peaks of a peptide
 COMET_FEATURES = ("xcorr", "delta_cn", "log_e_value", "matched_ion_fraction", "abs_ppm_error",
                   "charge", "length", "missed_cleavages")
@@ -124,11 +124,12 @@ def accepted_count(scores, decoys, fdr=TRAIN_FDR):
 
 def fit(features, decoys, start):
     """The rounds of learning on one training set: (scaler, model, final scores), or None
-    when the targets below 1 % are too few to learn from."""
+    when the targets below 1 % are too few to learn from, or there is no decoy to part
+    them from (a small, clean run)."""
     scores, fitted = start, None
     for _ in range(ROUNDS):
         count, cut = accepted_count(scores, decoys)
-        if count < MINIMUM_POSITIVES:
+        if count < MINIMUM_POSITIVES or not decoys.any():
             return None
         positives = (~decoys) & (scores >= cut)
         chosen = positives | decoys
