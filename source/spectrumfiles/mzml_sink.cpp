@@ -68,7 +68,9 @@ struct MzmlSinkThread {
 namespace {
 
 void take_prelude(MzmlSink& sink, const std::function<MzmlPrelude()>& prelude) {
-    sink.m_prelude = prelude();
+    if (prelude) {
+        sink.m_prelude = prelude();
+    }
     sink.m_hashing = sink.m_prelude.m_expected >= 0;
 }
 

@@ -137,9 +137,9 @@ struct MzmlSink {
     ~MzmlSink();
 };
 
-// Starts the sink on an open stream. `prelude` runs first, on the sink's own
-// thread with `own_thread`, else at once; what it throws is thrown by the
-// sink's next call.
+// Starts the sink on an open stream. `prelude` (when given) runs first, on the
+// sink's own thread with `own_thread`, else at once; what it throws is thrown
+// by the sink's next call.
 void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread,
                 std::function<MzmlPrelude()> prelude);
 // Takes `size` bytes for the file; throws the WriteFailure of an earlier write.

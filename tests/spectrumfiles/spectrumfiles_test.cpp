@@ -286,7 +286,7 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
     MS2Spectrum scan;
     scan.m_peaks.assign(4096, Peak{100.0, 5.0});
     scan.m_precursors = {{500.0, 2}};
-    const std::function<void()> writers[] = {
+    std::vector<std::function<void()>> writers = {
         [] {
             KsFile file;
             open_ks_file(file, "/dev/full", "wb+", "r");
@@ -303,9 +303,14 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
             write_row(table, scan);
             finish_spectrum_file(table.m_head);
         },
-        [&] {
+    };
+    // The mzML, its bytes written where they are made or on a thread of their own.
+    const auto mzml_writer = [&scan](bool writer_thread) {
+        return [&scan, writer_thread] {
             MzmlFile mzml;
             open_on_full_device(mzml.m_head, mzml.m_unfinished_path);
+            start_sink(mzml.m_sink, mzml.m_head.m_stream, mzml.m_unfinished_path, writer_thread,
+                       {});
             mzml.m_index = std::tmpfile();
             MzmlSpectrum spectrum;
             spectrum.m_peaks = scan.m_peaks;
@@ -313,9 +318,11 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
             format_mzml_spectrum(text, spectrum, {}, mzml.m_scratch);
             write_mzml_spectrum(mzml, "scan=1", text);
             finish_mzml_file(mzml);
-        },
+        };
     };
     test::CaptureStream out(std::cout);
+    writers.push_back(mzml_writer(false));
+    writers.push_back(mzml_writer(true));
     for (const auto& write : writers) {
         std::string thrown = "<nothing thrown>";
         try {
