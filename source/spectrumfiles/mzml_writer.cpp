@@ -461,13 +461,13 @@ MzmlPrelude foretold(int64_t expected, int64_t count_offset) {
     return prelude;
 }
 
-// What the sink learns before its first write: the count given, or the input
-// pair read for its digests and scans.
+// What the sink learns before its first write: the input pair's digests and
+// scans when the writer reads them, else nothing.
 std::function<MzmlPrelude()> prelude_job(const MzmlRunInfo& info, const HeaderText& header) {
-    const auto count_offset = static_cast<int64_t>(header.m_text.size());
     if (!info.m_digest_sources) {
-        return [prelude = foretold(info.m_expected_spectra, count_offset)] { return prelude; };
+        return {};
     }
+    const auto count_offset = static_cast<int64_t>(header.m_text.size());
     KS_ASSERT(info.m_sources.size() == 2, "info.m_sources.size() == 2");
     return [first = info.m_sources[0].m_path, second = info.m_sources[1].m_path,
             at = header.m_sha1_at, count_offset] {

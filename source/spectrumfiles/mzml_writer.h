@@ -93,14 +93,12 @@ struct MzmlRunInfo {
     std::vector<MzmlSource> m_sources;
     std::vector<std::pair<std::string, std::string>> m_keys;  // parameters in force
     MzmlOptions m_options;
-    // The spectra the file will hold, when they can be foretold (-1 when not):
-    // the header then carries their count from the start and the checksum is
-    // made as the file is written. A wrong guess costs a read-back at the end.
-    int64_t m_expected_spectra = -1;
     // True: m_sources are the `.ms1`/`.ms2` pair, their SHA-1 left empty. The
     // writer reads them for their SHA-1 and foretells one spectrum per scan they
-    // hold (m_expected_spectra is not read), on its own thread when it has one,
-    // while the first spectra are made; the header waits for them in memory.
+    // hold, on its own thread when it has one, while the first spectra are made;
+    // the header waits for them in memory. With the count foretold the checksum
+    // is made as the file is written; a wrong guess costs a read-back at the end,
+    // as does a file whose sources are given.
     bool m_digest_sources = false;
 };
 
