@@ -3,6 +3,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "encoding.h"
 
 namespace ksieve {
@@ -197,15 +201,16 @@ constexpr int kSymbolBits = 9;
 constexpr uint32_t kSymbolMask = (1U << kSymbolBits) - 1;
 static_assert(kBlockInput + kMaxMatch < (std::size_t{1} << (32 - kSymbolBits)));
 
-// Sorts the first `used` words of `keys` in place by their value, a byte at a
-// time from the lowest, skipping bytes that are the same in every word: a code's
+// Sorts the first `used` words of `keys` in place by their value, given them in
+// order of their low kSymbolBits bits: stably by the bits above, a byte at a
+// time from the lowest, skipping bytes that are the same in every word. A code's
 // few hundred symbols sort in a fraction of the time of a comparison sort.
 template <std::size_t Symbols>
 void radix_sort(std::array<uint32_t, Symbols>& keys, std::size_t used) {
     std::array<uint32_t, Symbols> other;
     uint32_t* from = keys.data();
     uint32_t* to = other.data();
-    for (int shift = 0; shift < 32; shift += 8) {
+    for (int shift = kSymbolBits; shift < 32; shift += 8) {
         std::array<uint32_t, 257> start{};
         for (std::size_t i = 0; i < used; ++i) {
             ++start[((from[i] >> shift) & 0xFF) + 1];
@@ -499,7 +504,7 @@ struct JoinedCodes {
     int m_count;
 };
 
-JoinedCodes join_pair(const PackedCodes& packed, const unsigned char* data) {
+inline JoinedCodes join_pair(const PackedCodes& packed, const unsigned char* data) {
     const uint32_t first = packed[data[0]];
     const uint32_t second = packed[data[1]];
     return {(uint64_t{first >> 8}) | (uint64_t{second >> 8} << (first & 0xFF)),
@@ -507,13 +512,13 @@ JoinedCodes join_pair(const PackedCodes& packed, const unsigned char* data) {
 }
 
 // Four bytes' codes at once, joined as two pairs that do not wait on each other.
-void put_four(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
+inline void put_four(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
     const JoinedCodes low = join_pair(packed, data);
     const JoinedCodes high = join_pair(packed, data + 2);
     bits.put(low.m_bits | (high.m_bits << low.m_count), low.m_count + high.m_count);
 }
 
-void put_three(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
+inline void put_three(BitCursor& bits, const PackedCodes& packed, const unsigned char* data) {
     const JoinedCodes low = join_pair(packed, data);
     const uint32_t last = packed[data[2]];
     bits.put(low.m_bits | (uint64_t{last >> 8} << low.m_count),
@@ -549,17 +554,19 @@ void put_literals(BitWriter& bits, const unsigned char* data, std::size_t size,
 }
 
 void put_dynamic_header(BitWriter& bits, const DynamicHeader& header) {
-    bits.put(static_cast<uint32_t>(header.m_literal_count - 257), 5);
-    bits.put(static_cast<uint32_t>(header.m_distance_count - 1), 5);
-    bits.put(static_cast<uint32_t>(header.m_code_length_count - 4), 4);
+    BitCursor here = bits.cursor();
+    here.put(static_cast<uint32_t>(header.m_literal_count - 257), 5);
+    here.put(static_cast<uint32_t>(header.m_distance_count - 1), 5);
+    here.put(static_cast<uint32_t>(header.m_code_length_count - 4), 4);
     for (std::size_t i = 0; i < header.m_code_length_count; ++i) {
-        bits.put(header.m_code_length.m_lengths[kCodeLengthOrder[i]], 3);
+        here.put(header.m_code_length.m_lengths[kCodeLengthOrder[i]], 3);
     }
     for (std::size_t i = 0; i < header.m_item_count; ++i) {
         const auto& [symbol, value, extra] = header.m_items[i];
-        bits.put(header.m_code_length.m_bits[symbol], header.m_code_length.m_lengths[symbol]);
-        bits.put(value, extra);
+        const int length = header.m_code_length.m_lengths[symbol];
+        here.put(header.m_code_length.m_bits[symbol] | (uint32_t{value} << length), length + extra);
     }
+    bits.resume(here);
 }
 
 // Stored blocks need whole bytes: up to seven bits of padding, then the length
@@ -608,33 +615,39 @@ const std::vector<double>& count_bits_table() {
 // and this guess spares most of that work.
 template <std::size_t Symbols>
 void add_entropy(const std::array<uint32_t, Symbols>& freq, double& bits) {
-    const std::vector<double>& table = count_bits_table();
+    const double* table = count_bits_table().data();
     uint64_t total = 0;
     std::size_t used = 0;
-    for (const uint32_t f : freq) {
+    std::size_t large = 0;
+    // Counts beyond the table (rare: one byte value making up much of a long
+    // block) are added apart, so that this loop calls nothing; four sums, so
+    // that the additions do not wait on one another.
+    const auto add = [&](uint32_t f, double& sum) {
         total += f;
         used += f > 0 ? 1 : 0;
-    }
-    const auto term = [&table](uint32_t f) {
-        return f < kLogTableSize ? table[f]
-                                 : static_cast<double>(f) * std::log2(static_cast<double>(f));
+        large += f >= kLogTableSize ? 1 : 0;
+        sum += table[f < kLogTableSize ? f : 0];
     };
-    // Four sums, so that the additions do not wait on one another.
     double sum0 = 0.0;
     double sum1 = 0.0;
     double sum2 = 0.0;
     double sum3 = 0.0;
     std::size_t s = 0;
     for (; s + 4 <= Symbols; s += 4) {
-        sum0 += term(freq[s]);
-        sum1 += term(freq[s + 1]);
-        sum2 += term(freq[s + 2]);
-        sum3 += term(freq[s + 3]);
+        add(freq[s], sum0);
+        add(freq[s + 1], sum1);
+        add(freq[s + 2], sum2);
+        add(freq[s + 3], sum3);
     }
     for (; s < Symbols; ++s) {
-        sum0 += term(freq[s]);
+        add(freq[s], sum0);
     }
-    const double sum = (sum0 + sum1) + (sum2 + sum3);
+    double sum = (sum0 + sum1) + (sum2 + sum3);
+    for (std::size_t i = 0; large > 0 && i < Symbols; ++i) {
+        if (freq[i] >= kLogTableSize) {
+            sum += static_cast<double>(freq[i]) * std::log2(static_cast<double>(freq[i]));
+        }
+    }
     bits +=
         static_cast<double>(total) * std::log2(static_cast<double>(std::max<uint64_t>(total, 1))) -
         sum + 4.0 * static_cast<double>(used);
@@ -645,10 +658,6 @@ double estimated_bits(const BlockStats& stats) {
     add_entropy(stats.m_literal_freq, bits);
     add_entropy(stats.m_distance_freq, bits);
     return bits;
-}
-
-bool fitted_codes_may_pay(const BlockStats& stats, uint64_t best) {
-    return estimated_bits(stats) < static_cast<double>(best);
 }
 
 // Numbers with full mantissas, as most peak arrays hold, do not shrink: when
@@ -691,9 +700,21 @@ bool words_repeat(const unsigned char* data, int32_t from, int32_t to, DeflateSc
     return repeats * kRepeatedWordShare * 4 >= static_cast<std::size_t>(to - from);
 }
 
+// Below this many bytes, a block's counts go straight into one table: clearing
+// and adding up four would take longer than the counting they speed up.
+constexpr std::size_t kOneTableBytes = 2048;
+
 // The bytes' counts, in four tables so that a byte that recurs at once (the
 // high byte of every number) does not wait on its own previous count.
 BlockStats byte_stats(const unsigned char* data, std::size_t size) {
+    BlockStats bytes;
+    bytes.m_literal_freq[kEndOfBlock] = 1;
+    if (size < kOneTableBytes) {
+        for (std::size_t i = 0; i < size; ++i) {
+            ++bytes.m_literal_freq[data[i]];
+        }
+        return bytes;
+    }
     std::array<std::array<uint32_t, 256>, 4> counts{};
     std::size_t i = 0;
     for (; i + 4 <= size; i += 4) {
@@ -705,30 +726,29 @@ BlockStats byte_stats(const unsigned char* data, std::size_t size) {
     for (; i < size; ++i) {
         ++counts[0][data[i]];
     }
-    BlockStats bytes;
     for (std::size_t b = 0; b < 256; ++b) {
         bytes.m_literal_freq[b] = counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
     }
-    bytes.m_literal_freq[kEndOfBlock] = 1;
     return bytes;
 }
 
-bool worth_coding(const BlockStats& bytes, std::size_t size) {
-    return estimated_bits(bytes) < std::min(kWorthwhileShare * static_cast<double>(8 * size),
-                                            static_cast<double>(8 * size) - kWorthwhileBits);
+bool worth_coding(double estimate, std::size_t size) {
+    return estimate < std::min(kWorthwhileShare * static_cast<double>(8 * size),
+                               static_cast<double>(8 * size) - kWorthwhileBits);
 }
 
 // One block in whichever of the three forms is smallest; `put` sends its
-// symbols under the literal and distance codes it is given.
+// symbols under the literal and distance codes it is given. `estimate` is
+// estimated_bits(stats): codes are fitted only when it could beat the others.
 template <typename PutSymbols>
 void put_block(BitWriter& bits, std::string& out, const unsigned char* block, std::size_t size,
-               bool final, const BlockStats& stats, const PutSymbols& put) {
+               bool final, const BlockStats& stats, double estimate, const PutSymbols& put) {
     const uint64_t fixed_bits = 3 + symbol_bits(stats, fixed_literal_code(), fixed_distance_code());
     const uint64_t stored = stored_bits(size);
     uint64_t best = std::min(fixed_bits, stored);
     DynamicHeader dynamic;
     uint64_t dynamic_bits = UINT64_MAX;
-    if (fitted_codes_may_pay(stats, best)) {
+    if (estimate < static_cast<double>(best)) {
         plan_dynamic(stats, dynamic);
         dynamic_bits =
             3 + dynamic.m_bits + symbol_bits(stats, dynamic.m_literal, dynamic.m_distance);
@@ -766,14 +786,15 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
             std::min<std::size_t>(size, static_cast<std::size_t>(pos) + kBlockInput));
         const auto length = static_cast<std::size_t>(target - pos);
         const BlockStats bytes = byte_stats(data + pos, length);
-        if (!worth_coding(bytes, length)) {
+        const double estimate = estimated_bits(bytes);
+        if (!worth_coding(estimate, length)) {
             out.resize(out.size() + stored_bits(length) / 8 + kWriterRoom);
             put_stored(bits, out, data + pos, length, target == total);
             pos = target;
             continue;
         }
         if (!words_repeat(data, pos, target, scratch)) {
-            put_block(bits, out, data + pos, length, target == total, bytes,
+            put_block(bits, out, data + pos, length, target == total, bytes, estimate,
                       [&](const auto& literal, const auto&) {
                           put_literals(bits, data + pos, length, literal);
                       });
@@ -785,7 +806,7 @@ void deflate_blocks(const unsigned char* data, std::size_t size, std::string& ou
         const int32_t end = parse_block(data, total, pos, target, scratch, stats);
         stats.m_literal_freq[kEndOfBlock] = 1;
         put_block(bits, out, data + pos, static_cast<std::size_t>(end - pos), end == total, stats,
-                  [&](const auto& literal, const auto& distance) {
+                  estimated_bits(stats), [&](const auto& literal, const auto& distance) {
                       put_symbols(bits, scratch.m_symbols, literal, distance);
                   });
         pos = end;
@@ -803,20 +824,62 @@ void stored_only(const unsigned char* data, std::size_t size, std::string& out) 
 
 }  // namespace
 
+namespace {
+
+constexpr uint32_t kAdlerModulus = 65521;
+// 5552 bytes is the most that can be summed before 32 bits could overflow.
+constexpr std::size_t kAdlerRun = 5552;
+
+#if defined(__SSE2__)
+// The sums of a run's whole 16-byte blocks, added to `a` and `b` (the running
+// sums before them, below the modulus): per block, b gains 16 times a and the
+// bytes weighted 16 down to 1, and a gains the bytes. Sixteen bytes are summed
+// and weighted at once; returns the bytes taken.
+std::size_t adler_blocks(const unsigned char* data, std::size_t size, uint32_t& a, uint32_t& b) {
+    const std::size_t blocks = size / 16;
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i high_weights = _mm_setr_epi16(16, 15, 14, 13, 12, 11, 10, 9);
+    const __m128i low_weights = _mm_setr_epi16(8, 7, 6, 5, 4, 3, 2, 1);
+    __m128i byte_sums = zero;    // a's gain so far, in two lanes
+    __m128i prefix_sums = zero;  // the byte sums before each block, added up
+    __m128i weighted = zero;
+    for (std::size_t k = 0; k < blocks; ++k) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + 16 * k));
+        prefix_sums = _mm_add_epi32(prefix_sums, byte_sums);
+        byte_sums = _mm_add_epi32(byte_sums, _mm_sad_epu8(bytes, zero));
+        weighted = _mm_add_epi32(
+            weighted, _mm_add_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(bytes, zero), high_weights),
+                                    _mm_madd_epi16(_mm_unpackhi_epi8(bytes, zero), low_weights)));
+    }
+    const auto lanes = [](__m128i v) {
+        alignas(16) uint32_t lane[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(lane), v);
+        return uint64_t{lane[0]} + lane[1] + lane[2] + lane[3];
+    };
+    const uint64_t new_b = b + 16 * (uint64_t{a} * blocks + lanes(prefix_sums)) + lanes(weighted);
+    a = static_cast<uint32_t>(a + lanes(byte_sums));
+    b = static_cast<uint32_t>(new_b % kAdlerModulus);
+    return 16 * blocks;
+}
+#endif
+
+}  // namespace
+
 uint32_t adler32(const unsigned char* data, std::size_t size) {
-    constexpr uint32_t kModulus = 65521;
-    // 5552 bytes is the most that can be summed before 32 bits could overflow.
-    constexpr std::size_t kRun = 5552;
     uint32_t a = 1;
     uint32_t b = 0;
     while (size > 0) {
-        const std::size_t run = std::min(size, kRun);
-        for (std::size_t i = 0; i < run; ++i) {
+        const std::size_t run = std::min(size, kAdlerRun);
+        std::size_t i = 0;
+#if defined(__SSE2__)
+        i = adler_blocks(data, run, a, b);
+#endif
+        for (; i < run; ++i) {
             a += data[i];
             b += a;
         }
-        a %= kModulus;
-        b %= kModulus;
+        a %= kAdlerModulus;
+        b %= kAdlerModulus;
         data += run;
         size -= run;
     }

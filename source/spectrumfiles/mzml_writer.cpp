@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "mzml_writer.h"
 #include "utils.h"
@@ -20,7 +21,7 @@ constexpr std::size_t kCountField = 12;
 constexpr std::size_t kHashBufferSize = std::size_t{1} << 20;
 
 // What a character becomes in XML text, or nullptr when it stays as it is.
-const char* escape_of(char c) {
+constexpr const char* escape_of(char c) {
     switch (c) {
         case '&':
             return "&amp;";
@@ -41,54 +42,78 @@ const char* escape_of(char c) {
     }
 }
 
+// By byte: true when escape_of leaves it as it is.
+constexpr std::array<bool, 256> kPlainBytes = [] {
+    std::array<bool, 256> plain{};
+    for (std::size_t b = 0; b < plain.size(); ++b) {
+        plain[b] = escape_of(static_cast<char>(b)) == nullptr;
+    }
+    return plain;
+}();
+
 // Plain runs of the text go out whole.
-void append_escaped(std::string& out, const std::string& text) {
+void append_escaped(std::string& out, std::string_view text) {
     std::size_t plain_from = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (const char* escaped = escape_of(text[i])) {
-            out.append(text, plain_from, i - plain_from);
-            out += escaped;
+        if (!kPlainBytes[static_cast<unsigned char>(text[i])]) {
+            out.append(text.substr(plain_from, i - plain_from));
+            out += escape_of(text[i]);
             plain_from = i + 1;
         }
     }
-    out.append(text, plain_from);
+    out.append(text.substr(plain_from));
 }
 
-std::string number_text(double value) {
-    char buffer[32];
-    const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value);
-    KS_ASSERT(error == std::errc(), "error == std::errc()");
-    return std::string(buffer, end);
+// The shortest text that reads back as the same number, made without allocating.
+struct NumberText {
+    std::array<char, 32> m_buffer;
+    std::size_t m_size = 0;
+    template <typename Number>
+    explicit NumberText(Number value) {
+        const auto [end, error] =
+            std::to_chars(m_buffer.data(), m_buffer.data() + m_buffer.size(), value);
+        KS_ASSERT(error == std::errc(), "error == std::errc()");
+        m_size = static_cast<std::size_t>(end - m_buffer.data());
+    }
+    operator std::string_view() const { return {m_buffer.data(), m_size}; }
+};
+
+NumberText number_text(double value) {
+    return NumberText(value);
 }
 
-// One cvParam line; `unit` is "" or the unit attributes with a leading blank.
-void append_cv(std::string& out, const char* accession, const char* name,
-               const std::string& value = "", const char* unit = "") {
-    out += "<cvParam cvRef=\"MS\" accession=\"";
+NumberText count_text(std::size_t count) {
+    return NumberText(count);
+}
+
+// One cvParam line; `unit` is empty or the unit attributes with a leading blank.
+void append_cv(std::string& out, std::string_view accession, std::string_view name,
+               std::string_view value = {}, std::string_view unit = {}) {
+    out += R"(<cvParam cvRef="MS" accession=")";
     out += accession;
-    out += "\" name=\"";
+    out += R"(" name=")";
     out += name;
-    out += "\" value=\"";
+    out += R"(" value=")";
     append_escaped(out, value);
     out += '"';
     out += unit;
     out += "/>\n";
 }
 
-void append_user(std::string& out, const std::string& name, const std::string& value,
-                 const char* type) {
-    out += "<userParam name=\"";
+void append_user(std::string& out, std::string_view name, std::string_view value,
+                 std::string_view type) {
+    out += R"(<userParam name=")";
     append_escaped(out, name);
-    out += "\" type=\"";
+    out += R"(" type=")";
     out += type;
-    out += "\" value=\"";
+    out += R"(" value=")";
     append_escaped(out, value);
     out += "\"/>\n";
 }
 
-constexpr const char* kMzUnit = " unitCvRef=\"MS\" unitAccession=\"MS:1000040\" unitName=\"m/z\"";
-constexpr const char* kCountsUnit =
-    " unitCvRef=\"MS\" unitAccession=\"MS:1000131\" unitName=\"number of detector counts\"";
+constexpr std::string_view kMzUnit = R"( unitCvRef="MS" unitAccession="MS:1000040" unitName="m/z")";
+constexpr std::string_view kCountsUnit =
+    R"( unitCvRef="MS" unitAccession="MS:1000131" unitName="number of detector counts")";
 
 // An xs:ID for the run: ids may not start with a digit or hold blanks.
 std::string run_id(const std::string& stem) {
@@ -193,7 +218,7 @@ void write_text(MzmlFile& file, const char* data, std::size_t size) {
     file.m_offset += static_cast<int64_t>(size);
 }
 
-void write_text(MzmlFile& file, const std::string& text) {
+void write_text(MzmlFile& file, std::string_view text) {
     write_text(file, text.data(), text.size());
 }
 
@@ -207,27 +232,32 @@ std::string count_field(int64_t count) {
 
 namespace {
 
+// The peaks' m/z or intensities as little-endian numbers of `Number`, into
+// `bytes`, sized once.
 template <typename Number>
-void append_little_endian(std::string& bytes, Number value) {
-    std::array<unsigned char, sizeof(Number)> raw;
-    std::memcpy(raw.data(), &value, sizeof(Number));
-    if constexpr (std::endian::native == std::endian::big) {
-        std::reverse(raw.begin(), raw.end());
+void pack_numbers(std::string& bytes, std::span<const Peak> peaks, double Peak::*field) {
+    bytes.resize(peaks.size() * sizeof(Number));
+    char* at = bytes.data();
+    for (const Peak& peak : peaks) {
+        const auto value = static_cast<Number>(peak.*field);
+        std::array<char, sizeof(Number)> raw;
+        std::memcpy(raw.data(), &value, sizeof(Number));
+        if constexpr (std::endian::native == std::endian::big) {
+            std::reverse(raw.begin(), raw.end());
+        }
+        std::memcpy(at, raw.data(), sizeof(Number));
+        at += sizeof(Number);
     }
-    bytes.append(reinterpret_cast<const char*>(raw.data()), raw.size());
 }
 
 // One peak array: m/z as 64-bit, intensity as 32-bit floats, zlib-compressed
 // unless switched off, then base64.
 void append_array(std::string& out, const MzmlSpectrum& spectrum, bool mz,
                   const MzmlOptions& options, MzmlScratch& scratch) {
-    scratch.m_bytes.clear();
-    for (const Peak& peak : spectrum.m_peaks) {
-        if (mz) {
-            append_little_endian(scratch.m_bytes, peak.m_mz);
-        } else {
-            append_little_endian(scratch.m_bytes, static_cast<float>(peak.m_intensity));
-        }
+    if (mz) {
+        pack_numbers<double>(scratch.m_bytes, spectrum.m_peaks, &Peak::m_mz);
+    } else {
+        pack_numbers<float>(scratch.m_bytes, spectrum.m_peaks, &Peak::m_intensity);
     }
     const auto* raw = reinterpret_cast<const unsigned char*>(scratch.m_bytes.data());
     const std::string* payload = &scratch.m_bytes;
@@ -237,7 +267,9 @@ void append_array(std::string& out, const MzmlSpectrum& spectrum, bool mz,
         payload = &scratch.m_packed;
     }
     const std::size_t encoded = (payload->size() + 2) / 3 * 4;
-    out += "<binaryDataArray encodedLength=\"" + std::to_string(encoded) + "\">\n";
+    out += R"(<binaryDataArray encodedLength=")";
+    out += count_text(encoded);
+    out += "\">\n";
     append_cv(out, mz ? "MS:1000523" : "MS:1000521", mz ? "64-bit float" : "32-bit float");
     append_cv(out, options.m_compress ? "MS:1000574" : "MS:1000576",
               options.m_compress ? "zlib compression" : "no compression");
@@ -294,7 +326,7 @@ void append_precursor(std::string& out, const MzmlSpectrum& spectrum, const Mzml
               number_text(spectrum.m_isolation_upper), kMzUnit);
     out += "</isolationWindow>\n<selectedIonList count=\"1\">\n<selectedIon>\n";
     append_cv(out, "MS:1000744", "selected ion m/z", number_text(ion.m_mz), kMzUnit);
-    append_cv(out, "MS:1000041", "charge state", std::to_string(ion.m_charge));
+    append_cv(out, "MS:1000041", "charge state", NumberText(ion.m_charge));
     if (ion.m_intensity) {
         append_cv(out, "MS:1000042", "peak intensity", number_text(*ion.m_intensity), kCountsUnit);
     }
@@ -426,15 +458,19 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
                           const MzmlOptions& options, MzmlScratch& scratch) {
     text = "id=\"";
     append_escaped(text, mzml_spectrum_id(spectrum.m_native_id, spectrum.m_scan));
-    text += "\" defaultArrayLength=\"" + std::to_string(spectrum.m_peaks.size()) + "\">\n";
-    append_cv(text, "MS:1000511", "ms level", std::to_string(spectrum.m_ms_level));
+    text += R"(" defaultArrayLength=")";
+    text += count_text(spectrum.m_peaks.size());
+    text += "\">\n";
+    append_cv(text, "MS:1000511", "ms level", NumberText(spectrum.m_ms_level));
     const bool ms1 = spectrum.m_ms_level == 1;
     append_cv(text, ms1 ? "MS:1000579" : "MS:1000580", ms1 ? "MS1 spectrum" : "MSn spectrum");
     append_cv(text, spectrum.m_centroid ? "MS:1000127" : "MS:1000128",
               spectrum.m_centroid ? "centroid spectrum" : "profile spectrum");
     append_scan(text, spectrum);
     if (!spectrum.m_precursors.empty()) {
-        text += "<precursorList count=\"" + std::to_string(spectrum.m_precursors.size()) + "\">\n";
+        text += R"(<precursorList count=")";
+        text += count_text(spectrum.m_precursors.size());
+        text += "\">\n";
         for (const MzmlPrecursor& ion : spectrum.m_precursors) {
             append_precursor(text, spectrum, ion, options);
         }
@@ -510,12 +546,16 @@ void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, b
 }
 
 void write_mzml_spectrum(MzmlFile& file, const std::string& id, const std::string& text) {
-    std::string entry = "<offset idRef=\"";
+    std::string entry = R"(<offset idRef=")";
     append_escaped(entry, id);
-    entry += "\">" + std::to_string(file.m_offset) + "</offset>\n";
+    entry += "\">";
+    entry += NumberText(file.m_offset);
+    entry += "</offset>\n";
     check_written(std::fwrite(entry.data(), 1, entry.size(), file.m_index) == entry.size(),
                   file.m_unfinished_path + " (its index)");
-    write_text(file, "<spectrum index=\"" + std::to_string(file.m_head.m_scan_count++) + "\" ");
+    write_text(file, R"(<spectrum index=")");
+    write_text(file, NumberText(file.m_head.m_scan_count++));
+    write_text(file, "\" ");
     write_text(file, text);
 }
 

@@ -333,16 +333,27 @@ TEST(ZlibCompress, ShortArraysAreStoredUnlessTheyShrinkALot) {
     EXPECT_LT(compressed(zeros).size(), 40U);
 }
 
-TEST(Adler32, AgreesWithZlib) {
+// Sums are taken sixteen bytes at a time where the processor allows: every
+// length and starting byte around those blocks, and bytes of 255 throughout,
+// which bring the sums nearest to overflowing before each reduction.
+TEST(Adler32, AgreesWithZlibAtEveryLengthAndOffset) {
     std::vector<unsigned char> data(20000);
     for (std::size_t i = 0; i < data.size(); ++i) {
         data[i] = static_cast<unsigned char>(255 - i % 251);  // long runs of high bytes
     }
-    for (std::size_t size :
-         {std::size_t{0}, std::size_t{1}, std::size_t{5552}, std::size_t{5553}, data.size()}) {
-        EXPECT_EQ(adler32(data.data(), size), ::adler32(1, data.data(), static_cast<uInt>(size)))
-            << size;
+    const auto expect_zlib = [](const unsigned char* bytes, std::size_t size) {
+        EXPECT_EQ(adler32(bytes, size), ::adler32(1, bytes, static_cast<uInt>(size))) << size;
+    };
+    for (std::size_t offset = 0; offset < 16; ++offset) {
+        for (std::size_t size = 0; size <= 100; ++size) {
+            expect_zlib(data.data() + offset, size);
+        }
     }
+    for (const std::size_t size : {std::size_t{5552}, std::size_t{5553}, std::size_t{19999}}) {
+        expect_zlib(data.data(), size);
+    }
+    const std::vector<unsigned char> full(3 * 5552 + 37, 255);
+    expect_zlib(full.data(), full.size());
 }
 
 TEST(Base64, KnownTextsWithEveryPadding) {
@@ -359,6 +370,34 @@ TEST(Base64, KnownTextsWithEveryPadding) {
         const std::size_t size = std::strlen(plain) + (std::strcmp(encoded, "//4A") == 0 ? 1 : 0);
         base64_append(out, reinterpret_cast<const unsigned char*>(plain), size);
         EXPECT_EQ(out, std::string("=") + encoded) << plain;
+    }
+}
+
+// Digits worked out bit by bit, six at a time, for every length and starting
+// byte around the twelve that the processor's vector code takes at once.
+TEST(Base64, EveryLengthAndOffsetGivesTheDigitsOfItsBits) {
+    const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::mt19937 random(5);
+    std::vector<unsigned char> bytes(120);
+    for (unsigned char& b : bytes) {
+        b = static_cast<unsigned char>(random());
+    }
+    for (std::size_t offset = 0; offset < 4; ++offset) {
+        for (std::size_t size = 0; size + offset <= bytes.size(); ++size) {
+            std::string expected;
+            for (std::size_t bit = 0; bit < 8 * size; bit += 6) {
+                int group = 0;
+                for (std::size_t k = bit; k < bit + 6; ++k) {
+                    const bool set = k < 8 * size && ((bytes[offset + k / 8] >> (7 - k % 8)) & 1);
+                    group = 2 * group + (set ? 1 : 0);
+                }
+                expected += digits[static_cast<std::size_t>(group)];
+            }
+            expected.append((4 - expected.size() % 4) % 4, '=');
+            std::string out;
+            base64_append(out, bytes.data() + offset, size);
+            EXPECT_EQ(out, expected) << offset << " " << size;
+        }
     }
 }
 
