@@ -196,8 +196,8 @@ struct MzmlStage {
     std::unique_ptr<MzmlHelper> m_helper;  // none with one thread
 };
 MzmlOptions mzml_options(const UserParameters& params);
-// Opens the file; its writer hashes the `.ms1`/`.ms2` pair for the header, on a
-// thread of its own when there are several.
+// Opens the file; its writer hashes the `.ms1`/`.ms2` pair for the header, on
+// the thread that writes the file.
 void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileContext& file);
 // An MS1 scan the pipeline has just read with `reader`, the next in file order.
 void offer_mzml_ms1(MzmlStage& stage, const MS1Spectrum& scan, const LineFile& reader);

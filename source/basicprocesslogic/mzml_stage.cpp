@@ -256,7 +256,7 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     info.m_options.m_native_ids = !first_id.empty();
     info.m_native_id_format = native_id_format(first_id);
     const bool threads = detection_threads(params) > 1;
-    open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info, threads);
+    open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
     if (threads) {
         stage.m_helper = std::make_unique<MzmlHelper>();
         stage.m_helper->m_thread = std::thread(encode_waiting, std::ref(stage));

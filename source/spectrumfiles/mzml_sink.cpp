@@ -1,6 +1,6 @@
 // The mzML's bytes on their way to the file: gathered a mebibyte at a time, then
-// hashed for the closing checksum and written, in order, at once or on a thread
-// of their own while the pipeline goes on.
+// hashed for the closing checksum and written, in order, on a thread of their
+// own while the pipeline goes on.
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
@@ -117,14 +117,9 @@ void throw_failure(MzmlSinkThread& worker) {
     }
 }
 
-// Passes the gathered bytes on; with a thread, waits while too many are on
-// their way and raises the failure of any written before.
+// Passes the gathered bytes on; waits while too many are on their way and
+// raises the failure of any written before.
 void hand_over(MzmlSink& sink) {
-    if (!sink.m_thread) {
-        hash_and_write(sink, sink.m_gathering);
-        sink.m_gathering.clear();
-        return;
-    }
     MzmlSinkThread& worker = *sink.m_thread;
     std::unique_lock lock(worker.m_mutex);
     worker.m_changed.wait(lock, [&] { return worker.m_full.size() < kChunksInFlight; });
@@ -154,15 +149,11 @@ MzmlSink::~MzmlSink() {
     m_thread->m_thread.join();
 }
 
-void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread,
+void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path,
                 std::function<MzmlPrelude()> prelude) {
     sink.m_stream = stream;
     sink.m_path = path;
     sink.m_gathering.reserve(kChunkBytes);
-    if (!own_thread) {
-        take_prelude(sink, prelude);
-        return;
-    }
     sink.m_thread = std::make_unique<MzmlSinkThread>();
     sink.m_thread->m_prelude = std::move(prelude);
     sink.m_thread->m_thread = std::thread(write_handed_over, std::ref(sink));
@@ -179,8 +170,8 @@ void drain_sink(MzmlSink& sink) {
     if (!sink.m_gathering.empty()) {
         hand_over(sink);
     }
-    if (sink.m_thread) {
-        MzmlSinkThread& worker = *sink.m_thread;
+    MzmlSinkThread& worker = *sink.m_thread;
+    {
         std::unique_lock lock(worker.m_mutex);
         worker.m_changed.wait(lock, [&] { return worker.m_full.empty(); });
         throw_failure(worker);

@@ -517,7 +517,7 @@ std::function<MzmlPrelude()> prelude_job(const MzmlRunInfo& info, const HeaderTe
 
 }  // namespace
 
-void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread) {
+void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info) {
     file.m_unfinished_path = path + "_unfinished";
     file.m_options = info.m_options;
     file.m_offset = 0;
@@ -536,7 +536,7 @@ void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, b
     file.m_head.m_stream = open_file(file.m_unfinished_path, file.m_head.m_mode, "");
     // The sink gathers whole mebibytes; a buffer of the stream's own would only copy them.
     std::setvbuf(file.m_head.m_stream, nullptr, _IONBF, 0);
-    start_sink(file.m_sink, file.m_head.m_stream, file.m_unfinished_path, writer_thread,
+    start_sink(file.m_sink, file.m_head.m_stream, file.m_unfinished_path,
                prelude_job(info, header));
     file.m_index = std::tmpfile();
     check_written(file.m_index != nullptr, file.m_unfinished_path + " (its index)");

@@ -95,7 +95,7 @@ struct MzmlRunInfo {
     MzmlOptions m_options;
     // True: m_sources are the `.ms1`/`.ms2` pair, their SHA-1 left empty. The
     // writer reads them for their SHA-1 and foretells one spectrum per scan they
-    // hold, on its own thread when it has one, while the first spectra are made;
+    // hold, on its own thread, while the first spectra are made;
     // the header waits for them in memory. With the count foretold the checksum
     // is made as the file is written; a wrong guess costs a read-back at the end,
     // as does a file whose sources are given.
@@ -120,8 +120,9 @@ struct MzmlPrelude {
 };
 
 // Where the file's bytes go: gathered into writes of a mebibyte, each hashed
-// for the closing checksum as it is written, on the sink's own thread when it
-// has one. The thread, when there is one, is stopped before the sink goes.
+// for the closing checksum as it is written, on the sink's own thread, at any
+// thread count: the work of writing and hashing, not of making the output. The
+// thread, once started, is stopped before the sink goes.
 struct MzmlSink {
     std::FILE* m_stream = nullptr;
     std::string m_path;  // named by a failed write
@@ -135,10 +136,9 @@ struct MzmlSink {
     ~MzmlSink();
 };
 
-// Starts the sink on an open stream. `prelude` (when given) runs first, on the
-// sink's own thread with `own_thread`, else at once; what it throws is thrown
-// by the sink's next call.
-void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path, bool own_thread,
+// Starts the sink and its thread on an open stream. `prelude` (when given) runs
+// first, on the sink's thread; what it throws is thrown by the sink's next call.
+void start_sink(MzmlSink& sink, std::FILE* stream, const std::string& path,
                 std::function<MzmlPrelude()> prelude);
 // Takes `size` bytes for the file; throws the WriteFailure of an earlier write.
 void sink_write(MzmlSink& sink, const char* data, std::size_t size);
@@ -161,9 +161,9 @@ struct MzmlFile {
 };
 
 // Opens <path>_unfinished (logging "Start to process <path>") and writes the
-// header up to the opening of the spectrum list; with `writer_thread` the
-// writes, their hashing and the digests of the sources run on a thread of their own.
-void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info, bool writer_thread);
+// header up to the opening of the spectrum list; the writes, their hashing and
+// the digests of the sources run on the sink's thread.
+void open_mzml_file(MzmlFile& file, std::string path, const MzmlRunInfo& info);
 // The text of one spectrum, replacing `text`, for write_mzml_spectrum.
 void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
                           const MzmlOptions& options, MzmlScratch& scratch);

@@ -61,7 +61,7 @@ TEST(MzmlWriter, IndexCountAndChecksumDescribeTheFileWithHostileTextEscaped) {
     {
         const test::CaptureStream out(std::cout);
         MzmlFile file;
-        open_mzml_file(file, path, info, false);
+        open_mzml_file(file, path, info);
         std::string text;
         for (const MzmlSpectrum* spectrum : {&ms1, &ms2}) {
             format_mzml_spectrum(text, *spectrum, info.m_options, file.m_scratch);
@@ -123,8 +123,7 @@ MzmlRunInfo survey_info() {
 }
 
 // Writes `count` survey scans of 4000 peaks each and returns the file's text.
-std::string write_survey_scans(const std::string& path, const MzmlRunInfo& info, bool writer_thread,
-                               int count) {
+std::string write_survey_scans(const std::string& path, const MzmlRunInfo& info, int count) {
     MzmlSpectrum scan;
     std::vector<Peak> list;
     for (int i = 0; i < 4000; ++i) {
@@ -133,7 +132,7 @@ std::string write_survey_scans(const std::string& path, const MzmlRunInfo& info,
     scan.m_peaks = list;
     const test::CaptureStream out(std::cout);
     MzmlFile file;
-    open_mzml_file(file, path, info, writer_thread);
+    open_mzml_file(file, path, info);
     std::string text;
     for (int i = 1; i <= count; ++i) {
         scan.m_scan = i;
@@ -148,11 +147,10 @@ std::string write_survey_scans(const std::string& path, const MzmlRunInfo& info,
 // The writer may read the input pair itself, for the digests its header names
 // and for the spectrum count it foretells (one spectrum per scan line), while
 // the first spectra are made, so that the checksum is made as the bytes go
-// out; its writes and hashing may run on a thread of their own. A right guess,
-// one too high and one too low, with and without the thread, must each give
-// the file written with the digests given, over mebibytes of writes, with a
-// checksum of what the file really holds; the longer input lies past the
-// hashing buffer, the shorter not.
+// out. A right guess, one too high and one too low must each give the file
+// written with the digests given, over mebibytes of writes, with a checksum of
+// what the file really holds; the longer input lies past the hashing buffer,
+// the shorter not.
 TEST(MzmlWriter, DigestsTheInputPairAndForetellsTheCountAsItWrites) {
     const test::TempDir dir;
     const int count = 90;
@@ -170,7 +168,7 @@ TEST(MzmlWriter, DigestsTheInputPairAndForetellsTheCountAsItWrites) {
         MzmlRunInfo given = survey_info();
         given.m_sources = {{dir.file("in.ms1"), sha1_text(ms1)},
                            {dir.file("in.ms2"), sha1_text(ms2)}};
-        const std::string reference = write_survey_scans(dir.file("a.mzML"), given, false, count);
+        const std::string reference = write_survey_scans(dir.file("a.mzML"), given, count);
         ASSERT_GT(reference.size(), std::size_t{5} << 20);
         EXPECT_NE(reference.find("<spectrumList count=\"90\" "), std::string::npos);
         const std::string mark = "<fileChecksum>";
@@ -179,12 +177,9 @@ TEST(MzmlWriter, DigestsTheInputPairAndForetellsTheCountAsItWrites) {
         MzmlRunInfo digested = survey_info();
         digested.m_sources = {{dir.file("in.ms1"), ""}, {dir.file("in.ms2"), ""}};
         digested.m_digest_sources = true;
-        for (const bool thread : {false, true}) {
-            // Compared whole, not printed: the file runs to mebibytes.
-            EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), digested, thread, count) ==
-                        reference)
-                << ms2_scans << " MS2 scans" << (thread ? ", writer thread" : "");
-        }
+        // Compared whole, not printed: the file runs to mebibytes.
+        EXPECT_TRUE(write_survey_scans(dir.file("b.mzML"), digested, count) == reference)
+            << ms2_scans << " MS2 scans";
     }
 }
 

@@ -304,25 +304,20 @@ TEST(OutputWriters, AFullDeviceIsAFailureThatNamesTheFile) {
             finish_spectrum_file(table.m_head);
         },
     };
-    // The mzML, its bytes written where they are made or on a thread of their own.
-    const auto mzml_writer = [&scan](bool writer_thread) {
-        return [&scan, writer_thread] {
-            MzmlFile mzml;
-            open_on_full_device(mzml.m_head, mzml.m_unfinished_path);
-            start_sink(mzml.m_sink, mzml.m_head.m_stream, mzml.m_unfinished_path, writer_thread,
-                       {});
-            mzml.m_index = std::tmpfile();
-            MzmlSpectrum spectrum;
-            spectrum.m_peaks = scan.m_peaks;
-            std::string text;
-            format_mzml_spectrum(text, spectrum, {}, mzml.m_scratch);
-            write_mzml_spectrum(mzml, "scan=1", text);
-            finish_mzml_file(mzml);
-        };
-    };
+    // The mzML, its bytes written on the sink's own thread.
+    writers.push_back([&scan] {
+        MzmlFile mzml;
+        open_on_full_device(mzml.m_head, mzml.m_unfinished_path);
+        start_sink(mzml.m_sink, mzml.m_head.m_stream, mzml.m_unfinished_path, {});
+        mzml.m_index = std::tmpfile();
+        MzmlSpectrum spectrum;
+        spectrum.m_peaks = scan.m_peaks;
+        std::string text;
+        format_mzml_spectrum(text, spectrum, {}, mzml.m_scratch);
+        write_mzml_spectrum(mzml, "scan=1", text);
+        finish_mzml_file(mzml);
+    });
     test::CaptureStream out(std::cout);
-    writers.push_back(mzml_writer(false));
-    writers.push_back(mzml_writer(true));
     for (const auto& write : writers) {
         std::string thrown = "<nothing thrown>";
         try {
