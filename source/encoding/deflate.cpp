@@ -596,8 +596,9 @@ void put_stored(BitWriter& bits, std::string& out, const unsigned char* data, st
     } while (pos < size);
 }
 
-// x log2 x for the small counts, which most symbols of a peak array have.
-constexpr std::size_t kLogTableSize = 4096;
+// x log2 x for the small counts, which most symbols of a peak array have; a
+// table of 8 KiB, so that it stays in the first-level cache.
+constexpr std::size_t kLogTableSize = 1024;
 const std::vector<double>& count_bits_table() {
     static const std::vector<double> table = [] {
         std::vector<double> values(kLogTableSize, 0.0);
@@ -686,6 +687,8 @@ uint32_t load32(const unsigned char* p) {
 bool words_repeat(const unsigned char* data, int32_t from, int32_t to, DeflateScratch& scratch) {
     uint32_t* seen = scratch.m_words.data();
     const uint32_t base = scratch.m_base;
+    const auto needed = (static_cast<std::size_t>(to - from) + 4 * kRepeatedWordShare - 1) /
+                        (4 * kRepeatedWordShare);
     std::size_t repeats = 0;
     for (int32_t pos = from; pos + 4 <= to; pos += 4) {
         const uint32_t word = load32(data + pos);
@@ -696,8 +699,11 @@ bool words_repeat(const unsigned char* data, int32_t from, int32_t to, DeflateSc
         if (stored > base && pos - earlier <= kWindow && load32(data + earlier) == word) {
             ++repeats;
         }
+        if (repeats >= needed) {
+            return true;
+        }
     }
-    return repeats * kRepeatedWordShare * 4 >= static_cast<std::size_t>(to - from);
+    return false;
 }
 
 // Below this many bytes, a block's counts go straight into one table: clearing
