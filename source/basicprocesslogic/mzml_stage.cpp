@@ -255,9 +255,8 @@ void open_mzml_stage(MzmlStage& stage, const UserParameters& params, const FileC
     const std::string& first_id = any ? stage.m_scan.m_native_id : "";
     info.m_options.m_native_ids = !first_id.empty();
     info.m_native_id_format = native_id_format(first_id);
-    const bool threads = detection_threads(params) > 1;
     open_mzml_file(stage.m_file, output_path(file, kMzmlSuffix), info);
-    if (threads) {
+    if (detection_threads(params) > 1) {
         stage.m_helper = std::make_unique<MzmlHelper>();
         stage.m_helper->m_thread = std::thread(encode_waiting, std::ref(stage));
     }

@@ -78,14 +78,6 @@ struct NumberText {
     operator std::string_view() const { return {m_buffer.data(), m_size}; }
 };
 
-NumberText number_text(double value) {
-    return NumberText(value);
-}
-
-NumberText count_text(std::size_t count) {
-    return NumberText(count);
-}
-
 // One cvParam line; `unit` is empty or the unit attributes with a leading blank.
 void append_cv(std::string& out, std::string_view accession, std::string_view name,
                std::string_view value = {}, std::string_view unit = {}) {
@@ -268,7 +260,7 @@ void append_array(std::string& out, const MzmlSpectrum& spectrum, bool mz,
     }
     const std::size_t encoded = (payload->size() + 2) / 3 * 4;
     out += R"(<binaryDataArray encodedLength=")";
-    out += count_text(encoded);
+    out += NumberText(encoded);
     out += "\">\n";
     append_cv(out, mz ? "MS:1000523" : "MS:1000521", mz ? "64-bit float" : "32-bit float");
     append_cv(out, options.m_compress ? "MS:1000574" : "MS:1000576",
@@ -300,13 +292,13 @@ void append_activation(std::string& out, const std::string& activation) {
 
 void append_evidence(std::string& out, const MzmlEvidence& evidence) {
     if (evidence.m_declared_mz) {
-        append_user(out, "kSieve declared m/z", number_text(*evidence.m_declared_mz), "xsd:double");
+        append_user(out, "kSieve declared m/z", NumberText(*evidence.m_declared_mz), "xsd:double");
     }
     append_user(out, "kSieve origin", evidence.m_origin, "xsd:string");
     if (evidence.m_score) {
-        append_user(out, "kSieve score", number_text(*evidence.m_score), "xsd:double");
+        append_user(out, "kSieve score", NumberText(*evidence.m_score), "xsd:double");
     }
-    append_user(out, "kSieve purity", number_text(evidence.m_purity), "xsd:double");
+    append_user(out, "kSieve purity", NumberText(evidence.m_purity), "xsd:double");
 }
 
 void append_precursor(std::string& out, const MzmlSpectrum& spectrum, const MzmlPrecursor& ion,
@@ -319,20 +311,20 @@ void append_precursor(std::string& out, const MzmlSpectrum& spectrum, const Mzml
     }
     out += ">\n<isolationWindow>\n";
     append_cv(out, "MS:1000827", "isolation window target m/z",
-              number_text(spectrum.m_isolation_target), kMzUnit);
+              NumberText(spectrum.m_isolation_target), kMzUnit);
     append_cv(out, "MS:1000828", "isolation window lower offset",
-              number_text(spectrum.m_isolation_lower), kMzUnit);
+              NumberText(spectrum.m_isolation_lower), kMzUnit);
     append_cv(out, "MS:1000829", "isolation window upper offset",
-              number_text(spectrum.m_isolation_upper), kMzUnit);
+              NumberText(spectrum.m_isolation_upper), kMzUnit);
     out += "</isolationWindow>\n<selectedIonList count=\"1\">\n<selectedIon>\n";
-    append_cv(out, "MS:1000744", "selected ion m/z", number_text(ion.m_mz), kMzUnit);
+    append_cv(out, "MS:1000744", "selected ion m/z", NumberText(ion.m_mz), kMzUnit);
     append_cv(out, "MS:1000041", "charge state", NumberText(ion.m_charge));
     if (ion.m_intensity) {
-        append_cv(out, "MS:1000042", "peak intensity", number_text(*ion.m_intensity), kCountsUnit);
+        append_cv(out, "MS:1000042", "peak intensity", NumberText(*ion.m_intensity), kCountsUnit);
     }
     if (options.m_monoisotopic_term) {
         append_cv(out, "MS:1003208", "experimental precursor monoisotopic m/z",
-                  number_text(ion.m_mz), kMzUnit);
+                  NumberText(ion.m_mz), kMzUnit);
     }
     if (ion.m_evidence) {
         append_evidence(out, *ion.m_evidence);
@@ -346,13 +338,12 @@ void append_scan(std::string& out, const MzmlSpectrum& spectrum) {
     out += "<scanList count=\"1\">\n";
     append_cv(out, "MS:1000795", "no combination");
     out += "<scan>\n";
-    append_cv(out, "MS:1000016", "scan start time", number_text(spectrum.m_retention_seconds),
+    append_cv(out, "MS:1000016", "scan start time", NumberText(spectrum.m_retention_seconds),
               " unitCvRef=\"UO\" unitAccession=\"UO:0000010\" unitName=\"second\"");
-    append_cv(out, "MS:1000927", "ion injection time", number_text(spectrum.m_ion_injection_ms),
+    append_cv(out, "MS:1000927", "ion injection time", NumberText(spectrum.m_ion_injection_ms),
               " unitCvRef=\"UO\" unitAccession=\"UO:0000028\" unitName=\"millisecond\"");
     if (spectrum.m_faims_cv) {
-        append_cv(out, "MS:1001581", "FAIMS compensation voltage",
-                  number_text(*spectrum.m_faims_cv),
+        append_cv(out, "MS:1001581", "FAIMS compensation voltage", NumberText(*spectrum.m_faims_cv),
                   " unitCvRef=\"UO\" unitAccession=\"UO:0000218\" unitName=\"volt\"");
     }
     out += "</scan>\n</scanList>\n";
@@ -459,7 +450,7 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
     text = "id=\"";
     append_escaped(text, mzml_spectrum_id(spectrum.m_native_id, spectrum.m_scan));
     text += R"(" defaultArrayLength=")";
-    text += count_text(spectrum.m_peaks.size());
+    text += NumberText(spectrum.m_peaks.size());
     text += "\">\n";
     append_cv(text, "MS:1000511", "ms level", NumberText(spectrum.m_ms_level));
     const bool ms1 = spectrum.m_ms_level == 1;
@@ -469,7 +460,7 @@ void format_mzml_spectrum(std::string& text, const MzmlSpectrum& spectrum,
     append_scan(text, spectrum);
     if (!spectrum.m_precursors.empty()) {
         text += R"(<precursorList count=")";
-        text += count_text(spectrum.m_precursors.size());
+        text += NumberText(spectrum.m_precursors.size());
         text += "\">\n";
         for (const MzmlPrecursor& ion : spectrum.m_precursors) {
             append_precursor(text, spectrum, ion, options);
