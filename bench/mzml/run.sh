@@ -2,7 +2,7 @@
 # The cost of the mzML output: kSieve on the 20,000-scan simulated run (seed 1)
 # with output_mzml off and on, at one thread and at the default thread count
 # (every core), and at the default thread count once more with the mzML's
-# arrays uncompressed (mzml_compression = 0), to show the zlib's share; five
+# arrays uncompressed (mzml_compression = 0), to show zlib's share; five
 # runs each (a shared machine's times vary by a fifth from run to run),
 # interleaved. Every run starts without the outputs of the one before:
 # replacing them costs every setting the same few tenths of a second on a disk,
