@@ -95,10 +95,10 @@ struct MzmlRunInfo {
     MzmlOptions m_options;
     // True: m_sources are the `.ms1`/`.ms2` pair, their SHA-1 left empty. The
     // writer reads them for their SHA-1 and foretells one spectrum per scan they
-    // hold, on its own thread, while the first spectra are made;
-    // the header waits for them in memory. With the count foretold the checksum
-    // is made as the file is written; a wrong guess costs a read-back at the end,
-    // as does a file whose sources are given.
+    // hold, on its own thread, while the first spectra are made; the header
+    // waits for them in memory. With the count foretold the checksum is made as
+    // the file is written; a wrong guess costs a read-back at the end, as does a
+    // file whose sources are given.
     bool m_digest_sources = false;
 };
 
